@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Installs every build and test dependency of tevix on Debian 12 with apt-get, skipping what is
+# already present. Safe to run any number of times.
+set -euo pipefail
+
+packages=(
+  build-essential cmake ninja-build pkg-config git
+  libusb-1.0-0-dev libeigen3-dev libzip-dev libcli11-dev
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
+  umockdev libumockdev-dev
+  libopencv-dev
+  clang-14 libclang-rt-14-dev
+  libopenni2-dev libopenni2-0
+  libpng-dev libstb-dev
+  binutils
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "setup: all ${#packages[@]} packages present"
+  exit 0
+fi
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || { echo "setup: need root or sudo to install: ${missing[*]}" >&2; exit 1; }
+  sudo=sudo
+fi
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
