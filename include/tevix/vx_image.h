@@ -1,0 +1,9 @@
+/* Image processing routines: filters, undistortion, point clouds, colour maps and conversions. */
+#ifndef TEVIX_VX_IMAGE_H
+#define TEVIX_VX_IMAGE_H
+
+#include "vx_filter.h"
+#include "vx_pcl.h"
+#include "vx_cmap.h"
+
+#endif
