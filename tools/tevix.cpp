@@ -19,12 +19,18 @@ constexpr int k_exit_usage = 2;
 
 const char *_speed_name(uint8_t speed) {
     switch (speed) {
-        case 1: return "low (1.5 Mbit/s)";
-        case 2: return "full (12 Mbit/s)";
-        case 3: return "high (480 Mbit/s)";
-        case 4: return "super (5 Gbit/s)";
-        case 5: return "super+ (10 Gbit/s)";
-        default: return "unknown";
+        case 1:
+            return "low (1.5 Mbit/s)";
+        case 2:
+            return "full (12 Mbit/s)";
+        case 3:
+            return "high (480 Mbit/s)";
+        case 4:
+            return "super (5 Gbit/s)";
+        case 5:
+            return "super+ (10 Gbit/s)";
+        default:
+            return "unknown";
     }
 }
 

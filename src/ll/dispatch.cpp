@@ -7,11 +7,17 @@ namespace {
 
 const tevix_ll_ops *g_backends[k_backend_count] = {&file_ll_ops, nullptr, &usb_ll_ops, nullptr};
 
-const tevix_ll_ops *_usb() { return g_backends[k_backend_usb]; }
-const tevix_ll_ops *_file() { return g_backends[k_backend_file]; }
+const tevix_ll_ops *_usb() {
+    return g_backends[k_backend_usb];
+}
+const tevix_ll_ops *_file() {
+    return g_backends[k_backend_file];
+}
 
 // The op table that owns an open record, or null.
-const tevix_ll_ops *_ops(tevix_ll_dev_t *dev) { return dev ? dev->ops : nullptr; }
+const tevix_ll_ops *_ops(tevix_ll_dev_t *dev) {
+    return dev ? dev->ops : nullptr;
+}
 
 }  // namespace
 

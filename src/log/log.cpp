@@ -28,9 +28,13 @@ constexpr const char *k_colours[7] = {"\033[36;1m", "\033[37m",   "\033[37;1m", 
                                       "\033[35;1m", "\033[33;1m", "\033[31;1m"};
 constexpr const char *k_colour_reset = "\033[0m";
 
-const char *_colour_of(uint32_t level) { return level < 7 ? k_colours[level] : "\033[31;1m"; }
+const char *_colour_of(uint32_t level) {
+    return level < 7 ? k_colours[level] : "\033[31;1m";
+}
 
-vx_log_t *_ctx_or_default(vx_log_t *ctx) { return ctx ? ctx : &g_default_ctx; }
+vx_log_t *_ctx_or_default(vx_log_t *ctx) {
+    return ctx ? ctx : &g_default_ctx;
+}
 
 char *_dup(const char *s) {
     if (!s) return nullptr;
@@ -144,7 +148,9 @@ void _write(vx_log_t *ctx, uint32_t level, int raw, const char *tag, const char 
 
 extern "C" {
 
-vx_log_t *vx_log_default(void) noexcept { return &g_default_ctx; }
+vx_log_t *vx_log_default(void) noexcept {
+    return &g_default_ctx;
+}
 
 vx_log_t *vx_log_init(vx_log_t *ctx, const char *path, const char *tag) noexcept {
     ctx = _ctx_or_default(ctx);
@@ -275,8 +281,8 @@ void vx_log_hex(vx_log_t *ctx, uint32_t level, const void *data, int len,
     }
 }
 
-void vx_log_memstr(vx_log_t *ctx, uint32_t level, const void *data, uint32_t len,
-                   uint32_t bufsize, int with_prefix) noexcept {
+void vx_log_memstr(vx_log_t *ctx, uint32_t level, const void *data, uint32_t len, uint32_t bufsize,
+                   int with_prefix) noexcept {
     if (!data || len == 0 || bufsize == 0) return;
     char *buf = static_cast<char *>(std::malloc(bufsize));
     if (!buf) return;

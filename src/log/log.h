@@ -11,21 +11,27 @@ namespace tevix::log {
 // The tag call sites use for a level: TRC, DBG (1-3), INF, WRN, ERR.
 constexpr const char *tag_of(uint32_t level) {
     switch (level) {
-        case 0: return "TRC";
+        case 0:
+            return "TRC";
         case 1:
         case 2:
-        case 3: return "DBG";
-        case 4: return "INF";
-        case 5: return "WRN";
-        default: return "ERR";
+        case 3:
+            return "DBG";
+        case 4:
+            return "INF";
+        case 5:
+            return "WRN";
+        default:
+            return "ERR";
     }
 }
 
 }  // namespace tevix::log
 
 // VX_LOG(level, fmt, ...): message reported under the calling function's name.
-#define VX_LOG(level, fmt, ...) \
-    ::vx_log(nullptr, (level), ::tevix::log::tag_of(level), fmt, __func__ __VA_OPT__(, ) __VA_ARGS__)
+#define VX_LOG(level, fmt, ...)                                  \
+    ::vx_log(nullptr, (level), ::tevix::log::tag_of(level), fmt, \
+             __func__ __VA_OPT__(, ) __VA_ARGS__)
 // VX_LOG_AS(level, name, fmt, ...): message reported under another name.
 #define VX_LOG_AS(level, name, fmt, ...) \
     ::vx_log(nullptr, (level), ::tevix::log::tag_of(level), fmt, name __VA_OPT__(, ) __VA_ARGS__)

@@ -10,7 +10,7 @@ namespace tevix::plat {
 struct local_time {
     uint32_t year, month, day;  // month 1..12
     uint32_t hour, minute, second, millisecond;
-    int64_t epoch_seconds;      // seconds since 1970 UTC
+    int64_t epoch_seconds;  // seconds since 1970 UTC
 };
 
 local_time now_local();
@@ -25,9 +25,9 @@ uint32_t thread_id();
 void sleep_ms(uint32_t ms);
 
 // File system: each returns 0 on success, -1 on failure (errno set).
-bool file_exists(const char *path);  // the _access(path, 0) test
-int make_dir(const char *path);      // a single directory level
-int64_t file_size(const char *path); // -1 when it cannot be read
+bool file_exists(const char *path);   // the _access(path, 0) test
+int make_dir(const char *path);       // a single directory level
+int64_t file_size(const char *path);  // -1 when it cannot be read
 int rename_file(const char *from, const char *to);
 int remove_file(const char *path);
 

@@ -48,11 +48,17 @@ uint64_t mono_us() {
         duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count());
 }
 
-uint32_t thread_id() { return static_cast<uint32_t>(syscall(SYS_gettid)); }
+uint32_t thread_id() {
+    return static_cast<uint32_t>(syscall(SYS_gettid));
+}
 
-void sleep_ms(uint32_t ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+void sleep_ms(uint32_t ms) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
 
-bool file_exists(const char *path) { return path && access(path, F_OK) == 0; }
+bool file_exists(const char *path) {
+    return path && access(path, F_OK) == 0;
+}
 
 int make_dir(const char *path) {
     if (!path) {
@@ -63,7 +69,7 @@ int make_dir(const char *path) {
 }
 
 int64_t file_size(const char *path) {
-    struct stat st{};
+    struct stat st {};
     if (!path || stat(path, &st) != 0) return -1;
     return static_cast<int64_t>(st.st_size);
 }
@@ -84,6 +90,8 @@ int remove_file(const char *path) {
     return std::remove(path) == 0 ? 0 : -1;
 }
 
-bool stdout_is_terminal() { return isatty(STDOUT_FILENO) == 1; }
+bool stdout_is_terminal() {
+    return isatty(STDOUT_FILENO) == 1;
+}
 
 }  // namespace tevix::plat
