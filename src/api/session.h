@@ -1,0 +1,80 @@
+// The device session: what the library keeps for one open device, and the guards every public
+// call on a device goes through.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+#include "tevix/tevix.h"
+#include "tevix/tevix_ll.h"
+#include "tevix/tevix_param.h"
+
+struct tevix_drv_t;
+
+// Session of one open device, allocated zeroed at open.
+struct tevix_session {
+    uint32_t type = 0;                  // copy of the record's device type
+    tevix_ll_dev_t ll{};                // backend device record of the connection
+    tevix_dev_t *dev = nullptr;         // back pointer to the public record
+    uint8_t open = 0;                   // cleared by close and failed opens
+    uint8_t capturing = 0;
+    tevix_drv_t *drv = nullptr;         // driver row found for the product
+
+    // Parameter mirror.
+    uint32_t dev_mode = 0;
+    uint32_t cap_mode = 0;
+    uint32_t fps = 0;
+    uint32_t mod_freq[2] = {0, 0};
+    uint32_t intg[2] = {0, 0};
+    uint32_t frame_format = 0;
+
+    std::mutex rec_mtx;                 // guards the recording writer
+    bool recording = false;             // a recording writer is active
+
+    tevix_lens_param_t lens{};
+    bool lens_valid = false;
+};
+
+namespace tevix::api {
+
+// The API mutex of an open record.
+inline std::mutex *api_mutex(tevix_dev_t *dev) { return static_cast<std::mutex *>(dev->api_mutex); }
+
+// True when the record describes an open device; otherwise logs the device-handler line under
+// the caller's name.
+bool dev_check(const tevix_dev_t *dev, const char *caller);
+
+// Holds the record's busy count for the duration of a call on the device.
+class busy_guard {
+public:
+    explicit busy_guard(tevix_dev_t *dev) : dev_(dev) { change(+1); }
+    ~busy_guard() {
+        if (dev_) change(-1);
+    }
+    busy_guard(const busy_guard &) = delete;
+    busy_guard &operator=(const busy_guard &) = delete;
+    // Leaves the count raised when the guard ends (a designed case of the filter calls).
+    void keep_raised() { dev_ = nullptr; }
+
+private:
+    void change(int d) {
+        std::lock_guard<std::mutex> lock(*api_mutex(dev_));
+        dev_->busy = static_cast<uint8_t>(dev_->busy + d);
+    }
+    tevix_dev_t *dev_;
+};
+
+// Writes a numeric property into the active recording (nothing without one).
+void session_record_int(tevix_session *s, const char *name, uint64_t value);
+// Writes a raw property into the active recording (nothing without one).
+void session_record_raw(tevix_session *s, const char *name, const void *data, uint32_t len);
+
+// Attaches an open session to a record over an already chosen backend: the connection's op
+// table and private state come from ll. Used where a device is driven without the full open
+// sequence (driver and transport tests). Returns false when the record already has a session.
+bool session_attach(tevix_dev_t *dev, const tevix_ll_dev_t &ll);
+// Releases what session_attach created.
+void session_detach(tevix_dev_t *dev);
+
+}  // namespace tevix::api
