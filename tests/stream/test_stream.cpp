@@ -1,0 +1,645 @@
+#include <atomic>
+#include <cstring>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "stream/stream_internal.h"
+#include "stream_builder.h"
+#include "test_util.h"
+#include "tevix/vx_log.h"
+#include "tevix/vx_stream.h"
+
+using tevix::test::frame_bytes;
+using tevix::test::make_desc;
+using tevix::test::read_file;
+using tevix::test::stream_builder;
+using tevix::test::temp_dir;
+
+namespace {
+
+struct frame {
+    vx_frame_desc_t desc;
+    std::vector<uint8_t> data;
+};
+
+using stream_ptr = std::unique_ptr<vx_stream_t, void (*)(vx_stream_t *)>;
+
+stream_ptr make_stream(uint32_t cfg = 64) {
+    return {vx_stream_create(&cfg), vx_stream_destroy};
+}
+
+std::vector<frame> fetch_all(vx_stream_t *s) {
+    std::vector<frame> out;
+    for (;;) {
+        // A peek without a destination only counts; a zero-sized one brings the descriptor.
+        vx_frame_desc_t d{};
+        uint8_t none = 0;
+        if (vx_stream_fetch_frames(s, &none, 0, 1, &d, true) == 0) break;
+        std::vector<uint8_t> buf(d.frlen);
+        vx_frame_desc_t again{};
+        EXPECT_EQ(vx_stream_fetch_frames(s, buf.data(), static_cast<int32_t>(buf.size()), 1, &again,
+                                         false),
+                  1u);
+        EXPECT_EQ(std::memcmp(&d, &again, sizeof d), 0);
+        out.push_back({d, std::move(buf)});
+    }
+    return out;
+}
+
+vx_stream_state_t state_of(vx_stream_t *s) {
+    vx_stream_state_t st{};
+    EXPECT_EQ(vx_stream_get_state(s, &st), &st);
+    return st;
+}
+
+// Feeds bytes cut at the given chunk sizes (cycled).
+void feed_chunks(vx_stream_t *s, const std::vector<uint8_t> &b,
+                 const std::vector<uint32_t> &sizes) {
+    size_t pos = 0;
+    for (size_t k = 0; pos < b.size(); ++k) {
+        const auto n =
+            static_cast<uint32_t>(std::min<size_t>(sizes[k % sizes.size()], b.size() - pos));
+        vx_stream_feed_input(s, b.data() + pos, n);
+        pos += n;
+    }
+}
+
+void feed(vx_stream_t *s, const std::vector<uint8_t> &b) {
+    vx_stream_feed_input(s, b.data(), static_cast<uint32_t>(b.size()));
+}
+
+// hdr_fridx: index named by the packet header (the first frame of a multi-frame payload), whose
+// other descriptor fields every frame of the payload carries.
+void expect_frame(const frame &f, uint16_t fridx, uint32_t frlen, int hdr_fridx = -1) {
+    EXPECT_EQ(f.desc.fridx, fridx);
+    EXPECT_EQ(f.desc.frlen, frlen);
+    const auto want = make_desc(frlen, static_cast<uint16_t>(hdr_fridx < 0 ? fridx : hdr_fridx));
+    EXPECT_EQ(f.desc.time, want.time);
+    EXPECT_EQ(f.desc.tcb, want.tcb);
+    EXPECT_TRUE(f.data == frame_bytes(fridx, frlen)) << "frame " << fridx;
+}
+
+// Header fields after mkhdr, with a valid checksum recomputed after a change.
+vx_stream_hdr_t hdr_at(const std::vector<uint8_t> &b, size_t ofs) {
+    vx_stream_hdr_t h;
+    std::memcpy(&h, b.data() + ofs, sizeof h);
+    return h;
+}
+void put_hdr(std::vector<uint8_t> &b, size_t ofs, vx_stream_hdr_t h, bool fix_cksum = true) {
+    std::memcpy(b.data() + ofs, &h, sizeof h);
+    if (fix_cksum) {
+        h.hdr_cksum = vx_stream_hash16(b.data() + ofs, 34, 0);
+        std::memcpy(b.data() + ofs, &h, sizeof h);
+    }
+}
+
+// Every test writes the trace log to a file of its own, so that log lines can be checked.
+class StreamTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        path_ = dir_.file("stream.log");
+        ASSERT_NE(vx_log_init(nullptr, path_.c_str(), "VX"), nullptr);
+        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
+        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, 0, 1);
+    }
+    void TearDown() override { vx_log_uninit(nullptr); }
+
+    std::string log() const { return read_file(path_); }
+    bool logged(const std::string &text) const { return log().find(text) != std::string::npos; }
+    void quiet() { vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_OFF, 1); }
+
+    temp_dir dir_;
+    std::string path_;
+};
+
+TEST(StreamHash, KnownValuesAndSeed) {
+    const uint8_t b[] = {0x01, 0x02};
+    EXPECT_EQ(vx_stream_hash16(b, 2, 0), 0x0403);
+    EXPECT_EQ(vx_stream_hash16(b, 0, 0xBEEF), 0xBEEF);
+    EXPECT_EQ(vx_stream_hash16(nullptr, 5, 0x1234), 0x1234);
+    // Seeding with the hash of a prefix continues the hash.
+    EXPECT_EQ(vx_stream_hash16(b + 1, 1, vx_stream_hash16(b, 1, 0)), 0x0403);
+}
+
+TEST(StreamHash, LongBuffersMatchBytewiseFletcher) {
+    std::mt19937 rng(7);
+    for (uint32_t len : {1u, 4095u, 4096u, 4097u, 20000u}) {
+        std::vector<uint8_t> b(len);
+        for (auto &x : b) x = static_cast<uint8_t>(rng() | 0xF0);  // large bytes stress the sums
+        const auto seed = static_cast<uint16_t>(rng());
+        uint32_t s1 = seed & 0xFF, s2 = seed >> 8;
+        for (uint8_t x : b) {
+            s1 = (s1 + x) % 255;
+            s2 = (s2 + s1) % 255;
+        }
+        EXPECT_EQ(vx_stream_hash16(b.data(), len, seed), s1 | s2 << 8) << len;
+    }
+}
+
+TEST_F(StreamTest, HeaderMakerFields) {
+    auto *os = vx_ostream_create();
+    ASSERT_NE(os, nullptr);
+    uint8_t cfg = 0xFF;
+    EXPECT_EQ(vx_ostream_get_cfg(os, &cfg), &cfg);
+    EXPECT_EQ(cfg, 0);
+    cfg = 1;
+    vx_ostream_set_cfg(os, &cfg);
+
+    const uint32_t payload[3] = {0x01020304u, 0xFFFFFFFFu, 2u};
+    auto d = make_desc(20, 7);
+    uint8_t raw[36];
+    ASSERT_EQ(vx_ostream_mkhdr(os, raw, &d, payload, 11), 11);
+    vx_stream_hdr_t h;
+    std::memcpy(&h, raw, sizeof h);
+    EXPECT_EQ(raw[0], 0xFB);
+    EXPECT_EQ(raw[1], 0x98);
+    EXPECT_EQ(h.idx, 0);
+    EXPECT_EQ(h.len, 11u);
+    EXPECT_EQ(std::memcmp(&h.desc, &d, sizeof d), 0);
+    EXPECT_EQ(h.data_cksum, 0x01020303u);  // two whole words, wrapping
+    EXPECT_EQ(h.flags0, VX_STREAM_FLAG0_BOUND);
+    EXPECT_EQ(h.flags1, VX_STREAM_FLAG1_CKSUM);
+    EXPECT_EQ(h.hdr_cksum, vx_stream_hash16(raw, 34, 0));
+
+    // The same index continues the frame; a new one starts the next.
+    ASSERT_EQ(vx_ostream_mkhdr(os, raw, &d, payload, 9), 9);
+    std::memcpy(&h, raw, sizeof h);
+    EXPECT_EQ(h.idx, 1);
+    EXPECT_EQ(h.flags0, 0);
+    // ofs 20 has reached the frame size: the next piece of "frame 7" starts a frame again.
+    ASSERT_EQ(vx_ostream_mkhdr(os, raw, &d, payload, 3), 3);
+    std::memcpy(&h, raw, sizeof h);
+    EXPECT_EQ(h.flags0, VX_STREAM_FLAG0_BOUND);
+    EXPECT_EQ(h.data_cksum, 0u);
+    EXPECT_TRUE(logged("vx_ostream: ofs 20 > frame size 20, force fr_bound\n"));
+
+    vx_ostream_reset(os);
+    EXPECT_EQ(vx_ostream_get_cfg(os, &cfg), &cfg);
+    EXPECT_EQ(cfg, 1);
+    ASSERT_EQ(vx_ostream_mkhdr(os, raw, &d, payload, 0), 0);
+    std::memcpy(&h, raw, sizeof h);
+    EXPECT_EQ(h.idx, 0);
+    EXPECT_EQ(h.flags0, VX_STREAM_FLAG0_BOUND);
+
+    EXPECT_EQ(vx_ostream_mkhdr(os, raw, &d, payload, -1), -1);
+    EXPECT_EQ(vx_ostream_mkhdr(os, nullptr, &d, payload, 4), -1);
+    EXPECT_EQ(vx_ostream_mkhdr(os, raw, nullptr, payload, 4), -1);
+    EXPECT_EQ(vx_ostream_mkhdr(os, raw, &d, nullptr, 4), -1);
+    EXPECT_EQ(vx_ostream_mkhdr(nullptr, raw, &d, payload, 4), -1);
+    EXPECT_EQ(vx_ostream_get_cfg(nullptr, &cfg), nullptr);
+    vx_ostream_destroy(os);
+    vx_ostream_destroy(nullptr);
+}
+
+// A stream mixing frames that span packets, whole-frame packets and multi-frame packets, behind
+// some garbage without sync bytes.
+std::vector<uint8_t> mixed_stream() {
+    stream_builder b;
+    b.raw({0x00, 0x11, 0x22, 0x98, 0x33});
+    b.frame(0, 1000, 400);
+    b.frame(1, 1000, 1000);
+    b.multi(2, 300, 3);
+    b.frame(5, 77, 77);
+    b.frame(6, 5000, 1536);
+    b.multi(7, 35, 4);
+    b.frame(11, 37, 36);
+    return b.bytes();
+}
+
+TEST_F(StreamTest, EveryChunkingGivesTheSameFramesAndStatistics) {
+    quiet();
+    const auto bytes = mixed_stream();
+    auto ref_s = make_stream();
+    feed(ref_s.get(), bytes);
+    const auto ref_st = state_of(ref_s.get());
+    const auto ref = fetch_all(ref_s.get());
+    ASSERT_EQ(ref.size(), 12u);
+    const uint32_t frlen[12] = {1000, 1000, 300, 300, 300, 77, 5000, 35, 35, 35, 35, 37};
+    const int hdr_fridx[12] = {0, 1, 2, 2, 2, 5, 6, 7, 7, 7, 7, 11};
+    for (uint16_t i = 0; i < 12; ++i) expect_frame(ref[i], i, frlen[i], hdr_fridx[i]);
+    EXPECT_EQ(ref_st.completed, 12u);
+    EXPECT_EQ(ref_st.readied, 12u);
+    EXPECT_EQ(ref_st.ready, 12u);
+    EXPECT_EQ(ref_st.discarded, 0u);
+    EXPECT_EQ(ref_st.discarded_bytes, 5u);
+
+    std::mt19937 rng(1234);
+    std::vector<std::vector<uint32_t>> chunkings = {
+        {1}, {35}, {36}, {37}, {2}, {3}, {7}, {13}, {101}, {997}, {4099}, {3, 5, 7, 11, 13}};
+    for (int r = 0; r < 4; ++r) {
+        std::vector<uint32_t> sizes(50);
+        for (auto &x : sizes) x = 1 + rng() % (r < 2 ? 64 : 3000);
+        chunkings.push_back(sizes);
+    }
+    for (const auto &sizes : chunkings) {
+        SCOPED_TRACE("first chunk size " + std::to_string(sizes[0]));
+        auto s = make_stream();
+        feed_chunks(s.get(), bytes, sizes);
+        const auto st = state_of(s.get());
+        EXPECT_EQ(std::memcmp(&st, &ref_st, 9 * sizeof(uint32_t)), 0);
+        const auto got = fetch_all(s.get());
+        ASSERT_EQ(got.size(), ref.size());
+        for (size_t i = 0; i < got.size(); ++i) {
+            EXPECT_EQ(std::memcmp(&got[i].desc, &ref[i].desc, sizeof(vx_frame_desc_t)), 0);
+            EXPECT_TRUE(got[i].data == ref[i].data) << i;
+        }
+    }
+}
+
+TEST_F(StreamTest, HeaderSplitOverSeveralChunks) {
+    for (const std::vector<uint32_t> &cuts :
+         {std::vector<uint32_t>{10, 26}, {1, 1, 34}, std::vector<uint32_t>(36, 1)}) {
+        stream_builder b;
+        b.frame(3, 64, 64);
+        auto s = make_stream();
+        uint32_t pos = 0;
+        for (uint32_t c : cuts) {
+            EXPECT_FALSE(vx_stream_feed_input(s.get(), b.bytes().data() + pos, c));
+            pos += c;
+        }
+        EXPECT_TRUE(vx_stream_feed_input(s.get(), b.bytes().data() + pos, 64));
+        const auto got = fetch_all(s.get());
+        ASSERT_EQ(got.size(), 1u) << cuts.size();
+        expect_frame(got[0], 3, 64);
+    }
+    EXPECT_TRUE(logged("HDR found: idx/len=0/64(frlen:64,fridx=3,frfmt=2)\n"));
+    EXPECT_TRUE(logged("partial hdr found: 10/26.\n"));
+}
+
+TEST_F(StreamTest, LoneTrailingSyncByteIsKept) {
+    stream_builder b;
+    b.frame(0, 50, 50);
+    b.frame(1, 50, 50);
+    auto &bytes = b.bytes();
+    auto s = make_stream();
+    const uint32_t cut = 86 + 1;  // the first packet and the 0xFB of the second header
+    ASSERT_EQ(bytes[cut - 1], 0xFB);
+    vx_stream_feed_input(s.get(), bytes.data(), cut);
+    EXPECT_TRUE(logged("partial hdr found: 1/35.\n"));
+    vx_stream_feed_input(s.get(), bytes.data() + cut, static_cast<uint32_t>(bytes.size() - cut));
+    const auto got = fetch_all(s.get());
+    ASSERT_EQ(got.size(), 2u);
+    expect_frame(got[1], 1, 50);
+    EXPECT_EQ(state_of(s.get()).discarded_bytes, 0u);
+}
+
+TEST_F(StreamTest, MultiFramePayloadGivesConsecutiveIndices) {
+    stream_builder b;
+    b.multi(0xFFFE, 40, 3);  // the indices wrap at 16 bits
+    b.multi(1, 40, 3);
+    auto s = make_stream();
+    feed(s.get(), b.bytes());
+    const auto got = fetch_all(s.get());
+    ASSERT_EQ(got.size(), 6u);
+    const uint16_t want[] = {0xFFFE, 0xFFFF, 0, 1, 2, 3};
+    for (size_t i = 0; i < 6; ++i) expect_frame(got[i], want[i], 40, i < 3 ? 0xFFFE : 1);
+    // The second packet follows on: frames per packet is 3.
+    EXPECT_FALSE(logged("missing frame"));
+}
+
+TEST_F(StreamTest, RejectedHeadersArePassedOver) {
+    stream_builder good;
+    good.frame(9, 16, 16);
+    const auto packet = good.bytes();
+    const auto base = hdr_at(packet, 0);
+
+    std::vector<std::vector<uint8_t>> bad;
+    for (auto change : {0, 1, 2, 3}) {
+        std::vector<uint8_t> b(packet.begin(), packet.begin() + 36);
+        auto h = base;
+        if (change == 0) h.len = 0;
+        if (change == 1) h.len = 0xA00000;
+        if (change == 2) h.desc.frlen = 0x8000000;
+        if (change == 3) h.desc.frlen = 0;
+        put_hdr(b, 0, h);
+        bad.push_back(b);
+    }
+    std::vector<uint8_t> broken(packet.begin(), packet.begin() + 36);
+    broken[35] ^= 0x01;
+    bad.push_back(broken);
+    // A rejected candidate that overlaps the real header two bytes later.
+    bad.push_back({0xFB, 0x98});
+
+    for (size_t k = 0; k < bad.size(); ++k) {
+        auto bytes = bad[k];
+        bytes.insert(bytes.end(), packet.begin(), packet.end());
+        auto s = make_stream();
+        feed(s.get(), bytes);
+        const auto got = fetch_all(s.get());
+        ASSERT_EQ(got.size(), 1u) << k;
+        expect_frame(got[0], 9, 16);
+        EXPECT_EQ(state_of(s.get()).discarded_bytes, bad[k].size()) << k;
+    }
+}
+
+TEST_F(StreamTest, LengthLimitsAreInclusive) {
+    stream_builder b;
+    b.frame(1, 16, 16);
+    auto bytes = b.bytes();
+    auto h = hdr_at(bytes, 0);
+    h.len = VX_STREAM_LEN_MAX;
+    put_hdr(bytes, 0, h);
+    auto s = make_stream();
+    feed(s.get(), bytes);
+    EXPECT_TRUE(logged("HDR found: idx/len=0/10485759 (frlen:16,fridx=1,frfmt=2,b=1,e=0)\n"));
+    EXPECT_TRUE(logged("raw @ 0/52: sync hdr use 36 [valid=1, len=36, skip=0]\n"));
+}
+
+TEST_F(StreamTest, FirstHeaderAfterResetNeedsFrameBound) {
+    stream_builder b;
+    b.frame(4, 100, 60);  // two packets; only the first carries fr_bound
+    b.frame(5, 100, 100);
+    std::vector<uint8_t> tail(b.bytes().begin() + 96, b.bytes().end());
+    auto s = make_stream();
+    feed(s.get(), tail);
+    EXPECT_TRUE(logged("HDR skip: no fr-bound @ 0/212 \n"));
+    const auto got = fetch_all(s.get());
+    ASSERT_EQ(got.size(), 1u);
+    expect_frame(got[0], 5, 100);
+    EXPECT_EQ(state_of(s.get()).discarded_bytes, 40u);  // the skipped payload
+}
+
+TEST_F(StreamTest, OverflowDropsTheOldestFrames) {
+    stream_builder b;
+    for (uint16_t i = 0; i < 5; ++i) b.frame(i, 32, 32);
+    auto s = make_stream(2);
+    feed(s.get(), b.bytes());
+    const auto st = state_of(s.get());
+    EXPECT_EQ(st.overflow, 3u);
+    EXPECT_EQ(st.ready, 2u);
+    EXPECT_EQ(st.ready_max, 3u);
+    EXPECT_EQ(st.completed, 5u);
+    EXPECT_EQ(st.readied, 5u);
+    EXPECT_EQ(st.discarded_bytes, 3u * 32u);
+    EXPECT_TRUE(logged("discard frames: frame buffer is full (1/3)\n"));
+    EXPECT_TRUE(logged("discard frame: idx = 2\n"));
+    const auto got = fetch_all(s.get());
+    ASSERT_EQ(got.size(), 2u);
+    expect_frame(got[0], 3, 32);
+    expect_frame(got[1], 4, 32);
+    uint32_t cfg = 0;
+    EXPECT_EQ(vx_stream_get_cfg(s.get(), &cfg), &cfg);
+    EXPECT_EQ(cfg, 2u);
+}
+
+TEST_F(StreamTest, DataChecksumMismatchDiscardsAndResynchronises) {
+    stream_builder b(true);
+    b.frame(0, 64, 64);
+    b.frame(1, 64, 32);  // two packets; the second gets corrupted
+    b.frame(2, 64, 64);
+    b.frame(3, 64, 64);
+    auto bytes = b.bytes();
+    bytes[100 + 68 + 36 + 5] ^= 0x40;
+    auto s = make_stream();
+    feed(s.get(), bytes);
+    EXPECT_TRUE(logged("discard frame: verify data checksum failed: sidx=2\n"));
+    EXPECT_TRUE(logged("discard frame: idx = 1\n"));
+    const auto got = fetch_all(s.get());
+    ASSERT_EQ(got.size(), 3u);
+    expect_frame(got[0], 0, 64);
+    expect_frame(got[1], 2, 64);
+    expect_frame(got[2], 3, 64);
+    const auto st = state_of(s.get());
+    EXPECT_EQ(st.discarded, 1u);
+    EXPECT_EQ(st.discarded_bytes, 64u);  // the first half in the node and the corrupted half
+}
+
+TEST_F(StreamTest, DataChecksumIsSummedPerPiece) {
+    quiet();
+    stream_builder b(true);
+    for (uint16_t i = 0; i < 4; ++i) b.frame(i, 400, 400);
+    // Pieces on 4-byte boundaries agree with the producer's sum.
+    auto s = make_stream();
+    feed_chunks(s.get(), b.bytes(), {36, 100, 8, 292});
+    EXPECT_EQ(fetch_all(s.get()).size(), 4u);
+    // Pieces of other sizes leave tail bytes out and fail the check.
+    auto t = make_stream();
+    feed_chunks(t.get(), b.bytes(), {37});
+    EXPECT_EQ(fetch_all(t.get()).size(), 0u);
+    EXPECT_EQ(state_of(t.get()).completed, 0u);
+}
+
+TEST_F(StreamTest, IndexJumpIsLoggedAndTheFrameKept) {
+    stream_builder b;
+    b.frame(0, 20, 20);
+    b.frame(1, 20, 20);
+    b.frame(3, 20, 20);
+    auto s = make_stream();
+    feed(s.get(), b.bytes());
+    EXPECT_TRUE(logged("missing frame: jumpping frame idx (prev=2, cur=3)\n"));
+    const auto got = fetch_all(s.get());
+    ASSERT_EQ(got.size(), 3u);
+    expect_frame(got[2], 3, 20);
+}
+
+TEST_F(StreamTest, BrokenContinuationsDiscardTheFrame) {
+    stream_builder b;
+    b.frame(0, 90, 30);  // packets idx 0, 1, 2
+    b.frame(1, 90, 30);  // 3, 4, 5
+    b.frame(2, 90, 30);  // 6, 7, 8
+    b.frame(3, 90, 30);  // 9, 10, 11
+    b.frame(4, 90, 30);  // 12, 13, 14
+    auto bytes = b.bytes();
+    const size_t pkt = 66;
+    // Packet 4 missing: packet 5 continues frame 1 with a wrong header idx.
+    std::vector<uint8_t> s1(bytes.begin(), bytes.begin() + 4 * pkt);
+    s1.insert(s1.end(), bytes.begin() + 5 * pkt, bytes.end());
+    auto s = make_stream();
+    feed(s.get(), s1);
+    EXPECT_TRUE(logged("discard frame: stream hdr idx not correct (prev=3, cur=5)\n"));
+    auto got = fetch_all(s.get());
+    ASSERT_EQ(got.size(), 4u);
+    expect_frame(got[1], 2, 90);
+    EXPECT_EQ(state_of(s.get()).discarded, 1u);
+
+    // Packet 8 missing: the next header starts frame 3 while frame 2 is incomplete.
+    std::vector<uint8_t> s2(bytes.begin(), bytes.begin() + 8 * pkt);
+    s2.insert(s2.end(), bytes.begin() + 9 * pkt, bytes.end());
+    s = make_stream();
+    feed(s.get(), s2);
+    EXPECT_TRUE(logged("discard frame: frame bound met, prev not complete\n"));
+    got = fetch_all(s.get());
+    ASSERT_EQ(got.size(), 4u);
+    expect_frame(got[2], 3, 90);
+
+    // A continuation that names another frame.
+    auto s3 = bytes;
+    auto h = hdr_at(s3, 4 * pkt);
+    h.desc.fridx = 7;
+    put_hdr(s3, 4 * pkt, h);
+    s = make_stream();
+    feed(s.get(), s3);
+    EXPECT_TRUE(logged("discard frame: frame idx not consist (prev=1, cur=7)\n"));
+    got = fetch_all(s.get());
+    ASSERT_EQ(got.size(), 4u);
+    expect_frame(got[1], 2, 90);
+}
+
+TEST_F(StreamTest, FetchPeekDropAndCut) {
+    stream_builder b;
+    for (uint16_t i = 0; i < 4; ++i) b.frame(i, 10, 10);
+    auto s = make_stream();
+    EXPECT_TRUE(
+        vx_stream_feed_input(s.get(), b.bytes().data(), static_cast<uint32_t>(b.bytes().size())));
+
+    EXPECT_EQ(vx_stream_fetch_frames(s.get(), nullptr, 0, 9, nullptr, true), 4u);
+    EXPECT_EQ(vx_stream_fetch_frames(s.get(), nullptr, 0, 0, nullptr, false), 0u);
+    std::vector<uint8_t> dst(25, 0xEE);
+    vx_frame_desc_t d{};
+    EXPECT_EQ(vx_stream_fetch_frames(s.get(), dst.data(), 25, 3, &d, true), 3u);
+    EXPECT_EQ(d.fridx, 0);
+    auto want = frame_bytes(0, 10);
+    for (uint16_t i : {1, 2}) {
+        const auto f = frame_bytes(i, 10);
+        want.insert(want.end(), f.begin(), f.end());
+    }
+    want.resize(25);
+    EXPECT_TRUE(dst == want);
+    EXPECT_EQ(state_of(s.get()).ready, 4u);
+
+    EXPECT_EQ(vx_stream_fetch_frames(s.get(), nullptr, 0, 2, &d, false), 2u);  // dropped
+    EXPECT_EQ(d.fridx, 0);
+    EXPECT_EQ(state_of(s.get()).ready, 2u);
+    EXPECT_EQ(vx_stream_fetch_frames(s.get(), dst.data(), -5, 1, &d, false), 1u);
+    EXPECT_EQ(d.fridx, 2);
+    EXPECT_EQ(vx_stream_fetch_frames(s.get(), dst.data(), 25, 5, &d, false), 1u);
+    EXPECT_EQ(d.fridx, 3);
+    EXPECT_TRUE(std::equal(dst.begin(), dst.begin() + 10, frame_bytes(3, 10).begin()));
+    EXPECT_EQ(vx_stream_fetch_frames(s.get(), dst.data(), 25, 5, &d, false), 0u);
+}
+
+TEST_F(StreamTest, NodeAllocationFailureDropsTheBytes) {
+    static std::atomic<int> calls{0};
+    static int fail_at = 0;
+    tevix::stream::set_node_alloc(
+        [](size_t n) -> void * { return ++calls == fail_at ? nullptr : std::malloc(n); });
+    stream_builder b;
+    b.multi(0, 20, 3);   // nodes 1, 2 (fails), 3
+    b.frame(3, 20, 10);  // node 4
+    b.frame(4, 20, 20);  // node 5
+    calls = 0;
+    fail_at = 2;
+    auto s = make_stream();
+    feed(s.get(), b.bytes());
+    tevix::stream::set_node_alloc(nullptr);
+    EXPECT_TRUE(logged("malloc failed: 68 bytes\n"));
+    const auto got = fetch_all(s.get());
+    ASSERT_EQ(got.size(), 3u);
+    expect_frame(got[0], 0, 20);
+    expect_frame(got[1], 3, 20);
+    expect_frame(got[2], 4, 20);
+    EXPECT_EQ(state_of(s.get()).discarded_bytes, 40u);
+}
+
+TEST_F(StreamTest, ResetClearsStatisticsAndWaitsForABound) {
+    stream_builder b;
+    b.frame(0, 40, 20);
+    b.frame(1, 40, 20);
+    auto s = make_stream();
+    vx_stream_feed_input(s.get(), b.bytes().data(), 56 + 10);  // frame 0 half done
+    vx_stream_reset(s.get());
+    EXPECT_TRUE(logged(" stream reset\n"));
+    auto st = state_of(s.get());
+    EXPECT_EQ(st.completed, 0u);
+    EXPECT_NE(st.reset_sec, 0u);
+    EXPECT_LT(st.reset_usec, 1000000u);
+    std::vector<uint8_t> rest(b.bytes().begin() + 66, b.bytes().end());
+    feed(s.get(), rest);
+    const auto got = fetch_all(s.get());
+    ASSERT_EQ(got.size(), 1u);
+    expect_frame(got[0], 1, 40);
+    EXPECT_EQ(state_of(s.get()).discarded, 0u);
+}
+
+TEST_F(StreamTest, BadArgumentsAreRefused) {
+    EXPECT_EQ(vx_stream_create(nullptr), nullptr);
+    EXPECT_FALSE(vx_stream_feed_input(nullptr, nullptr, 5));
+    EXPECT_EQ(vx_stream_fetch_frames(nullptr, nullptr, 0, 1, nullptr, false), 0u);
+    vx_stream_state_t st;
+    EXPECT_EQ(vx_stream_get_state(nullptr, &st), nullptr);
+    uint32_t cfg = 3;
+    EXPECT_EQ(vx_stream_get_cfg(nullptr, &cfg), nullptr);
+    vx_stream_set_cfg(nullptr, &cfg);
+    vx_stream_reset(nullptr);
+    vx_stream_destroy(nullptr);
+    auto s = make_stream();
+    EXPECT_FALSE(vx_stream_feed_input(s.get(), nullptr, 100));
+    EXPECT_EQ(vx_stream_get_state(s.get(), nullptr), nullptr);
+    EXPECT_EQ(vx_stream_get_cfg(s.get(), nullptr), nullptr);
+    vx_stream_set_cfg(s.get(), &cfg);
+    EXPECT_EQ(*vx_stream_get_cfg(s.get(), &cfg), 3u);
+}
+
+TEST_F(StreamTest, HostileHeadersKeepMemoryBounded) {
+    quiet();
+    // Headers that declare the largest frame but deliver one byte each: every node is
+    // discarded when the next frame starts, so at most one lives at a time.
+    stream_builder b;
+    auto os = vx_ostream_create();
+    for (uint16_t i = 0; i < 50; ++i) {
+        const auto d = make_desc(VX_STREAM_FRLEN_MAX, i);
+        uint8_t hdr[36];
+        const uint8_t one = 0x5A;
+        vx_ostream_mkhdr(os, hdr, &d, nullptr, 1);
+        b.raw(std::vector<uint8_t>(hdr, hdr + 36));
+        b.raw({one});
+    }
+    vx_ostream_destroy(os);
+    auto s = make_stream();
+    feed(s.get(), b.bytes());
+    const auto st = state_of(s.get());
+    EXPECT_EQ(st.discarded, 49u);
+    EXPECT_EQ(st.ready, 0u);
+}
+
+// One feeder and one fetcher at once, as the event thread and the capture thread run.
+TEST_F(StreamTest, ConcurrentFeederAndFetcher) {
+    quiet();
+    constexpr uint16_t kFrames = 400;
+    constexpr uint32_t kLen = 3000;
+    stream_builder b(true);
+    for (uint16_t i = 0; i < kFrames; ++i) b.frame(i, kLen, i % 3 ? kLen : 1024);
+    const auto bytes = b.bytes();
+    auto s = make_stream(8);
+    std::atomic<bool> done{false};
+    std::thread feeder([&] {
+        size_t pos = 0;
+        std::mt19937 rng(5);
+        while (pos < bytes.size()) {
+            const auto n =
+                static_cast<uint32_t>(std::min<size_t>(4 * (1 + rng() % 2000), bytes.size() - pos));
+            vx_stream_feed_input(s.get(), bytes.data() + pos, n);
+            pos += n;
+        }
+        done = true;
+    });
+    uint32_t fetched = 0;
+    int last = -1;
+    std::vector<uint8_t> buf(kLen);
+    for (;;) {
+        const bool finished = done.load();
+        vx_stream_state_t st;
+        vx_stream_get_state(s.get(), &st);
+        EXPECT_LE(st.ready, 9u);
+        vx_frame_desc_t d{};
+        if (vx_stream_fetch_frames(s.get(), buf.data(), kLen, 1, &d, false) == 1) {
+            EXPECT_GT(static_cast<int>(d.fridx), last);
+            last = d.fridx;
+            EXPECT_TRUE(buf == frame_bytes(d.fridx, kLen)) << d.fridx;
+            ++fetched;
+        } else if (finished) {
+            break;
+        }
+    }
+    feeder.join();
+    const auto st = state_of(s.get());
+    EXPECT_EQ(st.completed, kFrames);
+    EXPECT_EQ(fetched + st.overflow, kFrames);
+    EXPECT_EQ(st.ready, 0u);
+}
+
+}  // namespace
