@@ -1,0 +1,341 @@
+// Colour-map context, single-value colours, the two renderers and histogram equalisation.
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <new>
+
+#include "algo/palettes.h"
+#include "log/log.h"
+#include "tevix/vx_cmap.h"
+
+namespace tevix::cmap {
+namespace {
+
+constexpr float default_range = 4000.0f;
+constexpr int32_t histeq_bins = 256;
+
+std::mutex *lock_of(const vx_cmap_t *ctx) noexcept {
+    return static_cast<std::mutex *>(ctx->lock);
+}
+
+// Locks the context's mutex when it has one (a context that never went through init has none).
+class ctx_guard {
+  public:
+    explicit ctx_guard(const vx_cmap_t *ctx) noexcept : m_(lock_of(ctx)) {
+        if (m_) m_->lock();
+    }
+    ~ctx_guard() {
+        if (m_) m_->unlock();
+    }
+    ctx_guard(const ctx_guard &) = delete;
+    ctx_guard &operator=(const ctx_guard &) = delete;
+
+  private:
+    std::mutex *m_;
+};
+
+inline uint32_t low_byte(float c) noexcept {
+    return static_cast<uint32_t>(static_cast<int32_t>(c)) & 0xFFu;
+}
+
+inline uint32_t pack(uint32_t r, uint32_t g, uint32_t b) noexcept {
+    return r | (g << 8) | (b << 16);
+}
+
+// Entry i of the computed table: three piecewise-linear ramps over x = i / n - 0.25.
+uint32_t table_entry(int32_t i, int32_t n) noexcept {
+    const float x = static_cast<float>(i) / static_cast<float>(n) - 0.25f;
+    const float r = x < 0.125f   ? 0.0f
+                    : x < 0.375f ? (x - 0.125f) * 255.0f * 4.0f
+                    : x < 0.625f ? 255.0f
+                                 : 255.0f - (x - 0.625f) * 510.0f;
+    const float g = x < -0.125f  ? 0.0f
+                    : x < 0.125f ? (x + 0.125f) * 255.0f * 4.0f
+                    : x < 0.375f ? 255.0f
+                                 : 255.0f - (x - 0.375f) * 255.0f / 0.375f;
+    const float b = x < -0.125f  ? (x + 0.375f) * 255.0f * 4.0f
+                    : x < 0.125f ? 255.0f
+                    : x < 0.375f ? 255.0f - (x - 0.125f) * 255.0f * 4.0f
+                                 : 0.0f;
+    return pack(low_byte(r), low_byte(g), low_byte(b));
+}
+
+// Colour at v (0..255) of a palette: rows trunc(v) and min(trunc(v), 253) + 1 blended by the
+// fraction. v beyond the rows is taken as row 255, a NaN or negative v as row 0.
+uint32_t blend(const float *pal, float v) noexcept {
+    int k = 0;
+    float f = 0.0f;
+    if (v >= 256.0f) {
+        k = palette_rows - 1;
+    } else if (v >= 0.0f) {
+        k = static_cast<int>(v);
+        f = v - static_cast<float>(k);
+    }
+    const float *row = pal + k * 3;
+    const float *next = pal + (std::min(k, palette_rows - 3) + 1) * 3;
+    uint32_t c[3];
+    for (int ch = 0; ch < 3; ++ch)
+        c[ch] = static_cast<uint32_t>((next[ch] * f + row[ch] * (1.0f - f)) * 255.0f + 0.5f);
+    return pack(c[0], c[1], c[2]);
+}
+
+const float *current_palette(const vx_cmap_t *ctx) noexcept {
+    ctx_guard g(ctx);
+    return palette(ctx->palette);
+}
+
+inline void put(uint8_t *r, uint8_t *g, uint8_t *b, size_t at, uint32_t c) noexcept {
+    r[at] = static_cast<uint8_t>(c);
+    g[at] = static_cast<uint8_t>(c >> 8);
+    b[at] = static_cast<uint8_t>(c >> 16);
+}
+
+// Per-thread table of the colours of every u16 value of a range, so that large images compute
+// each colour once. Null when it cannot be allocated; the caller then colours pixel by pixel.
+uint32_t *u16_lut() noexcept {
+    thread_local std::unique_ptr<uint32_t[]> lut;
+    if (!lut) lut.reset(new (std::nothrow) uint32_t[65536]);
+    return lut.get();
+}
+
+void render_u16(const float *pal, const uint16_t *src, size_t n, uint8_t *r, uint8_t *g, uint8_t *b,
+                size_t stride, uint16_t min, uint16_t max) noexcept {
+    if (max <= min) {
+        const uint32_t top = blend(pal, 255.0f);
+        for (size_t i = 0; i < n; ++i) put(r, g, b, i * stride, src[i] <= min ? 0u : top);
+        return;
+    }
+    const uint32_t span = static_cast<uint32_t>(max - min);
+    const float scale = 255.0f / static_cast<float>(span);
+    auto colour = [&](uint32_t q) { return blend(pal, static_cast<float>(q) * scale); };
+    uint32_t *lut = span < n ? u16_lut() : nullptr;
+    if (!lut) {
+        for (size_t i = 0; i < n; ++i) {
+            const uint16_t p = src[i];
+            put(r, g, b, i * stride, p <= min ? 0u : colour(std::min(p, max) - min));
+        }
+        return;
+    }
+    lut[0] = 0;
+    for (uint32_t q = 1; q <= span; ++q) lut[q] = colour(q);
+    for (size_t i = 0; i < n; ++i) {
+        const uint16_t p = src[i];
+        put(r, g, b, i * stride, lut[p <= min ? 0 : std::min(p, max) - min]);
+    }
+}
+
+void render_f32(const float *pal, const float *src, size_t n, uint8_t *r, uint8_t *g, uint8_t *b,
+                size_t stride, float min, float max) noexcept {
+    const bool flat = !(max > min);
+    const float scale = 255.0f / (max - min);
+    for (size_t i = 0; i < n; ++i) {
+        const float p = src[i];
+        uint32_t c = 0;
+        if (p > min) c = blend(pal, flat ? 255.0f : (std::min(p, max) - min) * scale);
+        put(r, g, b, i * stride, c);
+    }
+}
+
+bool planes_ok(const vx_cmap_t *ctx, const void *src, const uint8_t *r, const uint8_t *g,
+               const uint8_t *b, int32_t stride) noexcept {
+    return ctx && src && r && g && b && stride >= 1;
+}
+
+// Histogram equalisation shared by both sample types; the levels are floats, truncated on
+// storing into integer pixels. `fatal` selects the process end on a failed histogram allocation.
+template <class T>
+int histeq(T *dst, const T *src, int32_t count, float min, float max, int32_t bins, bool interp,
+           const char *name, bool fatal) noexcept {
+    if (!dst || !src || bins < 1) return -22;
+    if (count < 1) return 0;
+    const size_t n = static_cast<size_t>(count);
+    const size_t nb = static_cast<size_t>(bins);
+    const float range = max - min;
+    const float per_value = static_cast<float>(bins) / range;
+    auto in_range = [&](float p) { return p > min && p < max; };
+    auto position = [&](float p) { return (p - min) * per_value; };
+    auto bin_of = [&](float pos) {
+        return pos < static_cast<float>(nb) ? std::min(static_cast<size_t>(pos), nb - 1) : nb - 1;
+    };
+
+    // Counts of the bins, then their levels, in one block.
+    void *block = std::malloc(nb * (sizeof(uint32_t) + sizeof(float)));
+    if (!block) {
+        VX_LOG_AS(VX_LOG_ERR, name, "[%s]malloc failed\n");
+        if (fatal) std::exit(0);
+        return -12;
+    }
+    auto *hist = static_cast<uint32_t *>(block);
+    auto *level = reinterpret_cast<float *>(hist + nb);
+    std::fill(hist, hist + nb, 0u);
+    size_t outliers = 0;
+    for (size_t i = 0; i < n; ++i) {
+        const float p = static_cast<float>(src[i]);
+        if (in_range(p))
+            ++hist[bin_of(position(p))];
+        else
+            ++outliers;
+    }
+    const float norm = static_cast<float>(n - outliers) + 0.001f;
+    size_t running = 0;
+    for (size_t k = 0; k < nb; ++k) {
+        running += hist[k];
+        level[k] = static_cast<float>(running) * range / norm + min;
+    }
+    for (size_t i = 0; i < n; ++i) {
+        const float p = static_cast<float>(src[i]);
+        float out = 0.0f;
+        if (in_range(p)) {
+            const float pos = position(p);
+            const size_t k = bin_of(pos);
+            out = level[k];
+            if (interp) {
+                const float f = std::min(pos - static_cast<float>(k), 1.0f);
+                out += (level[std::min(k + 1, nb - 1)] - level[k]) * f;
+            }
+        }
+        dst[i] = static_cast<T>(out);
+    }
+    std::free(block);
+    return 0;
+}
+
+}  // namespace
+}  // namespace tevix::cmap
+
+using namespace tevix::cmap;
+
+extern "C" int vx_cmap_init(vx_cmap_t *ctx, int32_t n) noexcept {
+    if (!ctx) return -22;
+    *ctx = vx_cmap_t{};
+    auto *lock = new (std::nothrow) std::mutex;
+    uint32_t *table = nullptr;
+    if (lock && n >= 1) table = static_cast<uint32_t *>(std::malloc(static_cast<size_t>(n) * 4));
+    if (!lock || (n >= 1 && !table)) {
+        VX_ERR("[%s]malloc failed\n");
+        delete lock;
+        return -12;
+    }
+    for (int32_t i = 0; i < n; ++i) table[i] = table_entry(i, n);
+    ctx->range_min = 0.0f;
+    ctx->range_max = default_range;
+    ctx->table_scale = static_cast<float>(n) / default_range;
+    ctx->color_scale = 255.0f / default_range;
+    ctx->lookup_scale = ctx->color_scale;
+    ctx->table = table;
+    ctx->n = n;
+    ctx->palette = 0;
+    ctx->lock = lock;
+    return 0;
+}
+
+extern "C" void vx_cmap_uninit(vx_cmap_t *ctx) noexcept {
+    if (!ctx) return;
+    std::free(ctx->table);
+    delete lock_of(ctx);
+    *ctx = vx_cmap_t{};
+}
+
+extern "C" void vx_cmap_set_range(vx_cmap_t *ctx, float a, float b) noexcept {
+    if (!ctx || std::isnan(a) || std::isnan(b)) return;
+    const float d = b - a;
+    if (d == 0.0f) {
+        ctx->color_scale = 255.0f;
+        ctx->lookup_scale = 255.0f;
+        ctx->table_scale = static_cast<float>(ctx->n);
+        return;
+    }
+    ctx->range_min = std::min(a, b);
+    ctx->range_max = std::max(a, b);
+    ctx->color_scale = 255.0f / std::fabs(d);
+    ctx->lookup_scale = ctx->color_scale;
+    ctx->table_scale = static_cast<float>(ctx->n) / std::fabs(d);
+}
+
+extern "C" bool vx_cmap_set_palette(vx_cmap_t *ctx, uint32_t id) noexcept {
+    if (!ctx || id >= palette_count) return false;
+    ctx_guard g(ctx);
+    ctx->palette = id;
+    return true;
+}
+
+extern "C" uint32_t vx_cmap_get_palette(vx_cmap_t *ctx) noexcept {
+    if (!ctx) return 0;
+    ctx_guard g(ctx);
+    return ctx->palette;
+}
+
+extern "C" uint32_t vx_cmap_get_color(vx_cmap_t *ctx, int32_t value) noexcept {
+    if (value == static_cast<int32_t>(VX_CMAP_MARK_BLACK)) return 0x000000u;
+    if (value == static_cast<int32_t>(VX_CMAP_MARK_PURPLE)) return 0x8000FFu;
+    if (value == static_cast<int32_t>(VX_CMAP_MARK_INVALID)) return 0xFF0EA9u;
+    if (!ctx) return 0;
+    ctx_guard g(ctx);
+    const float v = static_cast<float>(value);
+    if (v <= ctx->range_min || v > ctx->range_max) return 0;
+    if (ctx->palette == 0) {
+        if (!ctx->table || ctx->n < 1) return 0;
+        const double step = std::trunc(std::trunc(v - ctx->range_min) * ctx->table_scale);
+        const double index = static_cast<double>(ctx->n) - step;
+        if (!(index > 0.0)) return ctx->table[0];
+        return ctx->table[index >= ctx->n - 1 ? ctx->n - 1 : static_cast<int32_t>(index)];
+    }
+    return blend(palette(ctx->palette), (v - ctx->range_min) * ctx->lookup_scale);
+}
+
+extern "C" int vx_cmap_u16_to_rgb(vx_cmap_t *ctx, const uint16_t *src, int32_t count, uint8_t *r,
+                                  uint8_t *g, uint8_t *b, int32_t stride, uint16_t min,
+                                  uint16_t max, int histeq) noexcept {
+    if (!planes_ok(ctx, src, r, g, b, stride)) return -22;
+    if (count < 1) return 0;
+    const float *pal = current_palette(ctx);
+    if (histeq) {
+        // The equalised copy is made but, as the colours come from the original pixels, unused.
+        auto *tmp = static_cast<uint16_t *>(std::malloc(static_cast<size_t>(count) * 2));
+        if (!tmp) {
+            VX_ERR("[%s]malloc failed\n");
+        } else {
+            vx_cmap_histeq_u16(tmp, src, count, min, max, histeq_bins, 1);
+            std::free(tmp);
+        }
+    }
+    render_u16(pal, src, static_cast<size_t>(count), r, g, b, static_cast<size_t>(stride), min,
+               max);
+    return 0;
+}
+
+extern "C" int vx_cmap_f32_to_rgb(vx_cmap_t *ctx, const float *src, int32_t count, uint8_t *r,
+                                  uint8_t *g, uint8_t *b, int32_t stride, float min, float max,
+                                  int histeq) noexcept {
+    if (!planes_ok(ctx, src, r, g, b, stride)) return -22;
+    if (count < 1) return 0;
+    const float *pal = current_palette(ctx);
+    std::unique_ptr<float, decltype(&std::free)> tmp(nullptr, &std::free);
+    if (histeq) {
+        tmp.reset(static_cast<float *>(std::malloc(static_cast<size_t>(count) * sizeof(float))));
+        if (!tmp) {
+            VX_ERR("[%s]malloc failed\n");
+            return -12;
+        }
+        vx_cmap_histeq_f32(tmp.get(), src, count, min, max, histeq_bins, 1);
+        src = tmp.get();
+    }
+    render_f32(pal, src, static_cast<size_t>(count), r, g, b, static_cast<size_t>(stride), min,
+               max);
+    return 0;
+}
+
+extern "C" int vx_cmap_histeq_u16(uint16_t *dst, const uint16_t *src, int32_t count, uint16_t min,
+                                  uint16_t max, int32_t bins, int interp) noexcept {
+    return histeq(dst, src, count, static_cast<float>(min), static_cast<float>(max), bins,
+                  interp != 0, "vx_cmap_histeq_u16", false);
+}
+
+extern "C" int vx_cmap_histeq_f32(float *dst, const float *src, int32_t count, float min, float max,
+                                  int32_t bins, int interp) noexcept {
+    return histeq(dst, src, count, min, max, bins, interp != 0, "vx_cmap_histeq_f32", true);
+}
