@@ -1,0 +1,192 @@
+// Recursive Gaussian after Young and van Vliet (third order, one forward and one backward sweep
+// per axis) applied as normalised convolution: the same filter smooths the image with invalid
+// pixels set to 0 and the validity mask, and their ratio is the result. Sums are kept in double,
+// since the poles approach 1 for wide kernels. The sweeps start from zero state, which the
+// normalisation turns into a correct weighting at the borders.
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <new>
+#include <vector>
+
+#include "algo/simd.h"
+#include "algo/vec.h"
+#include "tevix/vx_filter.h"
+
+namespace {
+
+using tevix::algo::f64x2;
+using tevix::algo::f64x4;
+using tevix::algo::load;
+using tevix::algo::splat;
+using tevix::algo::store;
+
+struct yvv {
+    bool on = false;
+    double B = 0, b1 = 0, b2 = 0, b3 = 0;  // w[n] = B x[n] + b1 w[n-1] + b2 w[n-2] + b3 w[n-3]
+};
+
+yvv _coefficients(double sigma) {
+    yvv c;
+    if (!(sigma >= 0.5)) return c;
+    const double q = sigma >= 2.5 ? 0.98711 * sigma - 0.96330
+                                  : 3.97156 - 4.14554 * std::sqrt(1.0 - 0.26891 * sigma);
+    const double q2 = q * q, q3 = q2 * q;
+    const double b0 = 1.57825 + 2.44413 * q + 1.4281 * q2 + 0.422205 * q3;
+    c.b1 = (2.44413 * q + 2.85619 * q2 + 1.26661 * q3) / b0;
+    c.b2 = -(1.4281 * q2 + 1.26661 * q3) / b0;
+    c.b3 = 0.422205 * q3 / b0;
+    c.B = 1.0 - (c.b1 + c.b2 + c.b3);
+    c.on = true;
+    return c;
+}
+
+struct work {
+    double *num, *den;  // width x height each
+    double *line;       // 4 x 4 x width: signal, mask, and their forward sums, for 4 rows
+};
+
+template <class V>
+VX_INLINE V _step(const yvv &k, const V &x, const V &w1, const V &w2, const V &w3) {
+    return splat<V>(k.B) * x + ((splat<V>(k.b1) * w1 + splat<V>(k.b2) * w2) + splat<V>(k.b3) * w3);
+}
+
+// Horizontal sweeps over L rows side by side (lane l is row r0 + l).
+template <class V>
+VX_INLINE void _rows(const yvv &k, const uint16_t *img, uint32_t w, const work &t, uint32_t r0) {
+    constexpr uint32_t L = sizeof(V) / sizeof(double);
+    double *xs = t.line, *ms = xs + size_t(w) * L;
+    for (uint32_t l = 0; l < L; ++l) {
+        const uint16_t *row = img + size_t(r0 + l) * w;
+        for (uint32_t x = 0; x < w; ++x) {
+            const bool ok = row[x] != 0 && row[x] != VX_DIST_INVALID;
+            xs[x * L + l] = ok ? row[x] : 0.0;
+            ms[x * L + l] = ok ? 1.0 : 0.0;
+        }
+    }
+    V x1{}, x2{}, x3{}, m1{}, m2{}, m3{};
+    for (uint32_t x = 0; x < w; ++x) {
+        const V xn = _step(k, load<V>(xs + x * L), x1, x2, x3);
+        const V mn = _step(k, load<V>(ms + x * L), m1, m2, m3);
+        store(xs + x * L, xn);
+        store(ms + x * L, mn);
+        x3 = x2, x2 = x1, x1 = xn;
+        m3 = m2, m2 = m1, m1 = mn;
+    }
+    x1 = x2 = x3 = m1 = m2 = m3 = V{};
+    for (uint32_t x = w; x-- > 0;) {
+        const V xn = _step(k, load<V>(xs + x * L), x1, x2, x3);
+        const V mn = _step(k, load<V>(ms + x * L), m1, m2, m3);
+        store(xs + x * L, xn);
+        store(ms + x * L, mn);
+        x3 = x2, x2 = x1, x1 = xn;
+        m3 = m2, m2 = m1, m1 = mn;
+    }
+    for (uint32_t l = 0; l < L; ++l) {
+        double *num = t.num + size_t(r0 + l) * w, *den = t.den + size_t(r0 + l) * w;
+        for (uint32_t x = 0; x < w; ++x) {
+            num[x] = xs[x * L + l];
+            den[x] = ms[x * L + l];
+        }
+    }
+}
+
+template <class V>
+VX_INLINE V _at(const double *p, uint32_t x) {
+    return p ? load<V>(p + x) : V{};
+}
+
+// Results stay valid values: never 0 and never the invalid marker.
+VX_INLINE void _put(uint16_t *img, const double *den, size_t j, double v) {
+    const uint16_t c = img[j];
+    if (c == 0 || c == VX_DIST_INVALID || !(den[j] > 1e-12)) return;
+    const long r = std::clamp(std::lround(v), 1L, 65535L);
+    img[j] = uint16_t(r == VX_DIST_INVALID ? VX_DIST_INVALID - 1 : r);
+}
+
+// One vertical sweep over a whole image in place; dir +1 runs top to bottom, -1 bottom to top.
+template <class V>
+VX_INLINE void _cols(const yvv &k, double *img, uint32_t w, uint32_t h, int dir) {
+    constexpr uint32_t L = sizeof(V) / sizeof(double);
+    const std::ptrdiff_t step = dir * std::ptrdiff_t(w);
+    for (uint32_t i = 0; i < h; ++i) {
+        const uint32_t y = dir > 0 ? i : h - 1 - i;
+        double *row = img + size_t(y) * w;
+        const double *p1 = i >= 1 ? row - step : nullptr;
+        const double *p2 = i >= 2 ? row - 2 * step : nullptr;
+        const double *p3 = i >= 3 ? row - 3 * step : nullptr;
+        uint32_t x = 0;
+        for (; x + L <= w; x += L)
+            store(row + x, _step(k, load<V>(row + x), _at<V>(p1, x), _at<V>(p2, x), _at<V>(p3, x)));
+        for (; x < w; ++x)
+            row[x] = _step(k, row[x], p1 ? p1[x] : 0.0, p2 ? p2[x] : 0.0, p3 ? p3[x] : 0.0);
+    }
+}
+
+template <class V>
+VX_INLINE void _filter(uint16_t *img, uint32_t w, uint32_t h, const yvv &kx, const yvv &ky,
+                       const work &t) {
+    constexpr uint32_t L = sizeof(V) / sizeof(double);
+    uint32_t r = 0;
+    for (; r + L <= h; r += L) _rows<V>(kx, img, w, t, r);
+    for (; r < h; ++r) _rows<double>(kx, img, w, t, r);
+    if (ky.on) {
+        for (double *plane : {t.num, t.den}) {
+            _cols<V>(ky, plane, w, h, +1);
+            _cols<V>(ky, plane, w, h, -1);
+        }
+    }
+    const size_t n = size_t(w) * h;
+    size_t i = 0;
+    double q[L];
+    for (; i + L <= n; i += L) {
+        store(q, load<V>(t.num + i) / load<V>(t.den + i));
+        for (uint32_t l = 0; l < L; ++l) _put(img, t.den, i + l, q[l]);
+    }
+    for (; i < n; ++i) _put(img, t.den, i, t.num[i] / t.den[i]);
+}
+
+void _run_scalar(uint16_t *img, uint32_t w, uint32_t h, const yvv &kx, const yvv &ky,
+                 const work &t) {
+    _filter<double>(img, w, h, kx, ky, t);
+}
+VX_TARGET_SSE41 void _run_sse41(uint16_t *img, uint32_t w, uint32_t h, const yvv &kx, const yvv &ky,
+                                const work &t) {
+    _filter<f64x2>(img, w, h, kx, ky, t);
+}
+VX_TARGET_AVX2 void _run_avx2(uint16_t *img, uint32_t w, uint32_t h, const yvv &kx, const yvv &ky,
+                              const work &t) {
+    _filter<f64x4>(img, w, h, kx, ky, t);
+}
+
+}  // namespace
+
+extern "C" bool vx_gauss2d_iir_u16(uint16_t *img, uint32_t width, uint32_t height,
+                                   float sigma) noexcept {
+    if (!img || width == 0 || height == 0) return false;
+    yvv kx = _coefficients(double(sigma) * width);
+    const yvv ky = _coefficients(double(sigma) * height);
+    if (!kx.on && !ky.on) return true;
+    if (!kx.on) kx = yvv{true, 1.0, 0.0, 0.0, 0.0};  // identity: the rows only fill the planes
+    // Kept per thread and reused: steady use allocates nothing.
+    thread_local std::vector<double> scratch;
+    const size_t n = size_t(width) * height;
+    try {
+        if (scratch.size() < 2 * n + 32 * size_t(width)) scratch.resize(2 * n + 32 * size_t(width));
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    const work t{scratch.data(), scratch.data() + n, scratch.data() + 2 * n};
+    switch (tevix::simd::active()) {
+        case tevix::simd::level::avx2:
+            _run_avx2(img, width, height, kx, ky, t);
+            break;
+        case tevix::simd::level::sse41:
+            _run_sse41(img, width, height, kx, ky, t);
+            break;
+        default:
+            _run_scalar(img, width, height, kx, ky, t);
+            break;
+    }
+    return true;
+}

@@ -1,0 +1,146 @@
+// Shared pieces of the in-place spatial filters on u16 distance images: validity, a padded
+// per-thread copy of the input, a row driver that runs a kernel over vectors and a scalar tail,
+// and compile-time sorting networks for the rank filters.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "algo/simd.h"
+#include "algo/vec.h"
+#include "tevix/vx_filter.h"
+
+namespace tevix::algo {
+
+// 0 and the invalid marker mean "no measurement". The result is a lane mask (all ones or zero),
+// for scalars too, so ~, & and | combine masks alike on every path.
+template <class V>
+VX_INLINE auto is_invalid(const V &v) {
+    return (v == splat<V>(uint16_t(0))) | (v == splat<V>(uint16_t(VX_DIST_INVALID)));
+}
+VX_INLINE int is_invalid(uint16_t v) {
+    return -int(v == 0 || v == VX_DIST_INVALID);
+}
+
+// Input copy with a border of `pad` invalid (0) pixels on every side, kept per thread.
+struct padded {
+    const uint16_t *origin = nullptr;  // pixel (0, 0)
+    size_t stride = 0;
+};
+
+// Copies img into the calling thread's scratch; false when it cannot be allocated.
+bool make_padded(const uint16_t *img, uint32_t width, uint32_t height, uint32_t pad,
+                 padded &out) noexcept;
+
+// Runs kernel(V-typed lane) over every pixel of the image: whole vectors of V from the left, the
+// remainder pixel by pixel as scalars. The kernel reads the padded copy and returns the new value.
+template <class V, class K>
+VX_INLINE void for_each_pixel(uint16_t *img, uint32_t width, uint32_t height, const padded &p,
+                              K &&kernel) {
+    constexpr uint32_t L = sizeof(V) / sizeof(uint16_t);
+    for (uint32_t y = 0; y < height; ++y) {
+        const uint16_t *row = p.origin + y * p.stride;
+        uint16_t *out = img + size_t(y) * width;
+        uint32_t x = 0;
+        if constexpr (L > 1) {
+            for (; x + L <= width; x += L)
+                store(out + x, kernel.template run<V>(row + x, p.stride));
+        }
+        for (; x < width; ++x) out[x] = kernel.template run<uint16_t>(row + x, p.stride);
+    }
+}
+
+// Dispatches a kernel to the widest enabled variant; each variant is one instantiation of
+// for_each_pixel inside a function carrying the target attribute.
+#define VX_SPATIAL_DISPATCH(kernel_type, img, width, height, pad_px, ...)              \
+    do {                                                                               \
+        ::tevix::algo::padded p_;                                                      \
+        if (!::tevix::algo::make_padded(img, width, height, pad_px, p_)) return false; \
+        const kernel_type k_{__VA_ARGS__};                                             \
+        switch (::tevix::simd::active()) {                                             \
+            case ::tevix::simd::level::avx2:                                           \
+                _run_avx2(img, width, height, p_, k_);                                 \
+                break;                                                                 \
+            case ::tevix::simd::level::sse41:                                          \
+                _run_sse41(img, width, height, p_, k_);                                \
+                break;                                                                 \
+            default:                                                                   \
+                _run_scalar(img, width, height, p_, k_);                               \
+                break;                                                                 \
+        }                                                                              \
+    } while (0)
+
+#define VX_SPATIAL_VARIANTS(kernel_type)                                                    \
+    void _run_scalar(uint16_t *img, uint32_t w, uint32_t h, const ::tevix::algo::padded &p, \
+                     const kernel_type &k) {                                                \
+        ::tevix::algo::for_each_pixel<uint16_t>(img, w, h, p, k);                           \
+    }                                                                                       \
+    VX_TARGET_SSE41 void _run_sse41(uint16_t *img, uint32_t w, uint32_t h,                  \
+                                    const ::tevix::algo::padded &p, const kernel_type &k) { \
+        ::tevix::algo::for_each_pixel<::tevix::algo::u16x8>(img, w, h, p, k);               \
+    }                                                                                       \
+    VX_TARGET_AVX2 void _run_avx2(uint16_t *img, uint32_t w, uint32_t h,                    \
+                                  const ::tevix::algo::padded &p, const kernel_type &k) {   \
+        ::tevix::algo::for_each_pixel<::tevix::algo::u16x16>(img, w, h, p, k);              \
+    }
+
+// Comparator list of Batcher's odd-even merge sort for n inputs, reduced to the comparators that
+// influence the first m outputs (inputs beyond n act as +infinity and never move).
+struct sort_net {
+    std::array<std::pair<uint8_t, uint8_t>, 256> cmp{};
+    size_t count = 0;
+};
+
+constexpr sort_net make_sort_net(uint32_t n, uint32_t m) {
+    sort_net all;
+    uint32_t p2 = 1;
+    while (p2 < n) p2 <<= 1;
+    for (uint32_t p = 1; p < p2; p <<= 1)
+        for (uint32_t k = p; k >= 1; k >>= 1)
+            for (uint32_t j = k % p; j + k < p2; j += 2 * k)
+                for (uint32_t i = 0; i < k && i + j + k < p2; ++i)
+                    if ((i + j) / (2 * p) == (i + j + k) / (2 * p) && i + j + k < n)
+                        all.cmp[all.count++] = {uint8_t(i + j), uint8_t(i + j + k)};
+    bool need[64] = {};
+    for (uint32_t i = 0; i < m; ++i) need[i] = true;
+    bool keep[256] = {};
+    for (size_t c = all.count; c-- > 0;) {
+        const auto [a, b] = all.cmp[c];
+        if (need[a] || need[b]) keep[c] = need[a] = need[b] = true;
+    }
+    sort_net net;
+    for (size_t c = 0; c < all.count; ++c)
+        if (keep[c]) net.cmp[net.count++] = all.cmp[c];
+    return net;
+}
+
+template <class V>
+VX_INLINE void _cmpx(V &a, V &b) {
+    const V lo = vmin(a, b);
+    b = vmax(a, b);
+    a = lo;
+}
+
+template <const sort_net &Net, class V, size_t... I>
+VX_INLINE void _apply_net(V *v, std::index_sequence<I...>) {
+    (_cmpx(v[Net.cmp[I].first], v[Net.cmp[I].second]), ...);
+}
+
+// Sorts v so that its first m entries are the m smallest in ascending order.
+template <const sort_net &Net, class V>
+VX_INLINE void apply_net(V *v) {
+    _apply_net<Net>(v, std::make_index_sequence<Net.count>{});
+}
+
+// v[idx] per lane for idx in 0 .. last (other lanes get v[0]).
+template <class V>
+VX_INLINE V select_rank(const V *v, const V &idx, uint32_t last) {
+    V r = v[0];
+    for (uint32_t k = 1; k <= last; ++k) r = idx == splat<V>(uint16_t(k)) ? v[k] : r;
+    return r;
+}
+
+}  // namespace tevix::algo

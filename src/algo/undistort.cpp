@@ -1,0 +1,165 @@
+// Lens undistortion through a per-pixel map. For each pixel (u, v) of the undistorted image the
+// normalised ray x = (u - cx) / fx, y = (v - cy) / fy is distorted with the Brown-Conrady model
+// (radial k1, k2, k3 with the rational k4..k6, tangential p1, p2, thin prism s1..s4) and projected
+// back with the same intrinsics: that is where the distorted source image saw the pixel.
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "tevix/vx_filter.h"
+
+namespace {
+
+void _free_buffers(vx_calib_len_map_t *m) {
+    std::free(m->map_x);
+    std::free(m->map_y);
+    std::free(m->nearest);
+    std::free(m->scratch);
+    m->map_x = m->map_y = nullptr;
+    m->nearest = nullptr;
+    m->scratch = nullptr;
+}
+
+bool _same_lens(const vx_calib_len_map_t *m, const vx_lens_t *lens, uint32_t w, uint32_t h) {
+    if (m->width != w || m->height != h || !m->map_x) return false;
+    if (m->lens_cx != lens->cx || m->lens_cy != lens->cy || m->lens_fx != lens->fx ||
+        m->lens_fy != lens->fy || m->lens_width != lens->width || m->lens_height != lens->height)
+        return false;
+    const uint32_t n = std::min<uint32_t>(lens->n_dcoef, 16);
+    if (m->n_dcoef != n) return false;
+    for (uint32_t i = 0; i < n; ++i)
+        if (m->dcoef[i] != lens->dcoef[i]) return false;
+    return true;
+}
+
+void _build(vx_calib_len_map_t *m) {
+    const double *k = m->dcoef;
+    const double k1 = k[0], k2 = k[1], p1 = k[2], p2 = k[3], k3 = k[4], k4 = k[5], k5 = k[6],
+                 k6 = k[7], s1 = k[8], s2 = k[9], s3 = k[10], s4 = k[11];
+    const uint32_t w = m->width, h = m->height;
+    for (uint32_t v = 0; v < h; ++v) {
+        const double y = (v - m->cy) / m->fy;
+        for (uint32_t u = 0; u < w; ++u) {
+            const double x = (u - m->cx) / m->fx;
+            const double r2 = x * x + y * y, r4 = r2 * r2, r6 = r4 * r2;
+            const double radial =
+                (1 + k1 * r2 + k2 * r4 + k3 * r6) / (1 + k4 * r2 + k5 * r4 + k6 * r6);
+            const double xd =
+                x * radial + 2 * p1 * x * y + p2 * (r2 + 2 * x * x) + s1 * r2 + s2 * r4;
+            const double yd =
+                y * radial + p1 * (r2 + 2 * y * y) + 2 * p2 * x * y + s3 * r2 + s4 * r4;
+            const double sx = m->fx * xd + m->cx, sy = m->fy * yd + m->cy;
+            const size_t i = size_t(v) * w + u;
+            m->map_x[i] = float(sx);
+            m->map_y[i] = float(sy);
+            const double nx = std::floor(sx + 0.5), ny = std::floor(sy + 0.5);
+            const bool inside = nx >= 0 && ny >= 0 && nx < w && ny < h;
+            m->nearest[i] = inside ? int32_t(ny * w + nx) : -1;
+        }
+    }
+}
+
+// Bilinear only where all four samples are real values; else the nearest sample.
+float _bilinear(const vx_calib_len_map_t *m, const float *src, size_t i) {
+    const int32_t near = m->nearest[i];
+    if (near < 0) return 0.0f;
+    const float sx = m->map_x[i], sy = m->map_y[i];
+    const float fx0 = std::floor(sx), fy0 = std::floor(sy);
+    const int x0 = int(fx0), y0 = int(fy0);
+    const uint32_t w = m->width, h = m->height;
+    if (x0 < 0 || y0 < 0 || x0 + 1 >= int(w) || y0 + 1 >= int(h)) return src[near];
+    const float *p = src + size_t(y0) * w + x0;
+    const float a = p[0], b = p[1], c = p[w], d = p[w + 1];
+    const bool real = a != 0 && b != 0 && c != 0 && d != 0 && std::isfinite(a) &&
+                      std::isfinite(b) && std::isfinite(c) && std::isfinite(d);
+    if (!real) return src[near];
+    const float tx = sx - fx0, ty = sy - fy0;
+    return (a * (1 - tx) + b * tx) * (1 - ty) + (c * (1 - tx) + d * tx) * ty;
+}
+
+}  // namespace
+
+extern "C" void vx_calib_len_uninit_map(vx_calib_len_map_t *map) noexcept {
+    if (!map) return;
+    _free_buffers(map);
+    std::memset(map, 0, sizeof(*map));
+}
+
+extern "C" bool vx_calib_len_init_map(vx_calib_len_map_t *map, const vx_lens_t *lens,
+                                      uint32_t width, uint32_t height) noexcept {
+    if (!map) return false;
+    std::memset(map, 0, sizeof(*map));
+    if (!lens || width == 0 || height == 0 || (lens->n_dcoef && !lens->dcoef)) return false;
+    // A binned image sees the lens through whole-number factors; other sizes do not match it.
+    if (lens->width == 0 || lens->height == 0 || lens->width % width || lens->height % height)
+        return false;
+    const double dx = lens->width / width, dy = lens->height / height;
+    if (!(lens->fx > 0) || !(lens->fy > 0)) return false;
+    map->width = width;
+    map->height = height;
+    map->cx = lens->cx / dx;
+    map->cy = lens->cy / dy;
+    map->fx = lens->fx / dx;
+    map->fy = lens->fy / dy;
+    map->n_dcoef = std::min<uint32_t>(lens->n_dcoef, 16);
+    for (uint32_t i = 0; i < map->n_dcoef; ++i) map->dcoef[i] = lens->dcoef[i];
+    map->lens_cx = lens->cx;
+    map->lens_cy = lens->cy;
+    map->lens_fx = lens->fx;
+    map->lens_fy = lens->fy;
+    map->lens_width = lens->width;
+    map->lens_height = lens->height;
+    const size_t n = size_t(width) * height;
+    map->map_x = static_cast<float *>(std::malloc(n * sizeof(float)));
+    map->map_y = static_cast<float *>(std::malloc(n * sizeof(float)));
+    map->nearest = static_cast<int32_t *>(std::malloc(n * sizeof(int32_t)));
+    map->scratch = std::malloc(n * sizeof(float));
+    if (!map->map_x || !map->map_y || !map->nearest || !map->scratch) {
+        vx_calib_len_uninit_map(map);
+        return false;
+    }
+    _build(map);
+    return true;
+}
+
+extern "C" bool vx_calib_len_update_map(vx_calib_len_map_t *map, const vx_lens_t *lens,
+                                        uint32_t width, uint32_t height) noexcept {
+    if (!map || !lens) return false;
+    if ((lens->n_dcoef == 0 || lens->dcoef) && _same_lens(map, lens, width, height)) return true;
+    vx_calib_len_uninit_map(map);
+    return vx_calib_len_init_map(map, lens, width, height);
+}
+
+extern "C" bool vx_calib_len_undistort_u16(vx_calib_len_map_t *map, uint16_t *dst,
+                                           const uint16_t *src, uint32_t width,
+                                           uint32_t height) noexcept {
+    if (!map || !map->nearest || !dst || !src || width != map->width || height != map->height)
+        return false;
+    const size_t n = size_t(width) * height;
+    if (dst == src) {
+        std::memcpy(map->scratch, src, n * sizeof(uint16_t));
+        src = static_cast<const uint16_t *>(map->scratch);
+    }
+    const int32_t *near = map->nearest;
+    for (size_t i = 0; i < n; ++i) dst[i] = near[i] >= 0 ? src[near[i]] : 0;
+    return true;
+}
+
+extern "C" bool vx_calib_len_undistort_f32(vx_calib_len_map_t *map, float *dst, const float *src,
+                                           uint32_t width, uint32_t height, int bilinear) noexcept {
+    if (!map || !map->nearest || !dst || !src || width != map->width || height != map->height)
+        return false;
+    const size_t n = size_t(width) * height;
+    if (dst == src) {
+        std::memcpy(map->scratch, src, n * sizeof(float));
+        src = static_cast<const float *>(map->scratch);
+    }
+    if (bilinear) {
+        for (size_t i = 0; i < n; ++i) dst[i] = _bilinear(map, src, i);
+    } else {
+        const int32_t *near = map->nearest;
+        for (size_t i = 0; i < n; ++i) dst[i] = near[i] >= 0 ? src[near[i]] : 0.0f;
+    }
+    return true;
+}
