@@ -2,45 +2,20 @@
 // that give the same bits: the vector code does the same IEEE operations in the same order, and
 // its clamps use max/min with the operands placed so that a NaN becomes 0 as in the scalar code.
 #include <algorithm>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
-#include "algo/cmap_simd.h"
+#include "algo/simd.h"
 #include "tevix/vx_cmap.h"
 
-#if TEVIX_CMAP_X86
+#if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
 #endif
 
 namespace tevix::cmap {
 namespace {
 
-std::atomic<int> simd_cap{static_cast<int>(isa::avx2)};
-
-int detect() noexcept {
-#if TEVIX_CMAP_X86
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx2")) return static_cast<int>(isa::avx2);
-    if (__builtin_cpu_supports("sse4.1")) return static_cast<int>(isa::sse41);
-#endif
-    return static_cast<int>(isa::scalar);
-}
-
-}  // namespace
-
-isa simd_level() noexcept {
-    static const int hw = detect();
-    return static_cast<isa>(std::min(hw, simd_cap.load(std::memory_order_relaxed)));
-}
-
-isa simd_limit(isa cap) noexcept {
-    return static_cast<isa>(simd_cap.exchange(static_cast<int>(cap), std::memory_order_relaxed));
-}
-
-namespace {
-
-// Largest float below 2^32, and the bounds of the unsigned conversion.
+// Bounds of the unsigned conversion.
 constexpr float two31 = 2147483648.0f;
 constexpr float two32 = 4294967296.0f;
 
@@ -77,15 +52,13 @@ void u32_f32_scalar(float *dst, const uint32_t *src, size_t n, float scale) noex
     for (size_t i = 0; i < n; ++i) dst[i] = static_cast<float>(src[i]) * scale;
 }
 
-#if TEVIX_CMAP_X86
-
-#define SSE41 __attribute__((target("sse4.1")))
-#define AVX2 __attribute__((target("avx2")))
+#if defined(__x86_64__) || defined(__i386__)
 
 // Each vector loop converts whole steps and answers how many elements it did; every step loads
 // all its source before storing, so the in-place layouts documented in the header are safe.
 
-SSE41 size_t u16_u8_sse41(uint8_t *dst, const uint16_t *src, size_t n, uint32_t shift) noexcept {
+VX_TARGET_SSE41 size_t u16_u8_sse41(uint8_t *dst, const uint16_t *src, size_t n,
+                                    uint32_t shift) noexcept {
     const __m128i cnt = _mm_cvtsi32_si128(static_cast<int>(shift));
     const __m128i top = _mm_set1_epi16(255);
     size_t i = 0;
@@ -98,7 +71,8 @@ SSE41 size_t u16_u8_sse41(uint8_t *dst, const uint16_t *src, size_t n, uint32_t 
     }
     return i;
 }
-AVX2 size_t u16_u8_avx2(uint8_t *dst, const uint16_t *src, size_t n, uint32_t shift) noexcept {
+VX_TARGET_AVX2 size_t u16_u8_avx2(uint8_t *dst, const uint16_t *src, size_t n,
+                                  uint32_t shift) noexcept {
     const __m128i cnt = _mm_cvtsi32_si128(static_cast<int>(shift));
     const __m256i top = _mm256_set1_epi16(255);
     size_t i = 0;
@@ -113,7 +87,8 @@ AVX2 size_t u16_u8_avx2(uint8_t *dst, const uint16_t *src, size_t n, uint32_t sh
     return i;
 }
 
-SSE41 size_t u16_f32_sse41(float *dst, const uint16_t *src, size_t n, float scale) noexcept {
+VX_TARGET_SSE41 size_t u16_f32_sse41(float *dst, const uint16_t *src, size_t n,
+                                     float scale) noexcept {
     const __m128 s = _mm_set1_ps(scale);
     size_t i = 0;
     for (; i + 8 <= n; i += 8) {
@@ -125,7 +100,8 @@ SSE41 size_t u16_f32_sse41(float *dst, const uint16_t *src, size_t n, float scal
     }
     return i;
 }
-AVX2 size_t u16_f32_avx2(float *dst, const uint16_t *src, size_t n, float scale) noexcept {
+VX_TARGET_AVX2 size_t u16_f32_avx2(float *dst, const uint16_t *src, size_t n,
+                                   float scale) noexcept {
     const __m256 s = _mm256_set1_ps(scale);
     size_t i = 0;
     for (; i + 16 <= n; i += 16) {
@@ -139,7 +115,8 @@ AVX2 size_t u16_f32_avx2(float *dst, const uint16_t *src, size_t n, float scale)
 }
 
 // (src * factor) >> 16 is the high half of the 16 x 16-bit product.
-SSE41 size_t u16_u32_sse41(uint32_t *dst, const uint16_t *src, size_t n, uint32_t factor) noexcept {
+VX_TARGET_SSE41 size_t u16_u32_sse41(uint32_t *dst, const uint16_t *src, size_t n,
+                                     uint32_t factor) noexcept {
     const __m128i f = _mm_set1_epi16(static_cast<short>(factor));
     size_t i = 0;
     for (; i + 8 <= n; i += 8) {
@@ -151,7 +128,8 @@ SSE41 size_t u16_u32_sse41(uint32_t *dst, const uint16_t *src, size_t n, uint32_
     }
     return i;
 }
-AVX2 size_t u16_u32_avx2(uint32_t *dst, const uint16_t *src, size_t n, uint32_t factor) noexcept {
+VX_TARGET_AVX2 size_t u16_u32_avx2(uint32_t *dst, const uint16_t *src, size_t n,
+                                   uint32_t factor) noexcept {
     const __m256i f = _mm256_set1_epi16(static_cast<short>(factor));
     size_t i = 0;
     for (; i + 16 <= n; i += 16) {
@@ -165,15 +143,16 @@ AVX2 size_t u16_u32_avx2(uint32_t *dst, const uint16_t *src, size_t n, uint32_t 
     return i;
 }
 
-SSE41 inline __m128i clamp_cvt(__m128 x, __m128 s, __m128 hi) noexcept {
+VX_TARGET_SSE41 inline __m128i clamp_cvt(__m128 x, __m128 s, __m128 hi) noexcept {
     return _mm_cvttps_epi32(_mm_min_ps(_mm_max_ps(_mm_mul_ps(x, s), _mm_setzero_ps()), hi));
 }
-AVX2 inline __m256i clamp_cvt(__m256 x, __m256 s, __m256 hi) noexcept {
+VX_TARGET_AVX2 inline __m256i clamp_cvt(__m256 x, __m256 s, __m256 hi) noexcept {
     return _mm256_cvttps_epi32(
         _mm256_min_ps(_mm256_max_ps(_mm256_mul_ps(x, s), _mm256_setzero_ps()), hi));
 }
 
-SSE41 size_t f32_u8_sse41(uint8_t *dst, const float *src, size_t n, float scale) noexcept {
+VX_TARGET_SSE41 size_t f32_u8_sse41(uint8_t *dst, const float *src, size_t n,
+                                    float scale) noexcept {
     const __m128 s = _mm_set1_ps(scale);
     const __m128 hi = _mm_set1_ps(255.0f);
     size_t i = 0;
@@ -187,7 +166,7 @@ SSE41 size_t f32_u8_sse41(uint8_t *dst, const float *src, size_t n, float scale)
     }
     return i;
 }
-AVX2 size_t f32_u8_avx2(uint8_t *dst, const float *src, size_t n, float scale) noexcept {
+VX_TARGET_AVX2 size_t f32_u8_avx2(uint8_t *dst, const float *src, size_t n, float scale) noexcept {
     const __m256 s = _mm256_set1_ps(scale);
     const __m256 hi = _mm256_set1_ps(255.0f);
     const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
@@ -206,7 +185,8 @@ AVX2 size_t f32_u8_avx2(uint8_t *dst, const float *src, size_t n, float scale) n
     return i;
 }
 
-SSE41 size_t f32_u16_sse41(uint16_t *dst, const float *src, size_t n, float scale) noexcept {
+VX_TARGET_SSE41 size_t f32_u16_sse41(uint16_t *dst, const float *src, size_t n,
+                                     float scale) noexcept {
     const __m128 s = _mm_set1_ps(scale);
     const __m128 hi = _mm_set1_ps(65535.0f);
     size_t i = 0;
@@ -217,7 +197,8 @@ SSE41 size_t f32_u16_sse41(uint16_t *dst, const float *src, size_t n, float scal
     }
     return i;
 }
-AVX2 size_t f32_u16_avx2(uint16_t *dst, const float *src, size_t n, float scale) noexcept {
+VX_TARGET_AVX2 size_t f32_u16_avx2(uint16_t *dst, const float *src, size_t n,
+                                   float scale) noexcept {
     const __m256 s = _mm256_set1_ps(scale);
     const __m256 hi = _mm256_set1_ps(65535.0f);
     size_t i = 0;
@@ -232,7 +213,7 @@ AVX2 size_t f32_u16_avx2(uint16_t *dst, const float *src, size_t n, float scale)
 
 // Values of 2^31 and above are converted after subtracting 2^31, which the top bit then adds
 // back; values of 2^32 and above saturate.
-SSE41 inline __m128i cvt_u32(__m128 x) noexcept {
+VX_TARGET_SSE41 inline __m128i cvt_u32(__m128 x) noexcept {
     x = _mm_max_ps(x, _mm_setzero_ps());
     const __m128 big = _mm_cmpge_ps(x, _mm_set1_ps(two32));
     const __m128 high = _mm_cmpge_ps(x, _mm_set1_ps(two31));
@@ -240,7 +221,7 @@ SSE41 inline __m128i cvt_u32(__m128 x) noexcept {
     const __m128i top = _mm_slli_epi32(_mm_castps_si128(high), 31);
     return _mm_or_si128(_mm_xor_si128(i, top), _mm_castps_si128(big));
 }
-AVX2 inline __m256i cvt_u32(__m256 x) noexcept {
+VX_TARGET_AVX2 inline __m256i cvt_u32(__m256 x) noexcept {
     x = _mm256_max_ps(x, _mm256_setzero_ps());
     const __m256 big = _mm256_cmp_ps(x, _mm256_set1_ps(two32), _CMP_GE_OQ);
     const __m256 high = _mm256_cmp_ps(x, _mm256_set1_ps(two31), _CMP_GE_OQ);
@@ -250,7 +231,8 @@ AVX2 inline __m256i cvt_u32(__m256 x) noexcept {
     return _mm256_or_si256(_mm256_xor_si256(i, top), _mm256_castps_si256(big));
 }
 
-SSE41 size_t f32_u32_sse41(uint32_t *dst, const float *src, size_t n, float scale) noexcept {
+VX_TARGET_SSE41 size_t f32_u32_sse41(uint32_t *dst, const float *src, size_t n,
+                                     float scale) noexcept {
     const __m128 s = _mm_set1_ps(scale);
     size_t i = 0;
     for (; i + 8 <= n; i += 8) {
@@ -261,7 +243,8 @@ SSE41 size_t f32_u32_sse41(uint32_t *dst, const float *src, size_t n, float scal
     }
     return i;
 }
-AVX2 size_t f32_u32_avx2(uint32_t *dst, const float *src, size_t n, float scale) noexcept {
+VX_TARGET_AVX2 size_t f32_u32_avx2(uint32_t *dst, const float *src, size_t n,
+                                   float scale) noexcept {
     const __m256 s = _mm256_set1_ps(scale);
     size_t i = 0;
     for (; i + 16 <= n; i += 16) {
@@ -274,18 +257,19 @@ AVX2 size_t f32_u32_avx2(uint32_t *dst, const float *src, size_t n, float scale)
 }
 
 // hi * 65536 and lo are exact floats, so their sum is rounded once, like the scalar conversion.
-SSE41 inline __m128 cvt_f32(__m128i v) noexcept {
+VX_TARGET_SSE41 inline __m128 cvt_f32(__m128i v) noexcept {
     const __m128 hi = _mm_cvtepi32_ps(_mm_srli_epi32(v, 16));
     const __m128 lo = _mm_cvtepi32_ps(_mm_and_si128(v, _mm_set1_epi32(0xFFFF)));
     return _mm_add_ps(_mm_mul_ps(hi, _mm_set1_ps(65536.0f)), lo);
 }
-AVX2 inline __m256 cvt_f32(__m256i v) noexcept {
+VX_TARGET_AVX2 inline __m256 cvt_f32(__m256i v) noexcept {
     const __m256 hi = _mm256_cvtepi32_ps(_mm256_srli_epi32(v, 16));
     const __m256 lo = _mm256_cvtepi32_ps(_mm256_and_si256(v, _mm256_set1_epi32(0xFFFF)));
     return _mm256_add_ps(_mm256_mul_ps(hi, _mm256_set1_ps(65536.0f)), lo);
 }
 
-SSE41 size_t u32_f32_sse41(float *dst, const uint32_t *src, size_t n, float scale) noexcept {
+VX_TARGET_SSE41 size_t u32_f32_sse41(float *dst, const uint32_t *src, size_t n,
+                                     float scale) noexcept {
     const __m128 s = _mm_set1_ps(scale);
     size_t i = 0;
     for (; i + 8 <= n; i += 8) {
@@ -296,7 +280,8 @@ SSE41 size_t u32_f32_sse41(float *dst, const uint32_t *src, size_t n, float scal
     }
     return i;
 }
-AVX2 size_t u32_f32_avx2(float *dst, const uint32_t *src, size_t n, float scale) noexcept {
+VX_TARGET_AVX2 size_t u32_f32_avx2(float *dst, const uint32_t *src, size_t n,
+                                   float scale) noexcept {
     const __m256 s = _mm256_set1_ps(scale);
     size_t i = 0;
     for (; i + 16 <= n; i += 16) {
@@ -323,21 +308,21 @@ int run(const kernels<D, S, P> &k, D *dst, const S *src, int32_t count, P param)
     if (count < 1) return 0;
     const size_t n = static_cast<size_t>(count);
     size_t done = 0;
-    switch (simd_level()) {
-        case isa::avx2:
+    switch (simd::active()) {
+        case simd::level::avx2:
             if (k.avx2) done = k.avx2(dst, src, n, param);
             break;
-        case isa::sse41:
+        case simd::level::sse41:
             if (k.sse41) done = k.sse41(dst, src, n, param);
             break;
-        case isa::scalar:
+        case simd::level::scalar:
             break;
     }
     k.scalar(dst + done, src + done, n - done, param);
     return 0;
 }
 
-#if TEVIX_CMAP_X86
+#if defined(__x86_64__) || defined(__i386__)
 #define KERNELS(name) \
     { name##_scalar, name##_sse41, name##_avx2 }
 #else

@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <cstring>
 
-#include "algo/cmap_simd.h"
+#include "algo/simd.h"
 #include "tevix/vx_pcl.h"
 
-#if TEVIX_CMAP_X86
+#if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
 #endif
 
@@ -38,7 +38,7 @@ inline float metres(uint16_t d) noexcept {
 }
 
 inline float root(float r) noexcept {
-#if TEVIX_CMAP_X86
+#if defined(__x86_64__) || defined(__i386__)
     // sqrtss gives the same NaN as sqrtps for a negative argument.
     return _mm_cvtss_f32(_mm_sqrt_ss(_mm_set_ss(r)));
 #else
@@ -80,7 +80,7 @@ void rows_scalar(const frame &f) noexcept {
     }
 }
 
-#if TEVIX_CMAP_X86
+#if defined(__x86_64__) || defined(__i386__)
 
 inline __m128 load4(const float *p) noexcept {
     return _mm_loadu_ps(p);
@@ -161,8 +161,8 @@ void rows_sse(const frame &f) noexcept {
 
 template <class T, layout L, bool DZ>
 void rows(const frame &f) noexcept {
-#if TEVIX_CMAP_X86
-    if (simd_level() != isa::scalar) return rows_sse<T, L, DZ>(f);
+#if defined(__x86_64__) || defined(__i386__)
+    if (simd::active() != simd::level::scalar) return rows_sse<T, L, DZ>(f);
 #endif
     rows_scalar<T, L, DZ>(f);
 }
