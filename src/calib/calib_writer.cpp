@@ -43,7 +43,8 @@ std::vector<uint8_t> param_container_build(const param_container &d) {
     h.n_dcoef = d.lens.n_dcoef;
     h.width = d.lens.width;
     h.height = d.lens.height;
-    std::memcpy(h.par_area, d.par_area.data(), std::min(d.par_area.size(), sizeof h.par_area));
+    if (!d.par_area.empty())
+        std::memcpy(h.par_area, d.par_area.data(), std::min(d.par_area.size(), sizeof h.par_area));
     h.par_ts = d.par_ts;
     h.blk_cnt = static_cast<int32_t>(d.blocks.size());
 

@@ -59,6 +59,9 @@ struct free_deleter {
     void operator()(void *p) const { std::free(p); }
 };
 
+// Block failures are reported under the open operation's name.
+constexpr const char *k_open_fn = "tevix_param_open_file";
+
 bool _param_verify(const tevix_param_t &hdr) {
     const bool current = hdr.ver >= TEVIX_PARAM_VER_CURRENT;
     const uint32_t magic = current ? TEVIX_PARAM_MAGIC : uint32_t{TEVIX_PARAM_MAGIC_OLD};
@@ -95,14 +98,14 @@ bool _param_verify(const tevix_param_t &hdr) {
 }
 
 // Reads the current-format blocks into the handle. Returns false after logging.
-bool _read_blocks(tevix_param_handle_t *h, FILE *fp, const char *fn) {
+bool _read_blocks(tevix_param_handle_t *h, FILE *fp, const char *path) {
     const tevix_param_t &hdr = h->hdr;
     fletcher16 ck;
     uint64_t total = 0;
     for (int32_t i = 0; i < hdr.blk_cnt; ++i) {
         par_dev_hdr bh;
         if (std::fread(&bh, sizeof bh, 1, fp) != 1) {
-            VX_LOG_AS(6, fn, "[%s]read par_dev_hdr failed: %s\n", h->name);
+            VX_LOG_AS(6, k_open_fn, "[%s]read par_dev_hdr failed: %s\n", path);
             return false;
         }
         ck.feed(std::span(reinterpret_cast<const uint8_t *>(&bh), sizeof bh));
@@ -111,29 +114,29 @@ bool _read_blocks(tevix_param_handle_t *h, FILE *fp, const char *fn) {
         total += uint64_t{bh.size} + sizeof bh;
         // A payload longer than the rest of the file cannot be read; say so without allocating.
         if (bh.size > tevix::calib::file_remaining(fp)) {
-            VX_LOG_AS(6, fn, "[%s]read blk#%d data failed: %s\n", i, h->name);
+            VX_LOG_AS(6, k_open_fn, "[%s]read blk#%d data failed: %s\n", i, path);
             return false;
         }
         std::unique_ptr<uint8_t, free_deleter> buf(
             static_cast<uint8_t *>(std::malloc(bh.size ? bh.size : 1)));
         if (!buf) {
-            VX_LOG_AS(6, fn, "[%s]malloc %u bytes failed\n", bh.size);
+            VX_LOG_AS(6, k_open_fn, "[%s]malloc %u bytes failed\n", bh.size);
             return false;
         }
         if (std::fread(buf.get(), 1, bh.size, fp) != bh.size) {
-            VX_LOG_AS(6, fn, "[%s]read blk#%d data failed: %s\n", i, h->name);
+            VX_LOG_AS(6, k_open_fn, "[%s]read blk#%d data failed: %s\n", i, path);
             return false;
         }
         ck.feed(std::span(buf.get(), bh.size));
     }
     if (hdr.blk_size != 0 && hdr.blk_size != total) {
-        VX_LOG_AS(6, fn, "[%s]param blks size wrong: size=%d (expect %d)\n",
+        VX_LOG_AS(6, k_open_fn, "[%s]param blks size wrong: size=%d (expect %d)\n",
                   static_cast<int>(total), static_cast<int>(hdr.blk_size));
         return false;
     }
     if (ck.value() != hdr.blk_cksum) {
-        VX_LOG_AS(6, fn, "[%s]param blks cksum failed: ck_sum=0x%x (expect 0x%x)\n", ck.value(),
-                  hdr.blk_cksum);
+        VX_LOG_AS(6, k_open_fn, "[%s]param blks cksum failed: ck_sum=0x%x (expect 0x%x)\n",
+                  ck.value(), hdr.blk_cksum);
         return false;
     }
     return true;
@@ -141,15 +144,15 @@ bool _read_blocks(tevix_param_handle_t *h, FILE *fp, const char *fn) {
 
 // Walks the old-format blocks, presenting each as a current-format block whose payload starts
 // with the 41 header bytes after the type byte.
-bool _read_old_blocks(tevix_param_handle_t *h, FILE *fp, const char *fn) {
+bool _read_old_blocks(tevix_param_handle_t *h, FILE *fp, const char *path) {
     for (int32_t i = 0; i < h->hdr.blk_cnt; ++i) {
         blk_unit_hdr bh;
         if (std::fread(&bh, sizeof bh, 1, fp) != 1) {
-            VX_LOG_AS(6, fn, "[%s]read blk_unit_hdr failed: %s\n", h->name);
+            VX_LOG_AS(6, k_open_fn, "[%s]read blk_unit_hdr failed: %s\n", path);
             return false;
         }
         if (bh.type != 1) {
-            VX_LOG_AS(6, fn, "[%s]wrong blk unit type: %d\n", bh.type);
+            VX_LOG_AS(6, k_open_fn, "[%s]wrong blk unit type: %d\n", bh.type);
             return false;
         }
         constexpr uint32_t after_type = sizeof(blk_unit_hdr) - 1;
@@ -167,12 +170,9 @@ extern "C" int tevix_param_open_file(tevix_param_handle_t *handle, const char *p
     if (!handle) return 0;
     std::memset(handle, 0, sizeof *handle);
     if (!path) path = "";
-    // The name is kept for the log lines while reading; it is only accepted after the walk.
-    std::snprintf(handle->name, sizeof handle->name, "%s", path);
     file_ptr fp(std::fopen(path, "rb"));
     if (!fp) {
         VX_DBG("[%s]open calib bin failed: %s\n", path);
-        std::memset(handle, 0, sizeof *handle);
         return 0;
     }
     bool ok = false;
@@ -185,9 +185,9 @@ extern "C" int tevix_param_open_file(tevix_param_handle_t *handle, const char *p
         VX_DBG("[%s]calib param : ver=%d, ts=%u, blk cnt=%d, size=%u, cksum=0x%x\n", hdr.ver,
                hdr.par_ts, hdr.blk_cnt, hdr.blk_size, hdr.blk_cksum);
         if (hdr.ver >= TEVIX_PARAM_VER_CURRENT)
-            ok = _read_blocks(handle, fp.get(), __func__);
+            ok = _read_blocks(handle, fp.get(), path);
         else
-            ok = _read_old_blocks(handle, fp.get(), __func__);
+            ok = _read_old_blocks(handle, fp.get(), path);
         if (ok && std::strlen(path) > TEVIX_PARAM_NAME_MAX) {
             VX_ERR("[%s]param filename too long: len=%d\n", static_cast<int>(std::strlen(path)));
             ok = false;
@@ -197,6 +197,7 @@ extern "C" int tevix_param_open_file(tevix_param_handle_t *handle, const char *p
         std::memset(handle, 0, sizeof *handle);
         return 0;
     }
+    std::snprintf(handle->name, sizeof handle->name, "%s", path);
     handle->fp = fp.release();
     handle->opened = 1;
     return 1;

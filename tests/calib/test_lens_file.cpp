@@ -87,7 +87,7 @@ TEST_F(lens_file_test, binary_round_trip_keeps_header_and_tables) {
     tevix_lens_bin_t *obj = load_bin(file);
     ASSERT_NE(obj, nullptr);
     EXPECT_EQ(std::memcmp(obj, file.data(), file.size()), 0);
-    EXPECT_EQ(obj->hdrsz, 220u + 32);
+    EXPECT_EQ(+obj->hdrsz, 220u + 32);
     EXPECT_STREQ(obj->name, "tele");
 
     const tevix_lens_param_t rec = lens_from_bin(*obj);
@@ -106,7 +106,7 @@ TEST_F(lens_file_test, binary_round_trip_keeps_header_and_tables) {
 TEST_F(lens_file_test, binary_without_tables_is_225_bytes) {
     const std::vector<uint8_t> file = lens_bin_build(_bin_desc(0, 0));
     ASSERT_EQ(file.size(), 225u);
-    EXPECT_EQ(reinterpret_cast<const tevix_lens_bin_t *>(file.data())->hdrsz, 220u);
+    EXPECT_EQ(+reinterpret_cast<const tevix_lens_bin_t *>(file.data())->hdrsz, 220u);
     tevix_lens_bin_t *obj = load_bin(file);
     ASSERT_NE(obj, nullptr);
     EXPECT_EQ(std::memcmp(obj, file.data(), 225), 0);
@@ -239,7 +239,7 @@ TEST_F(lens_file_test, search_order) {
         EXPECT_EQ(rec.cx, expected[step]);
         EXPECT_EQ(bin != nullptr, binary[step]);
         if (bin) {
-            EXPECT_EQ(static_cast<tevix_lens_bin_t *>(bin)->cx, expected[step]);
+            EXPECT_EQ(+static_cast<tevix_lens_bin_t *>(bin)->cx, expected[step]);
             EXPECT_EQ(rec.width, 4u);
         }
         tevix_param_len_bin_free(bin);
