@@ -1,7 +1,11 @@
-// Recursive bilateral filter. The common factor (1 - alpha) of the causal sums and their
-// normalisers cancels in the ratio and is left out: phi(x) = I(x) + a(x) phi(x-1) and
-// psi(x) = 1 + a(x) psi(x-1), starting with phi = I and psi = 1 at the first pixel. A step of
-// weight 0 thus carries nothing and reproduces the input exactly.
+// Recursive bilateral filter. The common factor (1 - alpha) of the sums phi and their normalisers
+// psi cancels in every ratio and is left out: phi(x) = I(x) + a(x) phi(x-1) and
+// psi(x) = 1 + a(x) psi(x-1), starting with phi = I and psi = 1 at the first pixel. The sums are
+// carried in normalised form, m = phi / psi, which follows m(x) = m(x-1) + (I(x) - m(x-1)) /
+// psi(x); the result (phi_c + phi_a) / (psi_c + psi_a) is m_c + (m_a - m_c) * psi_a / (psi_c +
+// psi_a). The quantities are the same, but in this form a flat run, a step of weight 0 and equal
+// causal and anti-causal means are reproduced exactly, so truncation cannot lower a flat image by
+// one.
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -37,6 +41,18 @@ struct range_lut {
     }
 };
 
+// One recursive step of the normalised sum m towards the pixel value i.
+template <class V>
+VX_INLINE V _advance(const V &m, const V &i, const V &psi) {
+    return m + (i - m) / psi;
+}
+
+// (phi_c + phi_a) / (psi_c + psi_a) from the normalised sums.
+template <class V>
+VX_INLINE V _combine(const V &mc, const V &psic, const V &ma, const V &psia) {
+    return mc + (ma - mc) * (psia / (psic + psia));
+}
+
 // Horizontal pass over L rows side by side (lane l of every vector is row r0 + l), into out.
 template <class V>
 VX_INLINE void _hpass_rows(const vx_bpf2d_iir_t *c, const range_lut &lut, const uint16_t *src,
@@ -54,24 +70,22 @@ VX_INLINE void _hpass_rows(const vx_bpf2d_iir_t *c, const range_lut &lut, const 
         }
     }
     const V one = splat<V>(1.0f);
-    V phi = load<V>(in), psi = one;
-    store(pc, phi);
+    V m = load<V>(in), psi = one;
+    store(pc, m);
     store(qc, psi);
     for (uint32_t x = 1; x < w; ++x) {
-        const V ax = load<V>(a + x * L);
-        phi = load<V>(in + x * L) + ax * phi;
-        psi = one + ax * psi;
-        store(pc + x * L, phi);
+        psi = one + load<V>(a + x * L) * psi;
+        m = _advance(m, load<V>(in + x * L), psi);
+        store(pc + x * L, m);
         store(qc + x * L, psi);
     }
-    phi = load<V>(in + (w - 1) * L);
+    m = load<V>(in + (w - 1) * L);
     psi = one;
-    store(o + (w - 1) * L, (load<V>(pc + (w - 1) * L) + phi) / (load<V>(qc + (w - 1) * L) + psi));
+    store(o + (w - 1) * L, _combine(load<V>(pc + (w - 1) * L), load<V>(qc + (w - 1) * L), m, psi));
     for (uint32_t x = w - 1; x-- > 0;) {
-        const V ax = load<V>(a + (x + 1) * L);
-        phi = load<V>(in + x * L) + ax * phi;
-        psi = one + ax * psi;
-        store(o + x * L, (load<V>(pc + x * L) + phi) / (load<V>(qc + x * L) + psi));
+        psi = one + load<V>(a + (x + 1) * L) * psi;
+        m = _advance(m, load<V>(in + x * L), psi);
+        store(o + x * L, _combine(load<V>(pc + x * L), load<V>(qc + x * L), m, psi));
     }
     for (uint32_t l = 0; l < L; ++l) {
         float *row = out + size_t(r0 + l) * w;
@@ -88,11 +102,11 @@ VX_INLINE void _vpass_strip(const vx_bpf2d_iir_t *c, const range_lut &lut, const
     const uint32_t w = c->width, h = c->height;
     float *pc = c->line[0], *qc = c->line[2], *a = c->line[4];
     const V one = splat<V>(1.0f);
-    V phi[N], psi[N];
+    V m[N], psi[N];
     for (uint32_t k = 0; k < N; ++k) {
-        phi[k] = load<V>(hres + c0 + k * L);
+        m[k] = load<V>(hres + c0 + k * L);
         psi[k] = one;
-        store(pc + k * L, phi[k]);
+        store(pc + k * L, m[k]);
         store(qc + k * L, psi[k]);
     }
     for (uint32_t y = 1; y < h; ++y) {
@@ -101,10 +115,9 @@ VX_INLINE void _vpass_strip(const vx_bpf2d_iir_t *c, const range_lut &lut, const
         for (uint32_t j = 0; j < n; ++j) ay[j] = lut(s1[j], s0[j]);
         const float *hy = hres + size_t(y) * w + c0;
         for (uint32_t k = 0; k < N; ++k) {
-            const V ax = load<V>(ay + k * L);
-            phi[k] = load<V>(hy + k * L) + ax * phi[k];
-            psi[k] = one + ax * psi[k];
-            store(pc + y * strip + k * L, phi[k]);
+            psi[k] = one + load<V>(ay + k * L) * psi[k];
+            m[k] = _advance(m[k], load<V>(hy + k * L), psi[k]);
+            store(pc + y * strip + k * L, m[k]);
             store(qc + y * strip + k * L, psi[k]);
         }
     }
@@ -113,15 +126,14 @@ VX_INLINE void _vpass_strip(const vx_bpf2d_iir_t *c, const range_lut &lut, const
         const float *hy = hres + size_t(y) * w + c0;
         for (uint32_t k = 0; k < N; ++k) {
             if (y == h - 1) {
-                phi[k] = load<V>(hy + k * L);
+                m[k] = load<V>(hy + k * L);
                 psi[k] = one;
             } else {
-                const V ax = load<V>(a + (y + 1) * strip + k * L);
-                phi[k] = load<V>(hy + k * L) + ax * phi[k];
-                psi[k] = one + ax * psi[k];
+                psi[k] = one + load<V>(a + (y + 1) * strip + k * L) * psi[k];
+                m[k] = _advance(m[k], load<V>(hy + k * L), psi[k]);
             }
-            store(res + k * L, (load<V>(pc + y * strip + k * L) + phi[k]) /
-                                   (load<V>(qc + y * strip + k * L) + psi[k]));
+            store(res + k * L, _combine(load<V>(pc + y * strip + k * L),
+                                        load<V>(qc + y * strip + k * L), m[k], psi[k]));
         }
         uint16_t *d = dst + size_t(y) * w + c0;
         for (uint32_t j = 0; j < n; ++j) {

@@ -1,0 +1,238 @@
+// Recursive bilateral filter: init rules, range table, call checks, exact behaviour on flat,
+// stepped and weight-0 images, a plain reference of the recurrences, and SIMD/scalar identity.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <random>
+#include <vector>
+
+#include "algo/simd.h"
+#include "tevix/vx_filter.h"
+#include "tevix/vx_log.h"
+
+namespace {
+
+using tevix::simd::level;
+using tevix::simd::scoped_limit;
+
+std::vector<uint16_t> random_image(uint32_t w, uint32_t h, uint32_t seed, uint16_t lo = 500,
+                                   uint16_t hi = 3000) {
+    std::mt19937 rng(seed);
+    std::uniform_int_distribution<int> d(lo, hi);
+    std::vector<uint16_t> img(size_t(w) * h);
+    for (auto &v : img) v = uint16_t(d(rng));
+    return img;
+}
+
+struct bpf {
+    vx_bpf2d_iir_t ctx{};
+    ~bpf() { vx_bpf2d_iir_uninit(&ctx); }
+};
+
+// The recurrences exactly as described, (1 - alpha) factors included, in double precision:
+// phi(x) = (1 - a) I(x) + a w phi(x-1), psi(x) = (1 - a) + a w psi(x-1), starting at
+// phi = (1 - a) I and psi = 1 - a. Returns the ratios before truncation.
+std::vector<double> reference(const vx_bpf2d_iir_t &c, const std::vector<uint16_t> &src) {
+    const uint32_t w = c.width, h = c.height;
+    const int lo = int(c.range_lo), hi = int(c.range_hi);
+    auto weight = [&](int p, int q) {
+        const int d = std::clamp(std::abs(p - q), lo, hi);
+        return double(c.range_table[d - lo]);
+    };
+    auto pass = [&](uint32_t n, double alpha, auto value, auto pixel) {
+        std::vector<double> pc(n), qc(n), out(n);
+        const double k = 1 - alpha;
+        pc[0] = k * value(0);
+        qc[0] = k;
+        for (uint32_t i = 1; i < n; ++i) {
+            const double a = alpha * weight(pixel(i), pixel(i - 1));
+            pc[i] = k * value(i) + a * pc[i - 1];
+            qc[i] = k + a * qc[i - 1];
+        }
+        double pa = k * value(n - 1), qa = k;
+        out[n - 1] = (pc[n - 1] + pa) / (qc[n - 1] + qa);
+        for (uint32_t i = n - 1; i-- > 0;) {
+            const double a = alpha * weight(pixel(i + 1), pixel(i));
+            pa = k * value(i) + a * pa;
+            qa = k + a * qa;
+            out[i] = (pc[i] + pa) / (qc[i] + qa);
+        }
+        return out;
+    };
+    std::vector<double> hres(size_t(w) * h), res(size_t(w) * h);
+    for (uint32_t y = 0; y < h; ++y) {
+        const uint16_t *s = &src[size_t(y) * w];
+        auto px = [&](uint32_t x) { return int(s[x]); };
+        const auto r = pass(w, c.alpha_x, px, px);
+        std::copy(r.begin(), r.end(), hres.begin() + size_t(y) * w);
+    }
+    for (uint32_t x = 0; x < w; ++x) {
+        auto val = [&](uint32_t y) { return hres[size_t(y) * w + x]; };
+        auto px = [&](uint32_t y) { return int(src[size_t(y) * w + x]); };
+        const auto r = pass(h, c.alpha_y, val, px);
+        for (uint32_t y = 0; y < h; ++y) res[size_t(y) * w + x] = r[y];
+    }
+    return res;
+}
+
+TEST(FilterBpf, SizeLimitIs40960) {
+    bpf f;
+    EXPECT_TRUE(vx_bpf2d_iir_init(&f.ctx, 40960, 1, 0.01f, 0.02f, 0, 256));
+    vx_bpf2d_iir_uninit(&f.ctx);
+    EXPECT_TRUE(vx_bpf2d_iir_init(&f.ctx, 1, 40960, 0.01f, 0.02f, 0, 256));
+    vx_bpf2d_iir_uninit(&f.ctx);
+    EXPECT_FALSE(vx_bpf2d_iir_init(&f.ctx, 40961, 1, 0.01f, 0.02f, 0, 256));
+    EXPECT_EQ(f.ctx.range_table, nullptr);
+    EXPECT_EQ(f.ctx.width, 0u);
+    EXPECT_FALSE(vx_bpf2d_iir_init(&f.ctx, 1, 40961, 0.01f, 0.02f, 0, 256));
+    EXPECT_EQ(f.ctx.work[0], nullptr);
+}
+
+TEST(FilterBpf, RangeTableAndBounds) {
+    bpf f;
+    ASSERT_TRUE(vx_bpf2d_iir_init(&f.ctx, 640, 480, 0.01f, 0.02f, 0, 256));
+    EXPECT_EQ(f.ctx.n, 257u);
+    EXPECT_EQ(f.ctx.range_lo, 0.0f);
+    EXPECT_EQ(f.ctx.range_hi, 256.0f);
+    EXPECT_EQ(f.ctx.range_table[0], 1.0f);
+    EXPECT_FLOAT_EQ(f.ctx.range_table[100], std::exp(-100.0f / (257 * 0.02f)));
+    EXPECT_EQ(f.ctx.range_table[256], 0.0f);
+    EXPECT_FLOAT_EQ(f.ctx.alpha_x, std::exp(-std::sqrt(2.0f) / (640 * 0.01f)));
+    EXPECT_FLOAT_EQ(f.ctx.alpha_y, std::exp(-std::sqrt(2.0f) / (480 * 0.01f)));
+    vx_bpf2d_iir_uninit(&f.ctx);
+
+    // A long table keeps its length but the upper bound stops 4095 above the lower one.
+    ASSERT_TRUE(vx_bpf2d_iir_init(&f.ctx, 8, 8, 0.01f, 0.02f, 100, 5100));
+    EXPECT_EQ(f.ctx.n, 5001u);
+    EXPECT_EQ(f.ctx.range_lo, 100.0f);
+    EXPECT_EQ(f.ctx.range_hi, 4195.0f);
+    EXPECT_GT(f.ctx.range_table[4095], 0.0f);
+    EXPECT_EQ(f.ctx.range_table[5000], 0.0f);
+    vx_bpf2d_iir_uninit(&f.ctx);
+
+    // A reversed pair stores ordered bounds but cannot allocate its table.
+    EXPECT_FALSE(vx_bpf2d_iir_init(&f.ctx, 8, 8, 0.01f, 0.02f, 300, 200));
+    EXPECT_EQ(f.ctx.range_table, nullptr);
+    EXPECT_EQ(f.ctx.n, 0u);
+}
+
+TEST(FilterBpf, WrongCallLeavesDstAlone) {
+    bpf f;
+    ASSERT_TRUE(vx_bpf2d_iir_init(&f.ctx, 320, 240, 0.01f, 0.02f, 0, 256));
+    const auto src = random_image(640, 480, 1);
+    std::vector<uint16_t> dst(640 * 480, 0x1234);
+    ASSERT_NE(vx_log_init(nullptr, nullptr, "VX"), nullptr);
+    testing::internal::CaptureStdout();
+    vx_bpf2d_iir(&f.ctx, dst.data(), src.data(), 640, 480);
+    std::fflush(stdout);
+    const std::string log = testing::internal::GetCapturedStdout();
+    vx_log_uninit(nullptr);
+    EXPECT_NE(log.find("wrong parameters: init=320x240, cur=640x480"), std::string::npos) << log;
+    EXPECT_EQ(dst, std::vector<uint16_t>(640 * 480, 0x1234));
+
+    vx_bpf2d_iir(&f.ctx, nullptr, src.data(), 320, 240);
+    vx_bpf2d_iir(&f.ctx, dst.data(), nullptr, 320, 240);
+    vx_bpf2d_iir(nullptr, dst.data(), src.data(), 320, 240);
+    EXPECT_EQ(dst, std::vector<uint16_t>(640 * 480, 0x1234));
+
+    // An emptied context refuses every call.
+    vx_bpf2d_iir_uninit(&f.ctx);
+    vx_bpf2d_iir_uninit(&f.ctx);
+    vx_bpf2d_iir_uninit(nullptr);
+    vx_bpf2d_iir(&f.ctx, dst.data(), src.data(), 0, 0);
+    EXPECT_EQ(dst, std::vector<uint16_t>(640 * 480, 0x1234));
+}
+
+TEST(FilterBpf, EqualRangeBoundsLeaveImageUnchanged) {
+    bpf f;
+    ASSERT_TRUE(vx_bpf2d_iir_init(&f.ctx, 97, 61, 0.05f, 0.02f, 40, 40));
+    EXPECT_EQ(f.ctx.n, 1u);
+    EXPECT_EQ(f.ctx.range_table[0], 0.0f);
+    const auto src = random_image(97, 61, 2, 0, 65535);
+    std::vector<uint16_t> dst(src.size());
+    vx_bpf2d_iir(&f.ctx, dst.data(), src.data(), 97, 61);
+    EXPECT_EQ(dst, src);
+}
+
+TEST(FilterBpf, FlatStaysFlatAndStepStaysSharp) {
+    bpf f;
+    ASSERT_TRUE(vx_bpf2d_iir_init(&f.ctx, 640, 480, 0.01f, 0.02f, 0, 256));
+    for (level l : {level::scalar, level::avx2}) {
+        scoped_limit cap(l);
+        std::vector<uint16_t> flat(640 * 480, 1234), out(640 * 480);
+        vx_bpf2d_iir(&f.ctx, out.data(), flat.data(), 640, 480);
+        EXPECT_EQ(out, flat);
+
+        // A vertical and a horizontal step larger than the upper bound carry nothing across.
+        std::vector<uint16_t> step(640 * 480);
+        for (uint32_t y = 0; y < 480; ++y)
+            for (uint32_t x = 0; x < 640; ++x)
+                step[y * 640 + x] = uint16_t((x < 300 ? 1000 : 3000) + (y < 200 ? 0 : 500));
+        vx_bpf2d_iir(&f.ctx, out.data(), step.data(), 640, 480);
+        EXPECT_EQ(out, step);
+    }
+}
+
+TEST(FilterBpf, MatchesPlainRecurrences) {
+    bpf f;
+    for (auto [w, h] : {std::pair{37u, 23u}, {641u, 479u}, {5u, 3u}, {1u, 9u}, {16u, 1u}}) {
+        ASSERT_TRUE(vx_bpf2d_iir_init(&f.ctx, w, h, 0.02f, 0.05f, 8, 600));
+        const auto src = random_image(w, h, w * h, 1000, 1400);
+        const auto want = reference(f.ctx, src);
+        std::vector<uint16_t> out(src.size());
+        vx_bpf2d_iir(&f.ctx, out.data(), src.data(), w, h);
+        // Float sums against double ones: equal up to truncation where the ratio is near an
+        // integer.
+        for (size_t i = 0; i < out.size(); ++i) {
+            ASSERT_NEAR(out[i], want[i], 1.0 + 1e-3) << w << "x" << h << " pixel " << i;
+            if (std::abs(want[i] - std::round(want[i])) > 1e-3) {
+                ASSERT_EQ(out[i], uint16_t(want[i])) << w << "x" << h << " pixel " << i;
+            }
+        }
+        vx_bpf2d_iir_uninit(&f.ctx);
+    }
+}
+
+TEST(FilterBpf, SimdAndScalarAgreeBitForBit) {
+    bpf f;
+    for (auto [w, h] : {std::pair{37u, 23u}, {641u, 479u}, {5u, 3u}, {1u, 9u}, {17u, 1u}}) {
+        ASSERT_TRUE(vx_bpf2d_iir_init(&f.ctx, w, h, 0.01f, 0.02f, 0, 256));
+        const auto src = random_image(w, h, w + h, 1000, 1300);
+        std::vector<uint16_t> want(src.size());
+        {
+            scoped_limit cap(level::scalar);
+            vx_bpf2d_iir(&f.ctx, want.data(), src.data(), w, h);
+        }
+        for (level l : {level::sse41, level::avx2}) {
+            scoped_limit cap(l);
+            std::vector<uint16_t> out(src.size());
+            vx_bpf2d_iir(&f.ctx, out.data(), src.data(), w, h);
+            EXPECT_EQ(out, want) << w << "x" << h << " level " << int(l);
+            auto in_place = src;
+            vx_bpf2d_iir(&f.ctx, in_place.data(), in_place.data(), w, h);
+            EXPECT_EQ(in_place, want) << w << "x" << h << " in place, level " << int(l);
+        }
+        vx_bpf2d_iir_uninit(&f.ctx);
+    }
+}
+
+TEST(FilterBpf, Smooths) {
+    bpf f;
+    ASSERT_TRUE(vx_bpf2d_iir_init(&f.ctx, 64, 48, 0.1f, 1.0f, 0, 256));
+    const auto src = random_image(64, 48, 9, 1000, 1100);
+    std::vector<uint16_t> out(src.size());
+    vx_bpf2d_iir(&f.ctx, out.data(), src.data(), 64, 48);
+    auto spread = [](const std::vector<uint16_t> &v) {
+        double m = 0, s = 0;
+        for (auto x : v) m += x;
+        m /= double(v.size());
+        for (auto x : v) s += (x - m) * (x - m);
+        return std::sqrt(s / double(v.size()));
+    };
+    EXPECT_LT(spread(out), spread(src) / 3);
+}
+
+}  // namespace
