@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "stream/stream_internal.h"
+#include "stream/stream_sum.h"
 #include "stream_builder.h"
 #include "test_util.h"
 #include "tevix/vx_log.h"
@@ -138,6 +139,19 @@ TEST(StreamHash, LongBuffersMatchBytewiseFletcher) {
         }
         EXPECT_EQ(vx_stream_hash16(b.data(), len, seed), s1 | s2 << 8) << len;
     }
+}
+
+TEST(StreamSum, FastPathMatchesScalarAtAnyAlignment) {
+    std::mt19937 rng(11);
+    std::vector<uint8_t> b(5000);
+    for (auto &x : b) x = static_cast<uint8_t>(rng());
+    for (uint32_t ofs = 0; ofs < 4; ++ofs)
+        for (uint32_t words : {0u, 1u, 31u, 32u, 33u, 127u, 128u, 1000u, 1249u})
+            EXPECT_EQ(tevix::stream::sum_u32le(b.data() + ofs, words),
+                      tevix::stream::sum_u32le_scalar(b.data() + ofs, words))
+                << ofs << " " << words;
+    const uint8_t le[8] = {0x04, 0x03, 0x02, 0x01, 0xFF, 0xFF, 0xFF, 0xFF};
+    EXPECT_EQ(tevix::stream::sum_u32le_scalar(le, 2), 0x01020303u);
 }
 
 TEST_F(StreamTest, HeaderMakerFields) {
