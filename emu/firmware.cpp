@@ -1,0 +1,230 @@
+// Firmware model of the virtual camera: parameters, registers, the status record, capture and
+// reset commands.
+#include <cerrno>
+#include <cstring>
+
+#include "ll/usb/usb_proto.h"
+#include "vcam.h"
+
+namespace tevix::emu {
+
+using namespace tevix::usb;
+
+namespace {
+
+void _put16(std::vector<uint8_t> &v, uint16_t x) {
+    v.push_back(static_cast<uint8_t>(x));
+    v.push_back(static_cast<uint8_t>(x >> 8));
+}
+
+void _put32(std::vector<uint8_t> &v, uint32_t x) {
+    for (int i = 0; i < 4; ++i) v.push_back(static_cast<uint8_t>(x >> (8 * i)));
+}
+
+uint32_t _get32(const uint8_t *p) {
+    return p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24;
+}
+
+std::vector<uint8_t> _text(const std::string &s) {
+    return std::vector<uint8_t>(s.begin(),
+                                s.begin() + static_cast<long>(std::min<size_t>(s.size(), 18)));
+}
+
+}  // namespace
+
+firmware::firmware(const camera_config &cfg) {
+    params_[k_par_vendor] = _text(cfg.vendor);
+    params_[k_par_product] = _text(cfg.product);
+    std::vector<uint8_t> v;
+    for (uint32_t w : cfg.uid) _put32(v, w);
+    params_[k_par_uid] = v;
+    v.clear();
+    _put32(v, 0x01510004u);  // firmware 1.81.4
+    _put32(v, 1);            // hardware revision
+    _put32(v, 20261123u);    // build date
+    params_[k_par_version] = v;
+    v.clear();
+    for (uint16_t w : cfg.sensor) _put16(v, w);
+    params_[k_par_sensor] = v;
+    v.clear();
+    _put16(v, test_pattern::k_width);
+    _put16(v, test_pattern::k_height);
+    _put16(v, 60);    // highest frame rate
+    _put16(v, 1500);  // longest integration time, us
+    params_[k_par_geometry] = v;
+    v.clear();
+    _put32(v, 0);  // no calibration data stored
+    _put32(v, 0);  // its timestamp
+    params_[k_par_calib_info] = v;
+    v.clear();
+    _put32(v, cfg.fps);
+    params_[k_par_fps] = v;
+}
+
+uint32_t firmware::fps() const {
+    auto it = params_.find(k_par_fps);
+    if (it == params_.end() || it->second.size() < 4) return 0;
+    return _get32(it->second.data());
+}
+
+uint32_t firmware::reg(uint8_t target, uint32_t addr) const {
+    auto it = regs_.find(static_cast<uint64_t>(target) << 32 | addr);
+    return it == regs_.end() ? 0 : it->second;
+}
+
+void firmware::set_param(uint8_t id, std::span<const uint8_t> value) {
+    params_[id].assign(value.begin(),
+                       value.begin() + static_cast<long>(std::min<size_t>(value.size(), 18)));
+}
+
+std::vector<uint8_t> firmware::param(uint8_t id) const {
+    auto it = params_.find(id);
+    return it == params_.end() ? std::vector<uint8_t>() : it->second;
+}
+
+void firmware::_done(uint8_t request, uint16_t value, const char *error) {
+    last_req_ = request;
+    last_val_ = value;
+    if (!fail_text_.empty()) {
+        error_ = fail_text_;
+        fail_text_.clear();
+        state_ = k_state_error;
+    } else if (error) {
+        error_ = error;
+        state_ = k_state_error;
+    } else {
+        error_.clear();
+        state_ = k_state_done;
+    }
+}
+
+int firmware::_status(std::span<uint8_t> data) {
+    ++status_reads_;
+    std::memset(data.data(), 0, data.size());
+    if (data.size() < k_status_size) return -EPIPE;
+    data[0] = busy_reads_ ? k_state_busy : state_;
+    if (busy_reads_) --busy_reads_;
+    data[1] = last_req_;
+    data[2] = static_cast<uint8_t>(last_val_);
+    if (wrong_status_) {
+        data[1] = static_cast<uint8_t>(last_req_ ^ 0x01);
+        wrong_status_ = false;
+    }
+    if (data[0] == k_state_error) {
+        std::strncpy(reinterpret_cast<char *>(data.data()) + k_status_text, error_.c_str(),
+                     k_status_size - k_status_text - 1);
+    }
+    return static_cast<int>(k_status_size);
+}
+
+int firmware::_sys(bool in, uint16_t value, std::span<uint8_t> data) {
+    const size_t n = data.size() / k_param_item;
+    const bool items_ok = data.size() % k_param_item == 0 && n >= 1 && n <= k_params_per_cmd;
+    if (value == k_sys_reset && !in) {
+        if (data.size() != 4) return _done(k_cmd_sys, value, "bad reset length"), 0;
+        const uint32_t target = _get32(data.data());
+        _done(k_cmd_sys, value, nullptr);
+        if (on_reset) on_reset(target);
+        return static_cast<int>(data.size());
+    }
+    if (value == k_sys_param_set && !in) {
+        if (!items_ok) return _done(k_cmd_sys, value, "bad parameter batch"), 0;
+        for (size_t i = 0; i < n; ++i) {
+            const uint8_t *it = data.data() + i * k_param_item;
+            set_param(it[0], std::span<const uint8_t>(it + 2, std::min<size_t>(it[1], 18)));
+        }
+        _done(k_cmd_sys, value, nullptr);
+        return static_cast<int>(data.size());
+    }
+    if (value == k_sys_param_get) {
+        if (!items_ok) return _done(k_cmd_sys, value, "bad parameter batch"), 0;
+        if (!in) {
+            get_ids_.clear();
+            for (size_t i = 0; i < n; ++i) get_ids_.push_back(data[i * k_param_item]);
+        } else {
+            std::memset(data.data(), 0, data.size());
+            for (size_t i = 0; i < n && i < get_ids_.size(); ++i) {
+                uint8_t *it = data.data() + i * k_param_item;
+                it[0] = get_ids_[i];
+                auto p = params_.find(get_ids_[i]);
+                if (p == params_.end()) continue;
+                it[1] = static_cast<uint8_t>(p->second.size());
+                std::memcpy(it + 2, p->second.data(), p->second.size());
+            }
+        }
+        _done(k_cmd_sys, value, nullptr);
+        return static_cast<int>(data.size());
+    }
+    _done(k_cmd_sys, value, "unsupported command");
+    return static_cast<int>(data.size());
+}
+
+int firmware::_reg(bool in, uint16_t value, std::span<uint8_t> data) {
+    if (value == k_reg_write && !in) {
+        if (data.size() < k_reg_hdr) return _done(k_cmd_reg, value, "short register write"), 0;
+        const uint8_t target = data[0];
+        const uint32_t addr = _get32(&data[1]);
+        const uint32_t bytes = data[5] | data[6] << 8;
+        if (bytes % 4 || bytes / 4 > k_regs_per_cmd || k_reg_hdr + bytes != data.size()) {
+            _done(k_cmd_reg, value, "bad register count");
+            return static_cast<int>(data.size());
+        }
+        for (uint32_t i = 0; i < bytes / 4; ++i) {
+            regs_[static_cast<uint64_t>(target) << 32 | (addr + i)] =
+                _get32(&data[k_reg_hdr + 4 * i]);
+        }
+        _done(k_cmd_reg, value, nullptr);
+        return static_cast<int>(data.size());
+    }
+    if (value == k_reg_read) {
+        if (!in) {
+            if (data.size() != k_reg_hdr) return _done(k_cmd_reg, value, "bad register read"), 0;
+            rd_target_ = data[0];
+            rd_addr_ = _get32(&data[1]);
+            rd_count_ = (data[5] | data[6] << 8) / 4u;
+        } else {
+            const uint32_t n =
+                std::min<uint32_t>(rd_count_, static_cast<uint32_t>(data.size() / 4));
+            std::memset(data.data(), 0, data.size());
+            for (uint32_t i = 0; i < n; ++i) {
+                const uint32_t v = reg(rd_target_, rd_addr_ + i);
+                for (int b = 0; b < 4; ++b) data[4 * i + b] = static_cast<uint8_t>(v >> (8 * b));
+            }
+        }
+        _done(k_cmd_reg, value, nullptr);
+        return static_cast<int>(data.size());
+    }
+    if (value == k_reg_cap_start && !in && data.size() == 4) {
+        mode_ = _get32(data.data());
+        _done(k_cmd_reg, value, nullptr);
+        if (state_ != k_state_error && on_start) on_start(mode_);
+        return 4;
+    }
+    if (value == k_reg_cap_stop && !in && data.size() == 1) {
+        _done(k_cmd_reg, value, data[0] == k_cap_stop_byte ? nullptr : "bad stop byte");
+        if (on_stop) on_stop();
+        return 1;
+    }
+    _done(k_cmd_reg, value, "unsupported command");
+    return static_cast<int>(data.size());
+}
+
+int firmware::control(uint8_t type, uint8_t request, uint16_t value, std::span<uint8_t> data) {
+    const bool in = type & 0x80;
+    if (request == k_cmd_status && in) return _status(data);
+    if (type != k_req_out && type != k_req_in) return -EPIPE;
+    int r;
+    if (request == k_cmd_sys) {
+        r = _sys(in, value, data);
+    } else if (request == k_cmd_reg) {
+        r = _reg(in, value, data);
+    } else {
+        _done(request, value, "unsupported command");
+        r = static_cast<int>(data.size());
+    }
+    log_.push_back(
+        {type, request, value, std::vector<uint8_t>(data.begin(), data.begin() + std::max(r, 0))});
+    return r;
+}
+
+}  // namespace tevix::emu

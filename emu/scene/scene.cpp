@@ -1,0 +1,283 @@
+#include "scene/scene.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <random>
+
+namespace tevix::emu {
+
+namespace {
+
+struct vec3 {
+    double x, y, z;
+};
+
+vec3 operator-(vec3 a, vec3 b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
+double dot(vec3 a, vec3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+vec3 cross(vec3 a, vec3 b) {
+    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
+}
+
+// The scene in camera coordinates (mm; x right, y down, z forward).
+constexpr double k_room_x = 2200, k_room_top = -1400, k_room_floor = 1200, k_room_back = 4800;
+
+struct box {
+    vec3 lo, hi;
+    float refl;
+};
+constexpr box k_boxes[2] = {
+    {{-1300, 600, 2200}, {-500, 1200, 3000}, 0.85f},
+    {{1200, -200, 3600}, {1900, 1200, 4300}, 0.8f},
+};
+constexpr vec3 k_sphere_c{700, 300, 2700};
+constexpr double k_sphere_r = 500;
+// Ramp: a parallelogram from the floor rising towards the back.
+constexpr vec3 k_ramp_p{-300, 1200, 1500}, k_ramp_e1{900, 0, 0}, k_ramp_e2{0, -450, 800};
+
+struct hit {
+    double t = 1e30;
+    float refl = 0;
+};
+
+void _try(hit &h, double t, float refl) {
+    if (t > 1e-6 && t < h.t) {
+        h.t = t;
+        h.refl = refl;
+    }
+}
+
+void _room(hit &h, vec3 d) {
+    if (d.x > 0) _try(h, k_room_x / d.x, 0.8f);
+    if (d.x < 0) _try(h, -k_room_x / d.x, 0.8f);
+    if (d.y > 0) _try(h, k_room_floor / d.y, 0.75f);
+    if (d.y < 0) _try(h, k_room_top / d.y, 0.7f);
+    if (d.z > 0) _try(h, k_room_back / d.z, 0.9f);
+}
+
+void _box(hit &h, vec3 d, const box &b) {
+    double t0 = 0, t1 = 1e30;
+    const double o[3] = {0, 0, 0}, dv[3] = {d.x, d.y, d.z};
+    const double lo[3] = {b.lo.x, b.lo.y, b.lo.z}, hi[3] = {b.hi.x, b.hi.y, b.hi.z};
+    for (int a = 0; a < 3; ++a) {
+        if (std::fabs(dv[a]) < 1e-12) {
+            if (o[a] < lo[a] || o[a] > hi[a]) return;
+            continue;
+        }
+        double ta = (lo[a] - o[a]) / dv[a], tb = (hi[a] - o[a]) / dv[a];
+        if (ta > tb) std::swap(ta, tb);
+        t0 = std::max(t0, ta);
+        t1 = std::min(t1, tb);
+    }
+    if (t0 <= t1) _try(h, t0, b.refl);
+}
+
+void _sphere(hit &h, vec3 d) {
+    const double b = dot(d, k_sphere_c);
+    const double c = dot(k_sphere_c, k_sphere_c) - k_sphere_r * k_sphere_r;
+    const double disc = b * b - c;
+    if (disc >= 0) _try(h, b - std::sqrt(disc), 0.9f);
+}
+
+void _ramp(hit &h, vec3 d) {
+    const vec3 n = cross(k_ramp_e1, k_ramp_e2);
+    const double den = dot(n, d);
+    if (std::fabs(den) < 1e-12) return;
+    const double t = dot(n, k_ramp_p) / den;
+    const vec3 q = vec3{d.x * t, d.y * t, d.z * t} - k_ramp_p;
+    const double u = dot(q, k_ramp_e1) / dot(k_ramp_e1, k_ramp_e1);
+    const double v = dot(q, k_ramp_e2) / dot(k_ramp_e2, k_ramp_e2);
+    if (u >= 0 && u <= 1 && v >= 0 && v <= 1) _try(h, t, 0.95f);
+}
+
+// Ray direction (unit length) of an image pixel through the lens: the distortion model is
+// inverted by fixed-point iteration.
+vec3 _ray(const tevix_lens_param_t &l, double u, double v) {
+    const double xd = (u - l.cx) / l.fx, yd = (v - l.cy) / l.fy;
+    const double k1 = l.dcoef[0], k2 = l.dcoef[1], p1 = l.dcoef[2], p2 = l.dcoef[3],
+                 k3 = l.dcoef[4];
+    double x = xd, y = yd;
+    for (int i = 0; i < 30; ++i) {
+        const double r2 = x * x + y * y;
+        const double rad = 1 + k1 * r2 + k2 * r2 * r2 + k3 * r2 * r2 * r2;
+        const double dx = 2 * p1 * x * y + p2 * (r2 + 2 * x * x);
+        const double dy = p1 * (r2 + 2 * y * y) + 2 * p2 * x * y;
+        x = (xd - dx) / rad;
+        y = (yd - dy) / rad;
+    }
+    const double norm = std::sqrt(x * x + y * y + 1);
+    return {x / norm, y / norm, 1 / norm};
+}
+
+uint32_t _image_row(uint32_t sensor_row, uint32_t h) {
+    const uint32_t k = sensor_row / 2;
+    if (sensor_row >= (h / 2) * 2) return sensor_row;
+    return (sensor_row & 1) ? h / 2 + k : h / 2 - 1 - k;
+}
+
+// The four DCS samples of a pixel (B = 2048) for phase theta (radians) and amplitude a, such
+// that D2 - D0 = -a cos(theta) and D3 - D1 = -a sin(theta).
+struct dcs4 {
+    double d[4];
+};
+
+dcs4 _samples(double theta, double a) {
+    const double c = 0.5 * a * std::cos(theta), s = 0.5 * a * std::sin(theta);
+    return {{2048 + c, 2048 + s, 2048 - c, 2048 - s}};
+}
+
+uint16_t _sample(double v) { return static_cast<uint16_t>(std::clamp(std::lround(v), 0L, 4095L)); }
+
+struct pair_planes {
+    int p0, p1;
+};
+
+pair_planes _reduced(uint32_t f) {
+    if (f > 24000000) return {0, 1};
+    if (f <= 12000000) return {1, 2};
+    return {2, 3};
+}
+
+}  // namespace
+
+uint32_t scene_time_word(uint32_t hours, uint32_t minutes, uint32_t seconds, uint32_t usec) {
+    return (hours & 0x1F) | ((minutes & 0x3F) << 5) | ((seconds & 0x3F) << 11) |
+           ((usec / 64) << 17);
+}
+
+scene_renderer::scene_renderer(const scene_config &cfg, uint16_t format)
+    : cfg_(cfg), format_(format) {
+    const uint32_t w = cfg_.width, h = cfg_.height, n = w * h;
+    dist_.assign(n, 0.0f);
+    refl_.assign(n, 0.0f);
+    amp_.assign(n, 0.0f);
+    // The lens record may be for a larger image; scale it like the driver does.
+    tevix_lens_param_t l = cfg_.lens;
+    if (l.width && l.height && w && h) {
+        const double sx = static_cast<double>(l.width) / w, sy = static_cast<double>(l.height) / h;
+        l.cx /= sx;
+        l.fx /= sx;
+        l.cy /= sy;
+        l.fy /= sy;
+    }
+    for (uint32_t v = 0; v < h; ++v) {
+        for (uint32_t u = 0; u < w; ++u) {
+            const vec3 d = _ray(l, u, v);
+            hit hh;
+            _room(hh, d);
+            for (const box &b : k_boxes) _box(hh, d, b);
+            _sphere(hh, d);
+            _ramp(hh, d);
+            const uint32_t i = v * w + u;
+            if (hh.t >= 1e29) continue;
+            dist_[i] = static_cast<float>(hh.t);
+            refl_[i] = hh.refl;
+            const double m = hh.t / 1000.0;
+            amp_[i] = static_cast<float>(cfg_.amp_max * hh.refl / (1.0 + 0.03 * m));
+        }
+    }
+}
+
+uint32_t scene_renderer::planes() const {
+    switch (format_) {
+        case 2:
+            return 4;
+        case 1:
+            return 2;
+        default:
+            return 1;
+    }
+}
+
+uint32_t scene_renderer::frame_bytes() const {
+    return planes() * cfg_.width * cfg_.height * 2u;
+}
+
+bool scene_renderer::under_header(uint32_t x, uint32_t y) const {
+    return x < k_scene_header_bytes / 2 && y == _image_row(0, cfg_.height);
+}
+
+vx_frame_desc_t scene_renderer::describe() const {
+    vx_frame_desc_t d{};
+    d.frlen = frame_bytes();
+    d.frfmt = format_;
+    d.width = cfg_.width;
+    d.height = cfg_.height;
+    d.tcb = cfg_.tcb;
+    d.tib = cfg_.tib;
+    return d;
+}
+
+void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_desc_t &desc) {
+    const uint32_t w = cfg_.width, h = cfg_.height, n = w * h;
+    if (out.size() < frame_bytes()) return;
+    const double range = static_cast<double>(
+        static_cast<uint32_t>(149896216576.0f / static_cast<float>(cfg_.freq_hz)));
+    std::mt19937 rng(cfg_.seed * 7919u + index);
+    std::normal_distribution<double> gauss(0.0, 1.0);
+    auto noisy = [&](double v) {
+        // Shot noise: the deviation grows with the square root of the collected charge.
+        return cfg_.noise ? v + gauss(rng) * 0.1 * std::sqrt(std::max(v, 0.0)) : v;
+    };
+    const pair_planes pp = _reduced(cfg_.freq_hz);
+    std::vector<uint16_t> s(static_cast<size_t>(planes()) * n);
+    for (uint32_t sr = 0; sr < h; ++sr) {
+        const uint32_t ir = _image_row(sr, h);
+        for (uint32_t x = 0; x < w; ++x) {
+            const uint32_t ii = ir * w + x, si = sr * w + x;
+            const double d = dist_[ii], a = amp_[ii];
+            const double theta = 2.0 * M_PI * std::fmod(d, range) / range;
+            if (format_ == 11) {
+                s[si] = _sample(noisy(2048 + a));
+                continue;
+            }
+            dcs4 q = _samples(theta, a);
+            if (format_ == 2 && !cfg_.noise) {
+                // Exact differences: D2 - D0 and D3 - D1 are the rounded ideal values.
+                const long dx = std::lround(-a * std::cos(theta));
+                const long dy = std::lround(-a * std::sin(theta));
+                const long d0 = 2048 - dx / 2, d1 = 2048 - dy / 2;
+                s[si] = _sample(d0);
+                s[n + si] = _sample(d1);
+                s[2 * n + si] = _sample(d0 + dx);
+                s[3 * n + si] = _sample(d1 + dy);
+                continue;
+            }
+            if (format_ == 2) {
+                for (int p = 0; p < 4; ++p) s[p * n + si] = _sample(noisy(q.d[p]));
+            } else if (format_ == 1) {
+                s[si] = _sample(noisy(q.d[pp.p0]));
+                s[n + si] = _sample(noisy(q.d[pp.p1]));
+            } else {
+                s[si] = _sample(noisy(q.d[((sr / 2) & 1) ? pp.p1 : pp.p0]));
+            }
+        }
+    }
+    std::memcpy(out.data(), s.data(), s.size() * 2);
+    const uint32_t usec_total = index * 33333u;
+    const uint32_t secs = usec_total / 1000000u;
+    desc = describe();
+    desc.fridx = static_cast<uint16_t>(index);
+    desc.time = scene_time_word(12, (secs / 60) % 60, secs % 60, usec_total % 1000000u);
+    uint8_t hdr[k_scene_header_bytes];
+    std::memcpy(hdr, &desc.frlen, 4);
+    std::memcpy(hdr + 4, &desc.fridx, 2);
+    std::memcpy(hdr + 6, &desc.frfmt, 2);
+    std::memcpy(hdr + 8, &desc.width, 2);
+    std::memcpy(hdr + 10, &desc.height, 2);
+    std::memcpy(hdr + 12, &desc.tcb, 2);
+    std::memcpy(hdr + 14, &desc.tib, 2);
+    std::memcpy(hdr + 16, &desc.time, 4);
+    std::memcpy(out.data(), hdr, sizeof hdr);
+}
+
+std::vector<uint8_t> scene_render_frame(const scene_config &cfg, uint16_t format,
+                                        uint32_t index) {
+    scene_renderer r(cfg, format);
+    std::vector<uint8_t> out(r.frame_bytes());
+    vx_frame_desc_t desc{};
+    r.render(index, out, desc);
+    return out;
+}
+
+}  // namespace tevix::emu

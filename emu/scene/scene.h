@@ -1,0 +1,71 @@
+// Scene renderer of the virtual camera: a small room with two boxes, a sphere and a ramp, seen
+// through a lens record, gives the true radial distance and reflectivity of every pixel; from
+// them it synthesises EPC raw frames in the sensor's row order, so that decoding can be checked
+// against known geometry.
+//
+// Raw frame layout: the planes follow each other, width x height little-endian u16 samples each,
+// rows in sensor order (sensor row 2k is image row H/2 - 1 - k, row 2k + 1 is image row H/2 + k).
+// The 20-byte frame header (u32 size, u16 index, u16 format, u16 width, u16 height, s16 Tcb,
+// s16 Tib, u32 time word) takes the place of the first 10 samples of plane 0, as on the camera.
+//
+// Formats: 2 four DCS planes; 1 two planes holding the frequency's reduced pair; 4 and 10 one
+// plane in the 1-plane layout (rows whose pair index is even carry the pair's first sample, the
+// others its second); 11 one plane of grey data, 2048 + amplitude.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "tevix/tevix_param.h"
+#include "vcam.h"
+
+namespace tevix::emu {
+
+struct scene_config {
+    uint32_t freq_hz = 20000000;
+    uint16_t width = 320, height = 240;
+    tevix_lens_param_t lens{157.262, 122.083, 210.783, 204.817,
+                            {-0.378924, 0.145035, -0.000970854, 6.20728e-05, -0.0133954},
+                            5, 320, 240};
+    int16_t tcb = 350, tib = 420;  // 0.1 C
+    bool noise = false;            // shot noise on every sample
+    uint32_t seed = 1;
+    float amp_max = 1900.0f;       // amplitude of a white surface close by (DCS counts)
+};
+
+constexpr uint32_t k_scene_header_bytes = 20;
+
+class scene_renderer : public frame_source {
+  public:
+    scene_renderer(const scene_config &cfg, uint16_t format);
+
+    vx_frame_desc_t describe() const override;
+    void render(uint32_t index, std::span<uint8_t> out, vx_frame_desc_t &desc) override;
+
+    // Truth in image order: radial distance in mm (0 where no surface is hit) and reflectivity.
+    const std::vector<float> &truth_mm() const { return dist_; }
+    const std::vector<float> &reflectivity() const { return refl_; }
+    // Amplitude in DCS counts per image pixel.
+    const std::vector<float> &amplitude() const { return amp_; }
+    // Planes of the format and the frame length in bytes.
+    uint32_t planes() const;
+    uint32_t frame_bytes() const;
+    // Image-order pixels whose samples the frame header replaces.
+    bool under_header(uint32_t x, uint32_t y) const;
+
+  private:
+    scene_config cfg_;
+    uint16_t format_;
+    std::vector<float> dist_, refl_, amp_;
+};
+
+// Time word of the frame header for a time of day: bits 0-4 hours, 5-10 minutes, 11-16
+// seconds, 17-31 microseconds / 64.
+uint32_t scene_time_word(uint32_t hours, uint32_t minutes, uint32_t seconds, uint32_t usec);
+
+// One frame of a format as a byte vector (a convenience over scene_renderer).
+std::vector<uint8_t> scene_render_frame(const scene_config &cfg, uint16_t format,
+                                        uint32_t index);
+
+}  // namespace tevix::emu

@@ -1,0 +1,212 @@
+// tevix-vcam [options] -- COMMAND [ARGS]: attaches virtual cameras and runs an unmodified program
+// against them, the way umockdev-run does (UMOCKDEV_DIR and the umockdev preload library).
+//
+// Exit status: the command's, 127 when it cannot be started, 2 on wrong usage.
+#include <getopt.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "vcam.h"
+
+extern char **environ;
+
+namespace {
+
+void _usage(FILE *f) {
+    std::fprintf(f,
+                 "usage: tevix-vcam [options] -- COMMAND [ARGS...]\n"
+                 "Runs COMMAND with virtual USB cameras attached (seen through libusb).\n"
+                 "  -n, --cameras N       number of cameras (default 1; bus 1, ports 2.., "
+                 "addresses 2..)\n"
+                 "  -f, --fps N           frame rate (default 30; 0 = as fast as the host reads)\n"
+                 "      --product TEXT    product string (default VXCAM-E1-R1)\n"
+                 "      --vendor TEXT     vendor string (default \"Tevix Virtual\")\n"
+                 "      --no-cksum        stream headers without the data checksum\n"
+                 "      --full-speed      report a 12 Mbit/s link\n"
+                 "      --garbage N       N garbage bytes before the first frame\n"
+                 "      --drop N          lose the first N bulk chunks of the stream\n"
+                 "      --corrupt N       wrong data checksum in the first N packets\n"
+                 "      --busy N          the first N status reads report busy\n"
+                 "      --fail TEXT       the first command ends with this error text\n"
+                 "      --unplug-after MS unplug every camera MS ms after the command starts\n"
+                 "      --replug-after MS plug them back MS ms after the unplug\n"
+                 "  -h, --help            this text\n");
+}
+
+struct options {
+    int cameras = 1;
+    tevix::emu::camera_config cfg;
+    uint32_t garbage = 0, drop = 0, corrupt = 0, busy = 0;
+    std::string fail;
+    long unplug_ms = -1, replug_ms = -1;
+};
+
+bool _num(const char *s, long lo, long hi, long *out) {
+    char *end = nullptr;
+    const long v = std::strtol(s, &end, 10);
+    if (!s[0] || *end || v < lo || v > hi) return false;
+    *out = v;
+    return true;
+}
+
+int _parse(int argc, char **argv, options &o) {
+    enum {
+        o_product = 256,
+        o_vendor,
+        o_nocksum,
+        o_fs,
+        o_garbage,
+        o_drop,
+        o_corrupt,
+        o_busy,
+        o_fail,
+        o_unplug,
+        o_replug
+    };
+    static const option longs[] = {{"cameras", required_argument, nullptr, 'n'},
+                                   {"fps", required_argument, nullptr, 'f'},
+                                   {"product", required_argument, nullptr, o_product},
+                                   {"vendor", required_argument, nullptr, o_vendor},
+                                   {"no-cksum", no_argument, nullptr, o_nocksum},
+                                   {"full-speed", no_argument, nullptr, o_fs},
+                                   {"garbage", required_argument, nullptr, o_garbage},
+                                   {"drop", required_argument, nullptr, o_drop},
+                                   {"corrupt", required_argument, nullptr, o_corrupt},
+                                   {"busy", required_argument, nullptr, o_busy},
+                                   {"fail", required_argument, nullptr, o_fail},
+                                   {"unplug-after", required_argument, nullptr, o_unplug},
+                                   {"replug-after", required_argument, nullptr, o_replug},
+                                   {"help", no_argument, nullptr, 'h'},
+                                   {nullptr, 0, nullptr, 0}};
+    int c;
+    long v;
+    while ((c = getopt_long(argc, argv, "+n:f:h", longs, nullptr)) != -1) {
+        const bool ok = [&] {
+            switch (c) {
+                case 'n':
+                    return _num(optarg, 1, 100, &v) && (o.cameras = static_cast<int>(v), true);
+                case 'f':
+                    return _num(optarg, 0, 10000, &v) &&
+                           (o.cfg.fps = static_cast<uint32_t>(v), true);
+                case o_product:
+                    return o.cfg.product = optarg, true;
+                case o_vendor:
+                    return o.cfg.vendor = optarg, true;
+                case o_nocksum:
+                    return o.cfg.data_cksum = false, true;
+                case o_fs:
+                    return o.cfg.speed_mbps = 12, true;
+                case o_garbage:
+                    return _num(optarg, 0, 1 << 20, &v) &&
+                           (o.garbage = static_cast<uint32_t>(v), true);
+                case o_drop:
+                    return _num(optarg, 0, 1 << 20, &v) &&
+                           (o.drop = static_cast<uint32_t>(v), true);
+                case o_corrupt:
+                    return _num(optarg, 0, 1 << 20, &v) &&
+                           (o.corrupt = static_cast<uint32_t>(v), true);
+                case o_busy:
+                    return _num(optarg, 0, 1 << 20, &v) &&
+                           (o.busy = static_cast<uint32_t>(v), true);
+                case o_fail:
+                    return o.fail = optarg, true;
+                case o_unplug:
+                    return _num(optarg, 0, 86400000, &o.unplug_ms);
+                case o_replug:
+                    return _num(optarg, 0, 86400000, &o.replug_ms);
+                case 'h':
+                    _usage(stdout);
+                    std::exit(0);
+                default:
+                    return false;
+            }
+        }();
+        if (!ok) {
+            if (c != '?') std::fprintf(stderr, "tevix-vcam: bad value for an option\n");
+            _usage(stderr);
+            return -1;
+        }
+    }
+    if (optind >= argc) {
+        std::fprintf(stderr, "tevix-vcam: no command given\n");
+        _usage(stderr);
+        return -1;
+    }
+    return optind;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    options o;
+    const int cmd = _parse(argc, argv, o);
+    if (cmd < 0) return 2;
+
+    // The testbed sets UMOCKDEV_DIR for the command.
+    tevix::emu::testbed tb;
+    for (int i = 0; i < o.cameras; ++i) {
+        tevix::emu::camera_config cfg = o.cfg;
+        cfg.port = static_cast<uint8_t>(2 + i);
+        cfg.addr = static_cast<uint8_t>(2 + i);
+        cfg.uid[2] += static_cast<uint32_t>(i);
+        tevix::emu::camera *cam = tb.add(cfg);
+        if (!cam) return 1;
+        cam->garbage_next(o.garbage);
+        cam->drop_next(o.drop);
+        cam->corrupt_cksum_next(o.corrupt);
+        cam->with_firmware([&](tevix::emu::firmware &fw) {
+            fw.busy_reads(o.busy);
+            if (!o.fail.empty()) fw.fail_next(o.fail);
+        });
+    }
+
+    std::string preload = "libumockdev-preload.so.0";
+    if (const char *old = std::getenv("LD_PRELOAD"); old && *old) preload += std::string(":") + old;
+    setenv("LD_PRELOAD", preload.c_str(), 1);
+    pid_t pid = 0;
+    const int r = posix_spawnp(&pid, argv[cmd], nullptr, nullptr, argv + cmd, environ);
+    unsetenv("LD_PRELOAD");
+    if (r != 0) {
+        std::fprintf(stderr, "tevix-vcam: cannot run %s: %s\n", argv[cmd], std::strerror(r));
+        return 127;
+    }
+
+    std::mutex m;
+    std::condition_variable cv;
+    bool ended = false;
+    std::thread faults([&] {
+        if (o.unplug_ms < 0) return;
+        std::unique_lock lk(m);
+        if (cv.wait_for(lk, std::chrono::milliseconds(o.unplug_ms), [&] { return ended; })) return;
+        for (size_t i = 0; i < tb.size(); ++i) tb.at(i)->unplug();
+        if (o.replug_ms < 0) return;
+        if (cv.wait_for(lk, std::chrono::milliseconds(o.replug_ms), [&] { return ended; })) return;
+        for (size_t i = 0; i < tb.size(); ++i) tb.at(i)->replug();
+    });
+
+    signal(SIGINT, SIG_IGN);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    {
+        std::lock_guard lk(m);
+        ended = true;
+    }
+    cv.notify_all();
+    faults.join();
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return 1;
+}
