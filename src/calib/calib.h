@@ -41,11 +41,28 @@ uint64_t file_remaining(FILE *fp);
 // The checksum the header's cksum field must hold (over bytes 20..1187).
 uint16_t param_header_cksum(const tevix_param_t &hdr);
 
-// The lens record stored in a container header.
-tevix_lens_param_t param_header_lens(const tevix_param_t &hdr);
-
-// A loaded binary lens object as a lens record (f32 widened to f64; at most 16 coefficients).
-tevix_lens_param_t lens_from_bin(const tevix_lens_bin_t &bin);
+// The lens fields of a container header or a binary lens object as a lens record (f32 widened
+// to f64; a count beyond the 16 coefficients is capped).
+template <class Rec>
+tevix_lens_param_t lens_record_of(const Rec &r) {
+    tevix_lens_param_t l{};
+    l.cx = r.cx;
+    l.cy = r.cy;
+    l.fx = r.fx;
+    l.fy = r.fy;
+    for (int i = 0; i < TEVIX_LENS_MAX_DCOEF; ++i) l.dcoef[i] = r.dcoef[i];
+    l.n_dcoef =
+        r.n_dcoef < TEVIX_LENS_MAX_DCOEF ? uint32_t{r.n_dcoef} : uint32_t{TEVIX_LENS_MAX_DCOEF};
+    l.width = r.width;
+    l.height = r.height;
+    return l;
+}
+inline tevix_lens_param_t param_header_lens(const tevix_param_t &hdr) {
+    return lens_record_of(hdr);
+}
+inline tevix_lens_param_t lens_from_bin(const tevix_lens_bin_t &bin) {
+    return lens_record_of(bin);
+}
 
 // Bare lens file name (no directory): "lens_param[_<id>].bin" or ".txt".
 void lens_file_name(char *buf, uint32_t size, const char *prefix, uint32_t id, bool binary,

@@ -102,19 +102,6 @@ void lens_file_name(char *buf, uint32_t size, const char *prefix, uint32_t id, b
     buf[size - 1] = '\0';
 }
 
-tevix_lens_param_t lens_from_bin(const tevix_lens_bin_t &bin) {
-    tevix_lens_param_t l{};
-    l.cx = bin.cx;
-    l.cy = bin.cy;
-    l.fx = bin.fx;
-    l.fy = bin.fy;
-    for (int i = 0; i < TEVIX_LENS_MAX_DCOEF; ++i) l.dcoef[i] = bin.dcoef[i];
-    l.n_dcoef = std::min<uint32_t>(bin.n_dcoef, TEVIX_LENS_MAX_DCOEF);
-    l.width = bin.width;
-    l.height = bin.height;
-    return l;
-}
-
 bool lens_load_search(const tevix_dev_t *dev, tevix_lens_param_t *record, void **bin_out) {
     if (!record) return false;
     const uint32_t id = dev_ident(dev);

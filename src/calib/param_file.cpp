@@ -34,19 +34,6 @@ uint16_t param_header_cksum(const tevix_param_t &hdr) {
         std::span(p + TEVIX_PARAM_CKSUM_FIRST, p + static_cast<size_t>(TEVIX_PARAM_CKSUM_END)));
 }
 
-tevix_lens_param_t param_header_lens(const tevix_param_t &hdr) {
-    tevix_lens_param_t l{};
-    l.cx = hdr.cx;
-    l.cy = hdr.cy;
-    l.fx = hdr.fx;
-    l.fy = hdr.fy;
-    std::memcpy(l.dcoef, hdr.dcoef, sizeof l.dcoef);
-    l.n_dcoef = hdr.n_dcoef;
-    l.width = hdr.width;
-    l.height = hdr.height;
-    return l;
-}
-
 }  // namespace tevix::calib
 
 namespace {

@@ -98,6 +98,8 @@ TEST_F(lens_file_test, binary_round_trip_keeps_header_and_tables) {
     EXPECT_EQ(rec.n_dcoef, 5u);
     EXPECT_EQ(rec.width, 4u);
     EXPECT_EQ(rec.height, 3u);
+    obj->n_dcoef = 200;
+    EXPECT_EQ(lens_from_bin(*obj).n_dcoef, 16u);
     tevix_param_len_bin_free(obj);
     tevix_param_len_bin_free(nullptr);
     EXPECT_TRUE(log_has("[tevix_param_len_bin_load] Load l.bin: cx/cy/fx/fy=80.500/30.250/"));
