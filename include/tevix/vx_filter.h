@@ -83,13 +83,15 @@ TEVIX_API bool vx_median2d_u16(uint16_t *img, uint32_t width, uint32_t height,
                                uint32_t kernel) TEVIX_NOEXCEPT;
 
 /*
- * Flying-pixel removal: a flying pixel lies between two surfaces at an edge and agrees with few
- * of its neighbours. For a valid pixel of distance d, the margin is (d * (32 - t)) >> 8 with
- * t = min(threshold, 31): from d / 256 at 31 (strictest) to d / 8 at 0 (most lenient), so a higher
- * threshold removes more. A valid neighbour supports the pixel when their distances differ by at
- * most the margin. The pixel becomes 0 when it has fewer supporters than min(S, number of valid
- * neighbours), with S = 2 for the 3x3 window (k3) and S = 4 for the 5x5 window (k5); a pixel
- * without valid neighbours is kept. The drivers pass threshold = 31 - min(level, 31).
+ * Flying-pixel removal. A flying pixel mixes two surfaces at an edge, so its distance lies between
+ * them. For a valid pixel of distance d the margin is (d * (32 - t)) >> 8 with t = min(threshold,
+ * 31): from d / 256 at 31 (strictest) to d / 8 at 0 (most lenient), so a higher threshold removes
+ * more. The pixel becomes 0 when, in one of the four directions (horizontal, vertical, the two
+ * diagonals), the two opposite neighbours are valid and it lies strictly between them with a gap
+ * of more than the margin to each. k3 looks at the neighbours at distance 1; k5 at those at
+ * distance 1 and at distance 2 (mixed bands two pixels wide). Pixels on a steep slope whose step
+ * to each neighbour exceeds the margin are removed as well. The drivers pass
+ * threshold = 31 - min(level, 31).
  */
 TEVIX_API bool vx_flypix_u16_k3(uint16_t *img, uint32_t width, uint32_t height,
                                 uint32_t threshold) TEVIX_NOEXCEPT;

@@ -9,27 +9,31 @@ template <uint32_t K>
 struct flypix_kernel {
     uint16_t level;  // 32 - min(threshold, 31): the margin in 1/256 of the distance
 
+    // Mask of the lanes where c lies strictly between a and b with a gap above the margin on
+    // both sides. The wrapping differences only count where the comparison before them holds.
+    template <class V>
+    VX_INLINE static auto _between(const V &c, const V &a, const V &b, const V &margin) {
+        const auto a_near = (a < c) & (V(c - a) > margin);
+        const auto a_far = (a > c) & (V(a - c) > margin);
+        const auto b_near = (b < c) & (V(c - b) > margin);
+        const auto b_far = (b > c) & (V(b - c) > margin);
+        return ~(is_invalid(a) | is_invalid(b)) & ((a_near & b_far) | (a_far & b_near));
+    }
+
     template <class V>
     VX_INLINE V run(const uint16_t *p, size_t stride) const {
-        constexpr int r = K / 2;
-        constexpr uint16_t support = K == 3 ? 2 : 4;
-        const V zero = splat<V>(uint16_t(0)), one = splat<V>(uint16_t(1));
+        const ptrdiff_t s = ptrdiff_t(stride);
         const V c = load<V>(p);
         const V m = splat<V>(level);
         // (c * m) >> 8 split at the low byte so every product fits in 16 bits.
         const V margin = V((c >> 8) * m + (((c & 255) * m) >> 8));
-        V nvalid = zero, nsup = zero;
-        for (int dy = -r; dy <= r; ++dy)
-            for (int dx = -r; dx <= r; ++dx) {
-                if (dx == 0 && dy == 0) continue;
-                const V q = load<V>(p + dy * ptrdiff_t(stride) + dx);
-                const auto good = ~is_invalid(q);
-                const V diff = V(vmax(c, q) - vmin(c, q));
-                nvalid += good ? one : zero;
-                nsup += (good & (diff <= margin)) ? one : zero;
-            }
-        const auto flying = ~is_invalid(c) & (nsup < vmin(nvalid, splat<V>(support)));
-        return flying ? zero : c;
+        auto flying = c != c;
+        for (ptrdiff_t r = 1; r <= ptrdiff_t(K / 2); ++r) {
+            const ptrdiff_t step[4] = {r, r * s, r * s + r, r * s - r};
+            for (ptrdiff_t d : step)
+                flying = flying | _between(c, load<V>(p - d), load<V>(p + d), margin);
+        }
+        return (~is_invalid(c) & flying) ? splat<V>(uint16_t(0)) : c;
     }
 };
 
