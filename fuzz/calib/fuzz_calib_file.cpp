@@ -9,31 +9,39 @@ namespace calib_fuzz {
 
 namespace {
 
-std::string _full_path() {
-    return scratch_dir() + scratch_name();
-}
+// Plain arrays: the exit handler that removes the file runs after static objects are destroyed.
+char g_name[64];
+char g_path[96];
 
 void _remove_scratch() {
-    std::remove(_full_path().c_str());
+    std::remove(g_path);
+}
+
+void _init_names() {
+    if (g_name[0]) return;
+    std::snprintf(g_name, sizeof g_name, "tevix-fuzz-calib-%ld.bin", static_cast<long>(::getpid()));
+    std::snprintf(g_path, sizeof g_path, "%s%s", scratch_dir(), g_name);
+    std::atexit(_remove_scratch);
 }
 
 }  // namespace
 
-const std::string &scratch_dir() {
-    static const std::string dir = "/tmp/";
-    return dir;
+const char *scratch_dir() {
+    return "/tmp/";
 }
 
-const std::string &scratch_name() {
-    static const std::string name = [] {
-        std::atexit(_remove_scratch);
-        return "tevix-fuzz-calib-" + std::to_string(::getpid()) + ".bin";
-    }();
-    return name;
+const char *scratch_name() {
+    _init_names();
+    return g_name;
+}
+
+const char *scratch_path() {
+    _init_names();
+    return g_path;
 }
 
 bool put_input(const uint8_t *data, size_t size) {
-    FILE *fp = std::fopen(_full_path().c_str(), "wb");
+    FILE *fp = std::fopen(scratch_path(), "wb");
     if (!fp) return false;
     const bool ok = size == 0 || std::fwrite(data, 1, size, fp) == size;
     return std::fclose(fp) == 0 && ok;

@@ -3,13 +3,13 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 
 namespace calib_fuzz {
 
-// Directory of the scratch file, with its trailing separator, and the file's bare name.
-const std::string &scratch_dir();
-const std::string &scratch_name();
+// Directory of the scratch file, with its trailing separator; the file's bare name; both joined.
+const char *scratch_dir();
+const char *scratch_name();
+const char *scratch_path();
 
 // Replaces the scratch file with the input; false when it cannot be written.
 bool put_input(const uint8_t *data, size_t size);

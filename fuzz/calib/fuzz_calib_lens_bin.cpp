@@ -6,8 +6,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (!calib_fuzz::put_input(data, size)) return 0;
     tevix_dev_t dev{};
-    dev.path_prefix = calib_fuzz::scratch_dir().c_str();
-    tevix_lens_bin_t *obj = tevix_param_len_bin_load(&dev, calib_fuzz::scratch_name().c_str());
+    dev.path_prefix = calib_fuzz::scratch_dir();
+    tevix_lens_bin_t *obj = tevix_param_len_bin_load(&dev, calib_fuzz::scratch_name());
     if (obj) {
         const size_t entries = size_t{obj->n_grad} + obj->n_reflect;
         const auto *tables = reinterpret_cast<const uint8_t *>(obj + 1);

@@ -2,7 +2,6 @@
 // also tried with its header checksum repaired, and with the block total and checksum repaired,
 // so that the walk behind the checksums is reached.
 #include <cstdio>
-#include <string>
 #include <vector>
 
 #include "calib/calib_writer.h"
@@ -13,9 +12,8 @@ namespace {
 
 void _open_and_walk(const std::vector<uint8_t> &file) {
     if (!calib_fuzz::put_input(file.data(), file.size())) return;
-    const std::string path = calib_fuzz::scratch_dir() + calib_fuzz::scratch_name();
     tevix_param_handle_t h;
-    if (!tevix_param_open_file(&h, path.c_str())) return;
+    if (!tevix_param_open_file(&h, calib_fuzz::scratch_path())) return;
     std::vector<uint8_t> buf;
     for (int32_t i = 0; i < h.hdr.blk_cnt; ++i) {
         const uint32_t n = h.blk[i].size < file.size() ? h.blk[i].size : 0;
