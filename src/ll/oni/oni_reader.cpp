@@ -344,6 +344,7 @@ bool reader::load_seek_table(node &n) {
         n.seek[i] = {_get<uint64_t>(e), _get<uint32_t>(e + 8), _get<uint64_t>(e + 12)};
     }
     n.has_seek = true;
+    if (!n.seek.empty()) n.first_data_pos = n.seek[0].pos;
     return true;
 }
 

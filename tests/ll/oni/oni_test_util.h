@@ -1,0 +1,73 @@
+// Shared by the ONI and replay tests: a log capture on the default context and small recordings.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ll/oni/oni.h"
+#include "test_util.h"
+#include "tevix/vx_log.h"
+
+namespace tevix::test {
+
+// Sends the default log context to a file (console off) for the test's lifetime.
+class log_capture {
+  public:
+    log_capture() : path_(dir_.file("log.txt")) {
+        vx_log_init(nullptr, path_.c_str(), "VX");
+        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
+        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
+    }
+    ~log_capture() { vx_log_uninit(nullptr); }
+    log_capture(const log_capture &) = delete;
+    log_capture &operator=(const log_capture &) = delete;
+    std::string text() const { return read_file(path_); }
+    bool has(const std::string &s) const { return text().find(s) != std::string::npos; }
+    void clear() { vx_log_reload(nullptr, 1); }
+
+  private:
+    temp_dir dir_;
+    std::string path_;
+};
+
+// A test depth image: frame k differs from every other frame.
+inline std::vector<uint16_t> depth_frame(uint32_t w, uint32_t h, uint32_t k) {
+    std::vector<uint16_t> px(size_t{w} * h);
+    for (uint32_t y = 0; y < h; ++y)
+        for (uint32_t x = 0; x < w; ++x)
+            px[size_t{y} * w + x] =
+                static_cast<uint16_t>(500 + k * 17 + x * 3 + y * 5 + (x * y + k) % 7);
+    return px;
+}
+
+// Writes a depth node "Depth" (pixel format 100) of n frames w x h at 30 fps.
+inline bool write_depth_file(const std::string &path, uint32_t codec, uint32_t w, uint32_t h,
+                             uint32_t n) {
+    auto wr = oni::writer::create(path.c_str());
+    if (!wr) return false;
+    oni::stream_desc d;
+    d.type = static_cast<uint32_t>(oni::node_type::depth);
+    d.pixel_format = 100;
+    d.max_depth = 10000;
+    d.xres = w;
+    d.yres = h;
+    d.bytes_per_pixel = 2;
+    d.fps = 30;
+    const int id = wr->add_node("Depth", d, codec);
+    if (id < 1) return false;
+    for (uint32_t k = 0; k < n; ++k) {
+        const auto px = depth_frame(w, h, k);
+        if (!wr->write_data(id, px.data(), static_cast<uint32_t>(px.size() * 2),
+                            33333ull * (k + 1)))
+            return false;
+    }
+    return wr->finish();
+}
+
+inline std::string testdata(const char *name) {
+    return std::string(TEVIX_TESTDATA_DIR) + "/oni/" + name;
+}
+
+}  // namespace tevix::test
