@@ -2,6 +2,7 @@
 // call on a device goes through.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -9,17 +10,55 @@
 #include "tevix/tevix.h"
 #include "tevix/tevix_ll.h"
 #include "tevix/tevix_param.h"
+#include "tevix/vx_cmap.h"
+#include "tevix/vx_filter.h"
+#include "tevix/vx_stream.h"
 
 struct tevix_drv_t;
 
 // Session of one open device, allocated zeroed at open.
 struct tevix_session {
-    uint32_t type = 0;                  // copy of the record's device type
-    tevix_ll_dev_t ll{};                // backend device record of the connection
-    tevix_dev_t *dev = nullptr;         // back pointer to the public record
-    uint8_t open = 0;                   // cleared by close and failed opens
-    uint8_t capturing = 0;
-    tevix_drv_t *drv = nullptr;         // driver row found for the product
+    uint32_t type = 0;           // copy of the record's device type
+    tevix_ll_dev_t ll{};         // backend device record of the connection
+    tevix_dev_t *dev = nullptr;  // back pointer to the public record
+    uint8_t open = 0;            // cleared by close and failed opens
+    std::atomic<uint8_t> capturing{0};
+    tevix_drv_t *drv = nullptr;        // driver row found for the product
+    uint32_t fb_slots = 0;             // frames the stream assembler keeps ready
+    vx_stream_t *stream = nullptr;     // frame stream assembler
+    std::condition_variable cap_cond;  // capture: frames ready or an event
+    std::mutex cap_mtx;
+    std::mutex buf_mtx;  // capture buffer
+    char uri[256] = {};
+    char scratch[150] = {};
+    uint32_t uid[3] = {0, 0, 0};  // unique id words
+    uint16_t max_width = 0, max_height = 0;
+    tevix_dev_info_t info{};  // device information block
+    char drv_name[16] = {};
+    tevix_lens_calib_cfg_t lens_cfg{};
+    vx_calib_len_map_t undist{};  // undistortion map of the last image size
+
+    // Capture (guarded by cap_mtx where the event thread meets the pulling thread).
+    tevix_cap_cfg_t cap_cfg{};
+    char save_file[513] = {};  // the session's copy of the recording name
+    std::atomic<uint32_t> stop_req{0};
+    uint32_t n_timeout = 0, n_stall = 0;
+    uint32_t discard_reported = 0;
+    int32_t pending_err = 0;
+    uint32_t pending_extra = 0;
+    uint8_t force_stop = 0;
+    struct {
+        bool active = false;
+        uint32_t max = 0;
+        uint8_t *buf = nullptr;
+        uint32_t rem = 0;
+        tevix_frame_info_t *info_out = nullptr;
+        uint32_t got = 0;
+        bool full = false;  // the caller's buffer has no room for the next frame
+    } req;
+    vx_stream_state_t last_state{};
+    uint64_t last_fb_log_ms = 0;
+    tevix_frame_info_t last_info{};
 
     // Parameter mirror.
     uint32_t dev_mode = 0;
@@ -29,8 +68,8 @@ struct tevix_session {
     uint32_t intg[2] = {0, 0};
     uint32_t frame_format = 0;
 
-    std::mutex rec_mtx;                 // guards the recording writer
-    bool recording = false;             // a recording writer is active
+    std::mutex rec_mtx;      // guards the recording writer
+    bool recording = false;  // a recording writer is active
 
     tevix_lens_param_t lens{};
     bool lens_valid = false;
@@ -39,7 +78,9 @@ struct tevix_session {
 namespace tevix::api {
 
 // The API mutex of an open record.
-inline std::mutex *api_mutex(tevix_dev_t *dev) { return static_cast<std::mutex *>(dev->api_mutex); }
+inline std::mutex *api_mutex(tevix_dev_t *dev) {
+    return static_cast<std::mutex *>(dev->api_mutex);
+}
 
 // True when the record describes an open device; otherwise logs the device-handler line under
 // the caller's name.
@@ -47,7 +88,7 @@ bool dev_check(const tevix_dev_t *dev, const char *caller);
 
 // Holds the record's busy count for the duration of a call on the device.
 class busy_guard {
-public:
+  public:
     explicit busy_guard(tevix_dev_t *dev) : dev_(dev) { change(+1); }
     ~busy_guard() {
         if (dev_) change(-1);
@@ -57,13 +98,19 @@ public:
     // Leaves the count raised when the guard ends (a designed case of the filter calls).
     void keep_raised() { dev_ = nullptr; }
 
-private:
+  private:
     void change(int d) {
         std::lock_guard<std::mutex> lock(*api_mutex(dev_));
         dev_->busy = static_cast<uint8_t>(dev_->busy + d);
     }
     tevix_dev_t *dev_;
 };
+
+// Stops a running capture ahead of close; the backend's result (1 when nothing ran).
+int capture_stop_for_close(tevix_dev_t *dev);
+
+// The library's default colour map.
+vx_cmap_t *default_cmap();
 
 // Writes a numeric property into the active recording (nothing without one).
 void session_record_int(tevix_session *s, const char *name, uint64_t value);

@@ -1,0 +1,367 @@
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "api/session.h"
+#include "ll/dispatch.h"
+#include "platform/platform.h"
+#include "test_util.h"
+#include "tevix/tevix.h"
+#include "tevix/vx_log.h"
+#include "tevix/vx_stream.h"
+
+namespace {
+
+// A camera whose transport events the test fires by hand, standing in for the event thread.
+struct fake_cam {
+    tevix_ll_evt_cb cb = nullptr;
+    void *user = nullptr;
+    tevix_ll_dev_t *ll = nullptr;
+    int aborts = 0, stops = 0;
+    uint32_t fps = 20;
+};
+fake_cam g_cam;
+std::atomic<int> g_starts{0};
+
+tevix_ll_dev_t *_open(tevix_ll_dev_t *dev);
+void _close(tevix_ll_dev_t *) {}
+int _cap_start(tevix_ll_dev_t *dev, uint32_t, tevix_ll_evt_cb cb, void *user) {
+    g_cam.cb = cb;
+    g_cam.user = user;
+    g_cam.ll = dev;
+    ++g_starts;
+    return 1;
+}
+int _cap_stop(tevix_ll_dev_t *) {
+    ++g_cam.stops;
+    return 1;
+}
+void _cap_abort(tevix_ll_dev_t *) {
+    ++g_cam.aborts;
+}
+int _param_set(tevix_ll_dev_t *, tevix_param_wire_t *, uint32_t) {
+    return 1;
+}
+int _param_get(tevix_ll_dev_t *, tevix_param_wire_t *items, uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) {
+        tevix_param_wire_t &it = items[i];
+        std::memset(it.value, 0, sizeof it.value);
+        if (it.id == TEVIX_PARAM_PRODUCT) {
+            it.len = 9;
+            std::memcpy(it.value, "CAM-T0-R1", 9);
+        } else if (it.id == TEVIX_PARAM_FPS) {
+            it.len = 4;
+            std::memcpy(it.value, &g_cam.fps, 4);
+        } else {
+            it.len = 4;
+        }
+    }
+    return 1;
+}
+
+const tevix_ll_ops k_cam_ops = {
+    .init = [] { return 1; },
+    .uninit = nullptr,
+    .set_debug = nullptr,
+    .dev_open = _open,
+    .dev_open_by_fd = nullptr,
+    .dev_close = _close,
+    .dev_list = nullptr,
+    .exe_cmd = nullptr,
+    .tx_data = nullptr,
+    .cap_abort = _cap_abort,
+    .cap_wait = nullptr,
+    .cap_start = _cap_start,
+    .cap_stop = _cap_stop,
+    .cap_seek = nullptr,
+    .dev_reset = nullptr,
+    .reg_write = nullptr,
+    .reg_read = nullptr,
+    .param_set = _param_set,
+    .param_get = _param_get,
+};
+
+tevix_ll_dev_t *_open(tevix_ll_dev_t *dev) {
+    dev->ops = &k_cam_ops;
+    dev->info.usb.speed = 3;
+    return dev;
+}
+
+constexpr uint32_t k_frame = 64;
+
+// The stream bytes of frames first..first+n-1, each filled with its own index.
+std::vector<uint8_t> _stream_of(uint16_t first, int n) {
+    vx_ostream_t *os = vx_ostream_create();
+    std::vector<uint8_t> out;
+    for (int i = 0; i < n; ++i) {
+        vx_frame_desc_t desc{};
+        desc.frlen = k_frame;
+        desc.fridx = static_cast<uint16_t>(first + i);
+        desc.frfmt = 2;
+        uint8_t hdr[36];
+        std::vector<uint8_t> payload(k_frame, static_cast<uint8_t>(first + i));
+        vx_ostream_mkhdr(os, hdr, &desc, nullptr, k_frame);
+        out.insert(out.end(), hdr, hdr + 36);
+        out.insert(out.end(), payload.begin(), payload.end());
+    }
+    vx_ostream_destroy(os);
+    return out;
+}
+
+void _event(int32_t status, std::vector<uint8_t> data = {}) {
+    g_cam.cb(g_cam.ll, status, data.empty() ? nullptr : data.data(),
+             static_cast<uint32_t>(data.size()), g_cam.user);
+}
+
+std::vector<std::pair<int, uint32_t>> g_errors;
+int g_error_answer = 1;
+int _on_error(tevix_dev_t *, int code, uint32_t extra) {
+    g_errors.emplace_back(code, extra);
+    return g_error_answer;
+}
+
+std::vector<std::pair<uint16_t, uint8_t>> g_frames;
+uint32_t g_frame_thread = 0;
+void _on_frame(tevix_dev_t *, const tevix_frame_t *f) {
+    g_frames.emplace_back(f->info.index, f->data[0]);
+    g_frame_thread = tevix::plat::thread_id();
+}
+
+class api_capture : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        g_cam = fake_cam{};
+        g_starts = 0;
+        g_errors.clear();
+        g_error_answer = 1;
+        g_frames.clear();
+        old_usb_ = tevix::ll::backend_swap(tevix::ll::k_backend_usb, &k_cam_ops);
+        log_ = dir_.file("cap.log");
+        ASSERT_NE(vx_log_init(nullptr, log_.c_str(), "VX"), nullptr);
+        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
+        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
+        ASSERT_EQ(tevix_dev_open(&dev_), &dev_);
+    }
+    void TearDown() override {
+        tevix_dev_close(&dev_);
+        vx_log_uninit(nullptr);
+        tevix::ll::backend_swap(tevix::ll::k_backend_usb, old_usb_);
+    }
+    std::string log() { return tevix::test::read_file(log_); }
+    void config(tevix_cap_frdy_cb frdy, tevix_cap_err_cb err, uint32_t slots = 10) {
+        tevix_cap_cfg_t cfg{};
+        cfg.cache_frames_cnt = slots;
+        cfg.on_cap_frdy = frdy;
+        cfg.on_cap_err = err;
+        ASSERT_EQ(tevix_cap_config_set(&dev_, &cfg), 1);
+    }
+
+    tevix::test::temp_dir dir_;
+    std::string log_;
+    tevix_dev_t dev_{};
+    const tevix_ll_ops *old_usb_ = nullptr;
+};
+
+}  // namespace
+
+TEST_F(api_capture, pull_delivers_frames_back_to_back_with_the_first_info) {
+    ASSERT_EQ(tevix_cap_start(&dev_), 1);
+    EXPECT_EQ(tevix_cap_is_ongoing(&dev_), 1);
+    _event(0, _stream_of(5, 3));
+    std::vector<uint8_t> buf(10 * k_frame, 0xEE);
+    tevix_frame_info_t info{};
+    ASSERT_EQ(tevix_cap_get_frames(&dev_, 3, buf.data(), static_cast<uint32_t>(buf.size()), &info),
+              3);
+    EXPECT_EQ(info.index, 5);
+    EXPECT_EQ(info.size, k_frame);
+    EXPECT_EQ(buf[0], 5);
+    EXPECT_EQ(buf[k_frame], 6);
+    EXPECT_EQ(buf[2 * k_frame + k_frame - 1], 7);
+    EXPECT_EQ(buf[3 * k_frame], 0xEE);
+
+    // Nothing ready: one frame without waiting gives 0 at once.
+    EXPECT_EQ(tevix_cap_get_frame(&dev_, buf.data(), static_cast<uint32_t>(buf.size()), &info), 0);
+    // A buffer too small for one frame leaves the frame for a later pull.
+    _event(0, _stream_of(8, 1));
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf.data(), k_frame - 1, nullptr), 0);
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf.data(), k_frame, nullptr), 1);
+    EXPECT_EQ(buf[0], 8);
+
+    ASSERT_EQ(tevix_cap_stop(&dev_), 1);
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf.data(), k_frame, nullptr),
+              TEVIX_ERR_CAP_WRONG_STATE);
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 0, buf.data(), k_frame, nullptr), -1);
+    EXPECT_EQ(tevix_cap_get_frames(nullptr, 1, buf.data(), k_frame, nullptr), -1);
+    std::string text = log();
+    EXPECT_NE(text.find("Buffer size 63 too small to keep frame (size=64)"), std::string::npos);
+    // 5 frames at 20 fps wait 5 x 100 + 50 x 5 + 2000 ms at most; here 3 frames: 2450 ms.
+    EXPECT_NE(text.find("[tevix_cap_get_frames]frame_num = 3, timeout_msec=2450\n"),
+              std::string::npos);
+}
+
+TEST_F(api_capture, callbacks_run_on_the_pulling_thread) {
+    config(_on_frame, nullptr);
+    ASSERT_EQ(tevix_cap_start(&dev_), 1);
+    std::thread producer([] { _event(0, _stream_of(0, 2)); });
+    producer.join();
+    ASSERT_EQ(tevix_cap_get_frames(&dev_, 2, nullptr, 0, nullptr), 2);
+    ASSERT_EQ(g_frames.size(), 2u);
+    EXPECT_EQ(g_frames[0], (std::pair<uint16_t, uint8_t>{0, 0}));
+    EXPECT_EQ(g_frames[1], (std::pair<uint16_t, uint8_t>{1, 1}));
+    EXPECT_EQ(g_frame_thread, tevix::plat::thread_id());
+}
+
+TEST_F(api_capture, timeouts_accumulate_and_the_33rd_stops_the_capture) {
+    ASSERT_EQ(tevix_cap_start(&dev_), 1);
+    for (int i = 0; i < 32; ++i) {
+        _event(TEVIX_LL_EVT_TIMEOUT);
+        if (i % 4 == 0) _event(0, _stream_of(static_cast<uint16_t>(i), 1));
+    }
+    EXPECT_EQ(g_cam.aborts, 0);
+    EXPECT_EQ(tevix_cap_is_ongoing(&dev_), 1);
+    _event(TEVIX_LL_EVT_TIMEOUT);
+    EXPECT_EQ(g_cam.aborts, 1);
+    EXPECT_EQ(tevix_cap_is_ongoing(&dev_), 0);
+    uint8_t buf[k_frame];
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), TEVIX_ERR_CAP_TIMEOUT);
+    EXPECT_NE(log().find("[_on_capture_event]trans timeout -> stop\n"), std::string::npos);
+}
+
+TEST_F(api_capture, only_consecutive_stalls_stop_the_capture) {
+    ASSERT_EQ(tevix_cap_start(&dev_), 1);
+    for (int i = 0; i < 16; ++i) _event(TEVIX_LL_EVT_STALL);
+    _event(0, _stream_of(0, 1));
+    for (int i = 0; i < 16; ++i) _event(TEVIX_LL_EVT_STALL);
+    EXPECT_EQ(g_cam.aborts, 0);
+    _event(TEVIX_LL_EVT_STALL);
+    EXPECT_EQ(g_cam.aborts, 1);
+    uint8_t buf[k_frame];
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), TEVIX_ERR_CAP_STALL);
+    // A new start clears the counts.
+    ASSERT_EQ(tevix_cap_start(&dev_), 1);
+    for (int i = 0; i < 16; ++i) _event(TEVIX_LL_EVT_STALL);
+    EXPECT_EQ(g_cam.aborts, 1);
+}
+
+TEST_F(api_capture, other_errors_stop_at_once_and_reach_the_error_callback) {
+    config(nullptr, _on_error);
+    ASSERT_EQ(tevix_cap_start(&dev_), 1);
+    _event(TEVIX_LL_EVT_ERROR);
+    EXPECT_EQ(g_cam.aborts, 1);
+    uint8_t buf[k_frame];
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), 0);
+    ASSERT_EQ(g_errors.size(), 1u);
+    EXPECT_EQ(g_errors[0], (std::pair<int, uint32_t>{TEVIX_ERR_CAP_UNKNOWN, 0}));
+    EXPECT_NE(log().find("[_cap_handle_rdy_data]error cb invoke: TEVIX_ERR_CAP_UNKNOWN\n"),
+              std::string::npos);
+}
+
+TEST_F(api_capture, error_callback_returning_false_silences_pulls_until_the_next_start) {
+    config(nullptr, _on_error);
+    ASSERT_EQ(tevix_cap_start(&dev_), 1);
+    // A frame cut short by the next frame's bound is discarded: reported as 3 with the total.
+    std::vector<uint8_t> a;
+    vx_ostream_t *os = vx_ostream_create();
+    uint8_t hdr[36];
+    std::vector<uint8_t> half(k_frame / 2, 0xAA), whole(k_frame, 1);
+    vx_frame_desc_t d0{k_frame, 0, 2, 0, 0, 0, 0, 0}, d1{k_frame, 1, 2, 0, 0, 0, 0, 0};
+    vx_ostream_mkhdr(os, hdr, &d0, nullptr, k_frame / 2);
+    a.insert(a.end(), hdr, hdr + 36);
+    a.insert(a.end(), half.begin(), half.end());
+    vx_ostream_mkhdr(os, hdr, &d1, nullptr, k_frame);
+    a.insert(a.end(), hdr, hdr + 36);
+    a.insert(a.end(), whole.begin(), whole.end());
+    vx_ostream_destroy(os);
+    g_error_answer = 0;
+    _event(0, a);
+    uint8_t buf[4 * k_frame];
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), 0);
+    ASSERT_EQ(g_errors.size(), 1u);
+    EXPECT_EQ(g_errors[0], (std::pair<int, uint32_t>{TEVIX_ERR_CAP_FRAME_DISCARD, 1}));
+    _event(0, _stream_of(2, 2));
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), 0);
+    EXPECT_EQ(tevix_cap_get_frame(&dev_, buf, sizeof buf, nullptr), 0);
+
+    ASSERT_EQ(tevix_cap_start(&dev_), 1);
+    _event(0, _stream_of(4, 1));
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), 1);
+    EXPECT_EQ(buf[0], 4);
+}
+
+TEST_F(api_capture, close_while_a_pull_waits) {
+    ASSERT_EQ(tevix_cap_start(&dev_), 1);
+    std::atomic<int> result{1234};
+    std::thread puller([&] {
+        uint8_t buf[k_frame];
+        result = tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr);
+    });
+    tevix::plat::sleep_ms(100);
+    tevix_dev_close(&dev_);
+    puller.join();
+    EXPECT_LE(result.load(), 0);
+    EXPECT_EQ(g_cam.stops, 1);
+    EXPECT_EQ(dev_.session, nullptr);
+    ASSERT_EQ(tevix_dev_open(&dev_), &dev_);  // for TearDown
+}
+
+TEST_F(api_capture, configuration_and_odd_calls) {
+    config(nullptr, nullptr, 4);
+    tevix_cap_cfg_t cfg{};
+    ASSERT_EQ(tevix_cap_config_get(&dev_, &cfg), 1);
+    EXPECT_EQ(cfg.cache_frames_cnt, 4u);
+    ASSERT_EQ(tevix_cap_start(&dev_), 1);
+    cfg.cache_frames_cnt = 8;
+    cfg.on_cap_err = _on_error;
+    EXPECT_EQ(tevix_cap_config_set(&dev_, &cfg), 1);
+    tevix_cap_cfg_t now{};
+    tevix_cap_config_get(&dev_, &now);
+    EXPECT_EQ(now.cache_frames_cnt, 4u);  // kept while capturing
+    EXPECT_EQ(now.on_cap_err, _on_error);
+    EXPECT_NE(log().find("Change cache_frames_cnt 4 to 8 is not allowed during capturing"),
+              std::string::npos);
+    EXPECT_EQ(tevix_cap_config_set(&dev_, nullptr), 0);
+    tevix_cap_stop(&dev_);
+
+    // A one-frame buffer cannot start a capture.
+    config(nullptr, nullptr, 1);
+    EXPECT_EQ(tevix_cap_start(&dev_), 0);
+    config(nullptr, nullptr, 10);
+
+    tevix_frame_info_t info{};
+    info.size = 10;
+    uint8_t data[10] = {};
+    EXPECT_EQ(tevix_cap_save_frame(&dev_, data, 9, &info), -22);
+    EXPECT_EQ(tevix_cap_save_frame(&dev_, data, 10, &info), -9);
+    EXPECT_EQ(tevix_cap_seek_frame(&dev_, 0, 0), -1);  // not a recording
+
+    // A nonzero capture mode waits a year.
+    tevix_param_item_t mode{};
+    mode.id = TEVIX_PARAM_DEV_CAP_MOD;
+    mode.len = 8;
+    mode.value.u32[0] = 1;
+    ASSERT_EQ(tevix_param_batch_set(&dev_, &mode, 1), 1);
+    ASSERT_EQ(tevix_cap_start(&dev_), 1);
+    _event(0, _stream_of(0, 1));
+    uint8_t buf[k_frame];
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), 1);
+    EXPECT_NE(log().find("timeout_msec=31536000"), std::string::npos);
+}
+
+TEST_F(api_capture, snapshot_starts_and_stops_around_one_frame) {
+    // The camera answers the start with one frame at once.
+    std::thread feeder([] {
+        while (g_starts.load() == 0) tevix::plat::sleep_ms(1);
+        _event(0, _stream_of(9, 1));
+    });
+    uint8_t buf[k_frame];
+    tevix_frame_info_t info{};
+    EXPECT_EQ(tevix_cap_snapshot(&dev_, buf, sizeof buf, &info), 1);
+    feeder.join();
+    EXPECT_EQ(info.index, 9);
+    EXPECT_EQ(g_cam.stops, 1);
+    EXPECT_EQ(tevix_cap_snapshot(nullptr, buf, sizeof buf, &info), 0);
+}
