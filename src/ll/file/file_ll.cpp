@@ -292,6 +292,10 @@ void _ll_event_loop(tevix_ll_dev_t *dev, file_priv *p) {
             cb = p->cb;
             user = p->user;
             got = p->rd->read_frame(p->node_id);
+            if (got != 1 && p->loop && p->rd->seek(p->node_id, 0, 0) == 0) {
+                VX_INF("[%s]rewind capture: file EOF met\n");
+                got = p->rd->read_frame(p->node_id);
+            }
             if (got == 1) {
                 const oni::record &r = p->rd->last();
                 if (r.payload.size() > cap) {
@@ -309,9 +313,6 @@ void _ll_event_loop(tevix_ll_dev_t *dev, file_priv *p) {
                 std::memcpy(buf, r.payload.data(), len);
                 frame_no = r.frame_no;
                 ts = r.timestamp;
-            } else if (p->loop && p->rd->seek(p->node_id, 0, 0) == 0) {
-                VX_INF("[%s]rewind capture: file EOF met\n");
-                continue;
             }
         }
         if (got == 1) {
