@@ -20,7 +20,7 @@ tevix_lens_param_t _lens(double cx = 80.5) {
     return {cx, 30.25, 105.0, 106.5, {-0.25, 0.125, 0.001, -0.002, 0.03}, 5, 160, 60};
 }
 
-class lens_file_test : public calib_test::logged_test {
+class calib_lens_file : public calib_test::logged_test {
   protected:
     void SetUp() override {
         logged_test::SetUp();
@@ -59,7 +59,7 @@ lens_bin_file _bin_desc(uint32_t n_grad, uint32_t n_reflect) {
     return d;
 }
 
-TEST(lens_names, four_names_and_truncation) {
+TEST(calib_lens_names, four_names_and_truncation) {
     tevix_dev_t dev{};
     dev.path_prefix = "/cal/";
     dev.hw_id = k_hw_id;
@@ -81,7 +81,7 @@ TEST(lens_names, four_names_and_truncation) {
     EXPECT_EQ(tevix_lens_param_filename(&dev, nullptr, 8, 1, 1), nullptr);
 }
 
-TEST_F(lens_file_test, binary_round_trip_keeps_header_and_tables) {
+TEST_F(calib_lens_file, binary_round_trip_keeps_header_and_tables) {
     const std::vector<uint8_t> file = lens_bin_build(_bin_desc(5, 3));
     ASSERT_EQ(file.size(), 225u + 4 * 8);
     tevix_lens_bin_t *obj = load_bin(file);
@@ -105,7 +105,7 @@ TEST_F(lens_file_test, binary_round_trip_keeps_header_and_tables) {
     EXPECT_TRUE(log_has("[tevix_param_len_bin_load] Load l.bin: cx/cy/fx/fy=80.500/30.250/"));
 }
 
-TEST_F(lens_file_test, binary_without_tables_is_225_bytes) {
+TEST_F(calib_lens_file, binary_without_tables_is_225_bytes) {
     const std::vector<uint8_t> file = lens_bin_build(_bin_desc(0, 0));
     ASSERT_EQ(file.size(), 225u);
     EXPECT_EQ(+reinterpret_cast<const tevix_lens_bin_t *>(file.data())->hdrsz, 220u);
@@ -115,7 +115,7 @@ TEST_F(lens_file_test, binary_without_tables_is_225_bytes) {
     tevix_param_len_bin_free(obj);
 }
 
-TEST_F(lens_file_test, binary_table_limits) {
+TEST_F(calib_lens_file, binary_table_limits) {
     // 4 x 3 pixels: at most 24 gradient and 48 reflection entries.
     tevix_lens_bin_t *obj = load_bin(lens_bin_build(_bin_desc(24, 48)));
     EXPECT_NE(obj, nullptr);
@@ -125,7 +125,7 @@ TEST_F(lens_file_test, binary_table_limits) {
     EXPECT_TRUE(log_has("[tevix_param_len_bin_load] Load l.bin: skipped"));
 }
 
-TEST_F(lens_file_test, damaged_binary_is_skipped) {
+TEST_F(calib_lens_file, damaged_binary_is_skipped) {
     const std::vector<uint8_t> good = lens_bin_build(_bin_desc(2, 1));
     std::vector<uint8_t> file = good;
     reinterpret_cast<tevix_lens_bin_t *>(file.data())->hdrsz += 4;
@@ -151,7 +151,7 @@ TEST_F(lens_file_test, damaged_binary_is_skipped) {
     EXPECT_TRUE(log_has("[tevix_param_len_bin_load] Load nothing.bin: skipped"));
 }
 
-TEST_F(lens_file_test, text_number_counts) {
+TEST_F(calib_lens_file, text_number_counts) {
     tevix_lens_param_t rec{};
     ASSERT_TRUE(load_text("81.5 31 100 101\n640 480\n", &rec));
     EXPECT_EQ(rec.cx, 81.5);
@@ -180,7 +180,7 @@ TEST_F(lens_file_test, text_number_counts) {
     EXPECT_TRUE(log_has("[tevix_param_load_len_2d_file] Load l.txt: cx/cy/fx/fy=1.000/2.000/"));
 }
 
-TEST_F(lens_file_test, text_failures_leave_the_record_untouched) {
+TEST_F(calib_lens_file, text_failures_leave_the_record_untouched) {
     const tevix_lens_param_t before = _lens(77.0);
     const char *bad[] = {
         "",
@@ -209,7 +209,7 @@ TEST_F(lens_file_test, text_failures_leave_the_record_untouched) {
     EXPECT_FALSE(tevix_param_load_len_2d_file(&dev_, nullptr, "l.txt"));
 }
 
-TEST_F(lens_file_test, text_writer_round_trip) {
+TEST_F(calib_lens_file, text_writer_round_trip) {
     const tevix_lens_param_t lens = _lens(93.0625);
     tevix_lens_param_t rec{};
     ASSERT_TRUE(lens_text_write(dir_.file("w.txt"), lens));
@@ -217,7 +217,7 @@ TEST_F(lens_file_test, text_writer_round_trip) {
     EXPECT_EQ(std::memcmp(&rec, &lens, sizeof rec), 0);
 }
 
-TEST_F(lens_file_test, search_order) {
+TEST_F(calib_lens_file, search_order) {
     char name[256];
     auto path = [&](bool binary, bool with_id) {
         return std::string(tevix_lens_param_filename(&dev_, name, sizeof name, binary, with_id));

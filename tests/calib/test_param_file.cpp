@@ -48,7 +48,7 @@ const tevix_param_t &_hdr(const std::vector<uint8_t> &image) {
     return *reinterpret_cast<const tevix_param_t *>(image.data());
 }
 
-class param_file_test : public calib_test::logged_test {
+class calib_param_file : public calib_test::logged_test {
   protected:
     std::string put(const std::vector<uint8_t> &image, const std::string &name = "p.bin") {
         std::string path = dir_.file(name);
@@ -74,7 +74,7 @@ class param_file_test : public calib_test::logged_test {
     bool opens(const std::vector<uint8_t> &image) { return opens(put(image)); }
 };
 
-TEST(param_checksum, fletcher16_known_values) {
+TEST(calib_checksum, fletcher16_known_values) {
     EXPECT_EQ(fletcher16_of(_bytes("abcde")), 0xC8F0);
     EXPECT_EQ(fletcher16_of(_bytes("abcdef")), 0x2057);
     EXPECT_EQ(fletcher16_of(_bytes("abcdefgh")), 0x0627);
@@ -86,7 +86,7 @@ TEST(param_checksum, fletcher16_known_values) {
     EXPECT_EQ(fletcher16_of(ff), 0);
 }
 
-TEST(param_checksum, header_checksum_covers_bytes_20_to_1187) {
+TEST(calib_checksum, header_checksum_covers_bytes_20_to_1187) {
     std::vector<uint8_t> image = param_container_build(_sample(2));
     const uint16_t stored = _hdr(image).cksum;
     ASSERT_EQ(param_header_cksum(_hdr(image)), stored);
@@ -99,7 +99,7 @@ TEST(param_checksum, header_checksum_covers_bytes_20_to_1187) {
     }
 }
 
-TEST_F(param_file_test, written_container_opens_with_its_blocks) {
+TEST_F(calib_param_file, written_container_opens_with_its_blocks) {
     const param_container desc = _sample(3);
     const std::vector<uint8_t> image = param_container_build(desc);
     EXPECT_EQ(std::memcmp(image.data() + 5, "VXP1", 4), 0);
@@ -130,7 +130,7 @@ TEST_F(param_file_test, written_container_opens_with_its_blocks) {
     tevix_param_close(nullptr);
 }
 
-TEST_F(param_file_test, header_changes_outside_the_checksum_do_not_matter) {
+TEST_F(calib_param_file, header_changes_outside_the_checksum_do_not_matter) {
     const std::vector<uint8_t> image = param_container_build(_sample(1));
     for (size_t i : {20u, 83u, 600u, 1187u}) {
         std::vector<uint8_t> copy = image;
@@ -146,7 +146,7 @@ TEST_F(param_file_test, header_changes_outside_the_checksum_do_not_matter) {
     }
 }
 
-TEST_F(param_file_test, magic_depends_on_version) {
+TEST_F(calib_param_file, magic_depends_on_version) {
     std::vector<uint8_t> image = param_container_build(_sample(0, 139));
     EXPECT_TRUE(opens(image));
     _hdr(image).magic = TEVIX_PARAM_MAGIC;
@@ -162,7 +162,7 @@ TEST_F(param_file_test, magic_depends_on_version) {
     EXPECT_TRUE(log_has("wrong magic id (ver=140): 0x3e8"));
 }
 
-TEST_F(param_file_test, lens_principal_point_range) {
+TEST_F(calib_param_file, lens_principal_point_range) {
     struct probe {
         double cx, cy;
         bool ok;
@@ -186,7 +186,7 @@ TEST_F(param_file_test, lens_principal_point_range) {
     }
 }
 
-TEST_F(param_file_test, block_count_limit) {
+TEST_F(calib_param_file, block_count_limit) {
     param_container c = _sample(0);
     c.blocks.resize(99);
     std::vector<uint8_t> image = param_container_build(c);
@@ -204,7 +204,7 @@ TEST_F(param_file_test, block_count_limit) {
     EXPECT_FALSE(opens(image));
 }
 
-TEST_F(param_file_test, empty_block_run) {
+TEST_F(calib_param_file, empty_block_run) {
     std::vector<uint8_t> image = param_container_build(_sample(0));
     EXPECT_EQ(+_hdr(image).blk_size, 0u);
     EXPECT_EQ(+_hdr(image).blk_cksum, 0u);
@@ -215,7 +215,7 @@ TEST_F(param_file_test, empty_block_run) {
     EXPECT_TRUE(log_has("param blks size wrong: size=0 (expect 5)"));
 }
 
-TEST_F(param_file_test, block_total_and_checksum) {
+TEST_F(calib_param_file, block_total_and_checksum) {
     const std::vector<uint8_t> good = param_container_build(_sample(2));
     const uint32_t total = _hdr(good).blk_size;
 
@@ -254,7 +254,7 @@ TEST_F(param_file_test, block_total_and_checksum) {
     EXPECT_TRUE(opens(image));
 }
 
-TEST_F(param_file_test, short_files_fail) {
+TEST_F(calib_param_file, short_files_fail) {
     const std::vector<uint8_t> good = param_container_build(_sample(2));
     const size_t cuts[] = {0,
                            100,
@@ -286,7 +286,7 @@ TEST_F(param_file_test, short_files_fail) {
     EXPECT_EQ(tevix_param_open_file(&h, nullptr), 0);
 }
 
-TEST_F(param_file_test, old_format_blocks_are_presented_as_current_ones) {
+TEST_F(calib_param_file, old_format_blocks_are_presented_as_current_ones) {
     const param_container desc = _sample(2, 100);
     std::vector<uint8_t> image = param_container_build(desc);
     EXPECT_EQ(+_hdr(image).magic, 1000u);
@@ -327,7 +327,7 @@ TEST_F(param_file_test, old_format_blocks_are_presented_as_current_ones) {
     EXPECT_TRUE(log_has("read blk_unit_hdr failed"));
 }
 
-TEST_F(param_file_test, path_length_limit) {
+TEST_F(calib_param_file, path_length_limit) {
     const std::vector<uint8_t> image = param_container_build(_sample(2));
     const std::string dir = dir_.path() + "/";
     ASSERT_LT(dir.size(), 100u);
@@ -349,7 +349,7 @@ TEST_F(param_file_test, path_length_limit) {
     EXPECT_FALSE(log_has("too long"));
 }
 
-TEST(param_names, container_name) {
+TEST(calib_param_names, container_name) {
     tevix_dev_t dev{};
     dev.path_prefix = "/var/cal/";
     dev.hw_id = (uint64_t{0x89ABCDEF} << 32) | 0x1234;
