@@ -13,8 +13,12 @@ struct vec3 {
     double x, y, z;
 };
 
-vec3 operator-(vec3 a, vec3 b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
-double dot(vec3 a, vec3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+vec3 operator-(vec3 a, vec3 b) {
+    return {a.x - b.x, a.y - b.y, a.z - b.z};
+}
+double dot(vec3 a, vec3 b) {
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
 vec3 cross(vec3 a, vec3 b) {
     return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
 }
@@ -126,7 +130,9 @@ dcs4 _samples(double theta, double a) {
     return {{2048 + c, 2048 + s, 2048 - c, 2048 - s}};
 }
 
-uint16_t _sample(double v) { return static_cast<uint16_t>(std::clamp(std::lround(v), 0L, 4095L)); }
+uint16_t _sample(double v) {
+    return static_cast<uint16_t>(std::clamp(std::lround(v), 0L, 4095L));
+}
 
 struct pair_planes {
     int p0, p1;
@@ -271,8 +277,7 @@ void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_des
     std::memcpy(out.data(), hdr, sizeof hdr);
 }
 
-std::vector<uint8_t> scene_render_frame(const scene_config &cfg, uint16_t format,
-                                        uint32_t index) {
+std::vector<uint8_t> scene_render_frame(const scene_config &cfg, uint16_t format, uint32_t index) {
     scene_renderer r(cfg, format);
     std::vector<uint8_t> out(r.frame_bytes());
     vx_frame_desc_t desc{};

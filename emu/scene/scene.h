@@ -25,13 +25,18 @@ namespace tevix::emu {
 struct scene_config {
     uint32_t freq_hz = 20000000;
     uint16_t width = 320, height = 240;
-    tevix_lens_param_t lens{157.262, 122.083, 210.783, 204.817,
+    tevix_lens_param_t lens{157.262,
+                            122.083,
+                            210.783,
+                            204.817,
                             {-0.378924, 0.145035, -0.000970854, 6.20728e-05, -0.0133954},
-                            5, 320, 240};
+                            5,
+                            320,
+                            240};
     int16_t tcb = 350, tib = 420;  // 0.1 C
     bool noise = false;            // shot noise on every sample
     uint32_t seed = 1;
-    float amp_max = 1900.0f;       // amplitude of a white surface close by (DCS counts)
+    float amp_max = 1900.0f;  // amplitude of a white surface close by (DCS counts)
 };
 
 constexpr uint32_t k_scene_header_bytes = 20;
@@ -65,7 +70,6 @@ class scene_renderer : public frame_source {
 uint32_t scene_time_word(uint32_t hours, uint32_t minutes, uint32_t seconds, uint32_t usec);
 
 // One frame of a format as a byte vector (a convenience over scene_renderer).
-std::vector<uint8_t> scene_render_frame(const scene_config &cfg, uint16_t format,
-                                        uint32_t index);
+std::vector<uint8_t> scene_render_frame(const scene_config &cfg, uint16_t format, uint32_t index);
 
 }  // namespace tevix::emu

@@ -13,11 +13,11 @@ struct tevix_drv_ops;
 // device's driver instance: dev and priv are written into the row itself, so two open devices
 // with the same chip code share one row (one camera per chip code, by design).
 struct tevix_drv_t {
-    const char *desc;          // "EPC chip driver"
-    const char *chip;          // chip code matched against the product string, "E1"
-    tevix_drv_ops *ops;        // the chip family's operations
-    tevix_dev_t *dev;          // the device served; set by init
-    void *priv;                // private state; allocated by init, freed by uninit
+    const char *desc;    // "EPC chip driver"
+    const char *chip;    // chip code matched against the product string, "E1"
+    tevix_drv_ops *ops;  // the chip family's operations
+    tevix_dev_t *dev;    // the device served; set by init
+    void *priv;          // private state; allocated by init, freed by uninit
 };
 
 // Output kinds of frame_decode.
@@ -89,6 +89,30 @@ struct tevix_drv_ops {
 };
 
 constexpr int k_drv_rows = 9;
+
+// The three operation tables (each followed by its default lens record).
+extern tevix_drv_ops epc_drv_ops;
+extern tevix_drv_ops imx_drv_ops;
+extern tevix_drv_ops ti_drv_ops;
+
+// Default lens records at full resolution, as the tables start with them. The coefficients are
+// k1, k2, p1, p2, k3.
+inline constexpr tevix_lens_param_t k_epc_default_lens = {
+    157.262,
+    122.083,
+    210.783,
+    204.817,
+    {-0.378924, 0.145035, -0.000970854, 6.20728e-05, -0.0133954},
+    5,
+    320,
+    240};
+inline constexpr tevix_lens_param_t k_imx_default_lens = {
+    335.591, 256.24, 1378.12, 1377.11, {0.079031, 3.44739, -0.000478177, -0.00588696, -33.6074},
+    5,       640,    480};
+
+// Shared lens_param_get: the table's lens record scaled to width x height.
+bool drv_lens_param_get(tevix_drv_t *drv, tevix_lens_param_t *lens, uint32_t width,
+                        uint32_t height);
 
 // The driver row for the device's product string ("<model>-<chip code>-<revision>"), or null.
 tevix_drv_t *tevix_drv_find(const tevix_dev_t *dev);

@@ -1,0 +1,329 @@
+#include "drivers/epc/epc_kernels.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+
+namespace tevix::epc {
+
+namespace {
+
+std::array<uint16_t, 4096> _build_atan_table() {
+    std::array<uint16_t, 4096> t{};
+    for (uint32_t i = 0; i < 4096; ++i)
+        t[i] = static_cast<uint16_t>(std::lround(std::atan(i / 4095.0) * 16384.0 / M_PI));
+    return t;
+}
+
+const std::array<uint16_t, 4096> g_atan = _build_atan_table();
+
+// Octant reduction shared by both layouts: returns offset + T[index] for y != 0. Written with
+// selects instead of branches so that the loops vectorise; the quotient (y * 4096) / x is taken
+// in double precision, which is exact here (numerator below 2^27, divisor below 2^15).
+inline uint32_t _octant(int32_t x, int32_t y, const uint16_t *t) {
+    const bool neg = y < 0;
+    x = neg ? -x : x;
+    y = neg ? -y : y;
+    const int32_t base = neg ? 24576 : 8192;
+    int32_t off = neg ? 16384 : 0;
+    const bool rot = x < 1;
+    const int32_t rx = rot ? y : x;
+    const int32_t ry = rot ? -x : y;
+    off = rot ? base : off;
+    const bool fold = ry >= rx;
+    int32_t fx = fold ? rx + ry : rx;
+    const int32_t fy = fold ? ry - rx : ry;
+    off += fold ? 4096 : 0;
+    fx = fx < 1 ? 1 : fx;
+    const int32_t idx =
+        static_cast<int32_t>(static_cast<double>(fy * 4096) / static_cast<double>(fx));
+    return static_cast<uint32_t>(off + t[idx & 4095]);
+}
+
+template <bool wide>
+inline int32_t _dist(uint32_t phase, uint32_t range, int32_t offset_mm) {
+    uint32_t q;
+    if constexpr (wide)
+        q = static_cast<uint32_t>((static_cast<uint64_t>(phase) * range) >> 15);
+    else
+        q = (phase * range) >> 15;
+    return static_cast<int32_t>(q) + offset_mm;
+}
+
+template <bool wide>
+inline void _decode_4dcs_body(const uint16_t *__restrict raw, uint32_t n, uint32_t range,
+                              int32_t offset_mm, int32_t *__restrict dist,
+                              uint32_t *__restrict conf) {
+    const uint16_t *t = g_atan.data();
+    const uint16_t *p0 = raw, *p1 = raw + n, *p2 = raw + 2 * n, *p3 = raw + 3 * n;
+    for (uint32_t i = 0; i < n; ++i) {
+        const int32_t d0 = p0[i], d1 = p1[i], d2 = p2[i], d3 = p3[i];
+        const bool valid = (d0 >= 2) & (d0 <= 4093) & (d1 >= 2) & (d1 <= 4093) & (d2 >= 2) &
+                           (d2 <= 4093) & (d3 >= 2) & (d3 <= 4093);
+        const int32_t x = static_cast<int16_t>(d2 - d0);
+        const int32_t y = static_cast<int16_t>(d3 - d1);
+        const uint32_t c = static_cast<uint32_t>(x * x + y * y);
+        const uint32_t oct = (_octant(x, y, t) + 16384) & 0x7FFF;
+        const uint32_t phase = y == 0 ? (x >= 0 ? 16384u : 0u) : oct;
+        dist[i] =
+            valid ? _dist<wide>(phase, range, offset_mm) : static_cast<int32_t>(k_dist_invalid);
+        conf[i] = valid ? c : 0;
+    }
+}
+
+template <bool wide>
+inline void _decode_pair_body(const uint16_t *__restrict pa, const uint16_t *__restrict pb,
+                              const uint16_t *__restrict v0, const uint16_t *__restrict v1,
+                              uint32_t n, uint32_t base0, uint32_t base1, uint32_t range,
+                              int32_t offset_mm, int32_t *__restrict dist,
+                              uint32_t *__restrict conf) {
+    const uint16_t *t = g_atan.data();
+    for (uint32_t i = 0; i < n; ++i) {
+        const bool valid = (v0[i] != 0) & (v1[i] != 0) & (v0[i] != 4095) & (v1[i] != 4095);
+        const int32_t a = 2048 - static_cast<int32_t>(pa[i]);
+        const int32_t b = 2048 - static_cast<int32_t>(pb[i]);
+        const uint32_t c = static_cast<uint32_t>(a * a + b * b) >> 2;
+        const uint32_t oct = (base0 + _octant(a, b, t)) & 0x7FFF;
+        const uint32_t phase = b == 0 ? (a < 0 ? base1 : base0) : oct;
+        dist[i] =
+            valid ? _dist<wide>(phase, range, offset_mm) : static_cast<int32_t>(k_dist_invalid);
+        conf[i] = valid ? c : 0;
+    }
+}
+
+// The same loops compiled a second time for AVX2; the arithmetic is exact integer and double
+// work, so both builds give identical results.
+__attribute__((target("avx2"))) void _decode_4dcs_avx2(const uint16_t *raw, uint32_t n,
+                                                       uint32_t range, int32_t offset_mm,
+                                                       int32_t *dist, uint32_t *conf) {
+    if (range < 131072)
+        _decode_4dcs_body<false>(raw, n, range, offset_mm, dist, conf);
+    else
+        _decode_4dcs_body<true>(raw, n, range, offset_mm, dist, conf);
+}
+
+bool _has_avx2() {
+    static const bool yes = __builtin_cpu_supports("avx2");
+    return yes;
+}
+
+}  // namespace
+
+const uint16_t *atan_table() {
+    return g_atan.data();
+}
+
+uint32_t phase_4dcs(int32_t x, int32_t y) {
+    if (y == 0) return x >= 0 ? 16384 : 0;
+    return (_octant(x, y, g_atan.data()) + 16384) & 0x7FFF;
+}
+
+uint32_t phase_pair(int32_t a, int32_t b, uint32_t base0, uint32_t base1) {
+    if (b == 0) return a < 0 ? base1 : base0;
+    return (base0 + _octant(a, b, g_atan.data())) & 0x7FFF;
+}
+
+uint32_t range_mm(uint32_t freq_hz) {
+    if (freq_hz == 0) return 0;
+    return static_cast<uint32_t>(k_half_c_mm / static_cast<float>(freq_hz));
+}
+
+plane_pair reduced_pair(uint32_t freq_hz) {
+    if (freq_hz > 24000000) return {0, 1, 16384, 0};
+    if (freq_hz <= 12000000) return {1, 2, 24576, 8192};
+    return {2, 3, 0, 16384};
+}
+
+void decode_4dcs_scalar(const uint16_t *raw, uint32_t n, uint32_t range, int32_t offset_mm,
+                        int32_t *dist, uint32_t *conf) {
+    if (range < 131072)
+        _decode_4dcs_body<false>(raw, n, range, offset_mm, dist, conf);
+    else
+        _decode_4dcs_body<true>(raw, n, range, offset_mm, dist, conf);
+}
+
+void decode_4dcs(const uint16_t *raw, uint32_t n, uint32_t range, int32_t offset_mm, int32_t *dist,
+                 uint32_t *conf) {
+    if (_has_avx2())
+        _decode_4dcs_avx2(raw, n, range, offset_mm, dist, conf);
+    else
+        decode_4dcs_scalar(raw, n, range, offset_mm, dist, conf);
+}
+
+void decode_pair(const uint16_t *pa, const uint16_t *pb, const uint16_t *v0, const uint16_t *v1,
+                 uint32_t n, const plane_pair &pp, uint32_t range, int32_t offset_mm, int32_t *dist,
+                 uint32_t *conf) {
+    if (range < 131072)
+        _decode_pair_body<false>(pa, pb, v0, v1, n, pp.base0, pp.base1, range, offset_mm, dist,
+                                 conf);
+    else
+        _decode_pair_body<true>(pa, pb, v0, v1, n, pp.base0, pp.base1, range, offset_mm, dist,
+                                conf);
+}
+
+bool one_plane_rows(uint32_t r, uint32_t h, uint32_t *first, uint32_t *second) {
+    if (h < 4 || r + 2 >= h) return false;
+    const bool swap = ((r / 2) & 1) != 0;
+    *first = swap ? r + 2 : r;
+    *second = swap ? r : r + 2;
+    return true;
+}
+
+namespace {
+
+inline bool _ok12(uint32_t s) {
+    return s >= 2 && s < 4094;
+}
+
+}  // namespace
+
+void grey_4dcs(const uint16_t *raw, uint32_t n, uint32_t *grey) {
+    const uint16_t *p0 = raw, *p1 = raw + n, *p2 = raw + 2 * n, *p3 = raw + 3 * n;
+    for (uint32_t i = 0; i < n; ++i) {
+        const uint32_t d0 = p0[i] & 0xFFF, d1 = p1[i] & 0xFFF, d2 = p2[i] & 0xFFF,
+                       d3 = p3[i] & 0xFFF;
+        const bool ok = _ok12(d0) & _ok12(d1) & _ok12(d2) & _ok12(d3);
+        const int32_t a = static_cast<int16_t>(d2 - d0), b = static_cast<int16_t>(d3 - d1);
+        grey[i] = ok ? fast_sqrt(static_cast<uint32_t>(a * a + b * b) >> 2) : 0;
+    }
+}
+
+void grey_2dcs(const uint16_t *p0, const uint16_t *p1, uint32_t n, uint32_t *grey) {
+    for (uint32_t i = 0; i < n; ++i) {
+        const uint32_t d0 = p0[i] & 0xFFF, d1 = p1[i] & 0xFFF;
+        const int32_t a = 2048 - static_cast<int32_t>(d0), b = 2048 - static_cast<int32_t>(d1);
+        grey[i] =
+            (_ok12(d0) & _ok12(d1)) ? fast_sqrt(static_cast<uint32_t>(a * a + b * b) >> 2) : 0;
+    }
+}
+
+void grey_1plane(const uint16_t *raw, uint32_t w, uint32_t h, uint32_t *grey) {
+    for (uint32_t r = 0; r < h; ++r) {
+        uint32_t r0, r1;
+        if (one_plane_rows(r, h, &r0, &r1))
+            grey_2dcs(raw + r0 * w, raw + r1 * w, w, grey + r * w);
+        else if (r >= 2)
+            std::memcpy(grey + r * w, grey + (r - 2) * w, w * sizeof(uint32_t));
+        else
+            std::memset(grey + r * w, 0, w * sizeof(uint32_t));
+    }
+}
+
+void grey_from_conf(const uint32_t *conf, uint32_t n, uint16_t *grey) {
+    for (uint32_t i = 0; i < n; ++i)
+        grey[i] = static_cast<uint16_t>(std::min(fast_sqrt(conf[i]), 65535u));
+}
+
+void hdr_merge(int32_t *dist, uint32_t *conf, uint32_t w, uint32_t h) {
+    for (uint32_t g = 0; g + 3 < h; g += 4) {
+        for (uint32_t k = 0; k < 2; ++k) {
+            int32_t *da = dist + (g + k) * w, *db = dist + (g + 2 + k) * w;
+            uint32_t *ca = conf + (g + k) * w, *cb = conf + (g + 2 + k) * w;
+            for (uint32_t x = 0; x < w; ++x) {
+                const uint32_t a = ca[x], b = cb[x];
+                const bool pick_b = (a <= b || a >= 4000000) && (b <= 4000000 || a == 0);
+                const int32_t d = pick_b ? db[x] : da[x];
+                const uint32_t c = pick_b ? b : a;
+                da[x] = db[x] = d;
+                ca[x] = cb[x] = c;
+            }
+        }
+    }
+}
+
+void rows_reorder(const uint32_t *src, uint32_t *dst, uint32_t w, uint32_t h) {
+    const uint32_t half = h / 2;
+    for (uint32_t k = 0; k < half; ++k) {
+        std::memcpy(dst + (half - 1 - k) * w, src + 2 * k * w, w * 4);
+        std::memcpy(dst + (half + k) * w, src + (2 * k + 1) * w, w * 4);
+    }
+    if (h & 1) std::memcpy(dst + (h - 1) * w, src + (h - 1) * w, w * 4);
+}
+
+void narrow_u16(const int32_t *src, uint16_t *dst, uint32_t n) {
+    for (uint32_t i = 0; i < n; ++i) dst[i] = static_cast<uint16_t>(std::clamp(src[i], 0, 65535));
+}
+
+void rows_reorder_u16(const int32_t *src, uint16_t *dst, uint32_t w, uint32_t h) {
+    const uint32_t half = h / 2;
+    for (uint32_t k = 0; k < half; ++k) {
+        narrow_u16(src + 2 * k * w, dst + (half - 1 - k) * w, w);
+        narrow_u16(src + (2 * k + 1) * w, dst + (half + k) * w, w);
+    }
+    if (h & 1) narrow_u16(src + (h - 1) * w, dst + (h - 1) * w, w);
+}
+
+uint32_t info_hash(const tevix_frame_info_t &info) {
+    uint8_t bytes[sizeof info];
+    std::memcpy(bytes, &info, sizeof info);
+    uint32_t s1 = 0, s2 = 0;
+    for (size_t i = 0; i < sizeof bytes; i += 2) {
+        s1 = (s1 + (bytes[i] | (static_cast<uint32_t>(bytes[i + 1]) << 8))) % 65535;
+        s2 = (s2 + s1) % 65535;
+    }
+    return (s2 << 16) | s1;
+}
+
+void range_gate(const uint16_t *src, uint16_t *dst, uint32_t n, uint32_t range) {
+    const int32_t hi = static_cast<int32_t>(range) - 100;
+    for (uint32_t i = 0; i < n; ++i) {
+        const int32_t d = src[i];
+        dst[i] = (d < 60001 && (d > hi || d < 101)) ? 0 : src[i];
+    }
+}
+
+void minamp(const uint16_t *src, uint16_t *dst, const uint32_t *conf, uint32_t n, uint32_t t,
+            uint8_t *marks, uint32_t h) {
+    const int64_t lo = static_cast<int64_t>(t) * t;
+    const int64_t hi = (2048 - static_cast<int64_t>(t)) * (2048 - static_cast<int64_t>(t));
+    if (!marks) {
+        for (uint32_t i = 0; i < n; ++i) dst[i] = (conf[i] < lo || conf[i] > hi) ? 0 : src[i];
+        return;
+    }
+    const int64_t h2 = static_cast<int64_t>(h) * h;
+    const int64_t lo_h = lo - h2, hi_h = hi + h2;
+    for (uint32_t i = 0; i < n; ++i) {
+        const int64_t c = conf[i];
+        if (lo <= c && c <= hi)
+            marks[i] = 1;
+        else if (c < lo_h || c > hi_h)
+            marks[i] = 0;
+        dst[i] = marks[i] ? src[i] : 0;
+    }
+}
+
+sample_stats classify_samples(const uint16_t *raw, uint32_t count) {
+    sample_stats s{0, 0, 0, count};
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint32_t v = raw[i];
+        s.low += (v >= 2) & (v <= 511);
+        s.high += (v >= 3585) & (v <= 4094);
+        s.bad += (v < 2) | (v >= 4095);
+    }
+    return s;
+}
+
+int32_t auto_intg_step(const sample_stats &s, uint32_t threshold) {
+    if (s.samples == 0) return 50;
+    const uint32_t bad_pct = static_cast<uint32_t>(static_cast<uint64_t>(s.bad) * 1000 / s.samples);
+    if (bad_pct >= threshold && bad_pct > 9) return -static_cast<int32_t>(bad_pct / 10) * 10;
+    if (bad_pct >= threshold && bad_pct >= 1 && s.high >= 513) return -10;
+    return (s.low < 513 && s.high < 11) ? 50 : 0;
+}
+
+bool frame_consistent(const uint16_t *raw, uint32_t n, uint32_t samples) {
+    if (samples < 8 || n == 0) return false;
+    uint32_t c02 = 0, c13 = 0;
+    const uint16_t *p0 = raw, *p1 = raw + n, *p2 = raw + 2 * n, *p3 = raw + 3 * n;
+    for (uint32_t i = 0; i < n; ++i) {
+        const uint32_t s02 = (p0[i] & 0xFFF) + (p2[i] & 0xFFF);
+        const uint32_t s13 = (p1[i] & 0xFFF) + (p3[i] & 0xFFF);
+        c02 += (s02 >= 4017) & (s02 <= 4175);
+        c13 += (s13 >= 4017) & (s13 <= 4175);
+    }
+    const uint64_t need = static_cast<uint64_t>(n) * 60;
+    return static_cast<uint64_t>(c02) * 100 > need && static_cast<uint64_t>(c13) * 100 > need;
+}
+
+}  // namespace tevix::epc

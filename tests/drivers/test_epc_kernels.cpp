@@ -1,0 +1,327 @@
+// Exact values of the EPC per-pixel kernels.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "drivers/epc/epc_kernels.h"
+
+using namespace tevix::epc;
+
+namespace {
+
+TEST(EpcPhase, AtanTableEnds) {
+    const uint16_t *t = atan_table();
+    EXPECT_EQ(t[0], 0);
+    EXPECT_EQ(t[4095], 4096);
+    EXPECT_EQ(t[2048], static_cast<uint16_t>(std::lround(std::atan(2048 / 4095.0) * 16384 / M_PI)));
+    for (int i = 1; i < 4096; ++i) EXPECT_GE(t[i], t[i - 1]);
+}
+
+TEST(EpcPhase, AxisValues) {
+    EXPECT_EQ(phase_4dcs(100, 0), 16384u);
+    EXPECT_EQ(phase_4dcs(-100, 0), 0u);
+    EXPECT_EQ(phase_4dcs(0, 0), 16384u);
+    EXPECT_EQ(phase_4dcs(0, 100), 24576u);
+    EXPECT_EQ(phase_4dcs(0, -100), 8192u);
+    EXPECT_EQ(phase_4dcs(100, 100), 16384u + 4096u);
+    EXPECT_EQ(phase_4dcs(-100, -100), 4096u);
+}
+
+TEST(EpcPhase, FollowsTheAngleEverywhere) {
+    for (int x = -4091; x <= 4091; x += 37) {
+        for (int y = -4091; y <= 4091; y += 41) {
+            if (y == 0) continue;
+            const double ref = std::fmod((std::atan2(y, x) + M_PI) / (2 * M_PI) * 32768, 32768);
+            double diff = std::fabs(phase_4dcs(x, y) - ref);
+            diff = std::min(diff, 32768 - diff);
+            ASSERT_LE(diff, 2.0) << x << "," << y;
+        }
+    }
+}
+
+TEST(EpcPhase, ReducedPairByFrequency) {
+    plane_pair p = reduced_pair(12000000);
+    EXPECT_EQ(p.p0, 1);
+    EXPECT_EQ(p.p1, 2);
+    EXPECT_EQ(p.base0, 24576u);
+    EXPECT_EQ(p.base1, 8192u);
+    p = reduced_pair(12000001);
+    EXPECT_EQ(p.p0, 2);
+    EXPECT_EQ(p.p1, 3);
+    EXPECT_EQ(p.base0, 0u);
+    EXPECT_EQ(p.base1, 16384u);
+    p = reduced_pair(24000000);
+    EXPECT_EQ(p.p0, 2);
+    p = reduced_pair(24000001);
+    EXPECT_EQ(p.p0, 0);
+    EXPECT_EQ(p.p1, 1);
+    EXPECT_EQ(p.base0, 16384u);
+    EXPECT_EQ(p.base1, 0u);
+}
+
+TEST(EpcPhase, PairPhaseOnTheAxis) {
+    EXPECT_EQ(phase_pair(100, 0, 16384, 0), 16384u);
+    EXPECT_EQ(phase_pair(-100, 0, 16384, 0), 0u);
+    EXPECT_EQ(phase_pair(0, 100, 0, 16384), 8192u);
+    EXPECT_EQ(phase_pair(100, 100, 24576, 8192), (24576u + 4096u) & 0x7FFF);
+}
+
+TEST(EpcRange, FromFrequency) {
+    EXPECT_EQ(range_mm(20000000), 7494u);
+    EXPECT_EQ(range_mm(12000000), 12491u);
+    EXPECT_EQ(range_mm(0), 0u);
+}
+
+TEST(EpcGrey, FastSqrtBitPatterns) {
+    EXPECT_EQ(fast_sqrt(0), 0u);
+    EXPECT_EQ(fast_sqrt(1), 1u);                // 0x3F800000 -> 0x3F800000
+    EXPECT_EQ(fast_sqrt(2), 1u);                // 0x40000000 -> 0x3FC00000 = 1.5
+    EXPECT_EQ(fast_sqrt(3), 1u);                // 0x40400000 -> 0x3FE00000 = 1.75
+    EXPECT_EQ(fast_sqrt(4), 2u);                // 0x40800000 -> 0x40000000
+    EXPECT_EQ(fast_sqrt(100), 10u);             // 0x42C80000 -> 0x41240000 = 10.25
+    EXPECT_EQ(fast_sqrt(3400), 58u);            // 0x45548000 -> 0x426A4000 = 58.5625
+    EXPECT_EQ(fast_sqrt(13600), 117u);          // 0x46548000 -> 0x42EA4000 = 117.125
+    EXPECT_EQ(fast_sqrt(1000000), 1000u);       // 0x49742400 -> 0x447A1200 = 1000.28
+    EXPECT_EQ(fast_sqrt(0xFFFFFFFFu), 65536u);  // 0x4F800000 -> 0x47800000
+    uint32_t c[2] = {0xFFFFFFFFu, 13600};
+    uint16_t g[2];
+    grey_from_conf(c, 2, g);
+    EXPECT_EQ(g[0], 65535);
+    EXPECT_EQ(g[1], 117);
+}
+
+// Four planes of n pixels with one pixel's samples set.
+std::vector<uint16_t> _planes(uint32_t n, uint16_t d0, uint16_t d1, uint16_t d2, uint16_t d3) {
+    std::vector<uint16_t> v(4 * n);
+    for (uint32_t i = 0; i < n; ++i) {
+        v[i] = d0;
+        v[n + i] = d1;
+        v[2 * n + i] = d2;
+        v[3 * n + i] = d3;
+    }
+    return v;
+}
+
+TEST(EpcDecode, FourPlanePixel) {
+    auto raw = _planes(1, 1998, 2048, 2098, 2048);  // x = 100, y = 0
+    int32_t d;
+    uint32_t c;
+    decode_4dcs(raw.data(), 1, 7494, 0, &d, &c);
+    EXPECT_EQ(d, 3747);  // (16384 * 7494) >> 15
+    EXPECT_EQ(c, 10000u);
+    decode_4dcs(raw.data(), 1, 7494, -47, &d, &c);
+    EXPECT_EQ(d, 3700);
+}
+
+TEST(EpcDecode, SampleLimits) {
+    int32_t d;
+    uint32_t c;
+    for (uint16_t bad : {0, 1, 4094, 4095, 5000}) {
+        auto raw = _planes(1, 2000, 2000, bad, 2000);
+        decode_4dcs(raw.data(), 1, 7494, 0, &d, &c);
+        EXPECT_EQ(d, 65500) << bad;
+        EXPECT_EQ(c, 0u) << bad;
+    }
+    auto raw = _planes(1, 2, 4093, 2, 4093);
+    decode_4dcs(raw.data(), 1, 7494, 0, &d, &c);
+    EXPECT_NE(d, 65500);
+}
+
+TEST(EpcDecode, FastPathMatchesScalar) {
+    const uint32_t n = 320 * 24 + 7;
+    std::vector<uint16_t> raw(4 * n);
+    std::mt19937 rng(5);
+    for (auto &s : raw) s = static_cast<uint16_t>(rng() % 4200);
+    for (uint32_t range : {7494u, 149896u}) {
+        std::vector<int32_t> d1(n), d2(n);
+        std::vector<uint32_t> c1(n), c2(n);
+        decode_4dcs(raw.data(), n, range, 3, d1.data(), c1.data());
+        decode_4dcs_scalar(raw.data(), n, range, 3, d2.data(), c2.data());
+        EXPECT_EQ(d1, d2);
+        EXPECT_EQ(c1, c2);
+        for (uint32_t i = 0; i < n; ++i) {
+            const int32_t x = static_cast<int16_t>(raw[2 * n + i] - raw[i]);
+            const int32_t y = static_cast<int16_t>(raw[3 * n + i] - raw[n + i]);
+            if (d2[i] == 65500) continue;
+            ASSERT_EQ(d2[i], static_cast<int32_t>((uint64_t{phase_4dcs(x, y)} * range) >> 15) + 3);
+        }
+    }
+}
+
+TEST(EpcDecode, ReducedLayoutValidityAndConfidence) {
+    const plane_pair pp = reduced_pair(20000000);
+    uint16_t a[3] = {2048 - 100, 2048 - 100, 2048}, b[3] = {2048, 0, 4095};
+    int32_t d[3];
+    uint32_t c[3];
+    decode_pair(a, b, a, b, 3, pp, 7494, 0, d, c);
+    EXPECT_EQ(d[0], 0);  // a = 100, b = 0: the first base, 0
+    EXPECT_EQ(c[0], 2500u);
+    EXPECT_EQ(d[1], 65500);
+    EXPECT_EQ(c[1], 0u);
+    EXPECT_EQ(d[2], 65500);
+}
+
+TEST(EpcGrey, FromPlanes) {
+    auto raw = _planes(1, 1998, 2018, 2098, 2078);  // a = 100, b = 60
+    uint32_t g;
+    grey_4dcs(raw.data(), 1, &g);
+    EXPECT_EQ(g, 58u);
+    raw = _planes(1, 1998, 2018, 4094, 2078);
+    grey_4dcs(raw.data(), 1, &g);
+    EXPECT_EQ(g, 0u);
+    raw = _planes(1, 0x1000 | 1998, 2018, 2098, 2078);  // the upper bits are not sample bits
+    grey_4dcs(raw.data(), 1, &g);
+    EXPECT_EQ(g, 58u);
+    uint16_t p0 = 1948, p1 = 2108;  // (100^2 + 60^2) >> 2
+    grey_2dcs(&p0, &p1, 1, &g);
+    EXPECT_EQ(g, 58u);
+    p1 = 1;
+    grey_2dcs(&p0, &p1, 1, &g);
+    EXPECT_EQ(g, 0u);
+}
+
+TEST(EpcGrey, OnePlaneLayoutCopiesTheLastRows) {
+    const uint32_t w = 2, h = 8;
+    std::vector<uint16_t> raw(w * h);
+    for (uint32_t r = 0; r < h; ++r)
+        for (uint32_t x = 0; x < w; ++x)
+            raw[r * w + x] = static_cast<uint16_t>(2048 - 10 * (r + 1));
+    std::vector<uint32_t> g(w * h);
+    grey_1plane(raw.data(), w, h, g.data());
+    for (uint32_t r = 0; r + 2 < h; ++r) {
+        const int32_t a = 10 * (r + 1), b = 10 * (r + 3);
+        EXPECT_EQ(g[r * w], fast_sqrt(static_cast<uint32_t>(a * a + b * b) >> 2)) << r;
+    }
+    EXPECT_EQ(g[6 * w], g[4 * w]);
+    EXPECT_EQ(g[7 * w + 1], g[5 * w + 1]);
+    uint32_t r0, r1;
+    ASSERT_TRUE(one_plane_rows(0, h, &r0, &r1));
+    EXPECT_EQ(r0, 0u);
+    EXPECT_EQ(r1, 2u);
+    ASSERT_TRUE(one_plane_rows(2, h, &r0, &r1));
+    EXPECT_EQ(r0, 4u);
+    EXPECT_EQ(r1, 2u);
+    EXPECT_FALSE(one_plane_rows(6, h, &r0, &r1));
+}
+
+TEST(EpcHdr, MergeRules) {
+    // One column, four rows: rows 0/1 first integration time, rows 2/3 second.
+    struct tc {
+        uint32_t ca, cb;
+        bool pick_b;
+    } cases[] = {
+        {100, 200, true},         {200, 100, false},        {4000000, 100, true},
+        {100, 4000001, false},    {0, 5000000, true},       {4500000, 4000001, false},
+        {4000000, 4000000, true}, {4000001, 4000000, true},
+    };
+    for (const tc &t : cases) {
+        int32_t d[4] = {10, 11, 20, 21};
+        uint32_t c[4] = {t.ca, t.ca, t.cb, t.cb};
+        hdr_merge(d, c, 1, 4);
+        const int32_t want0 = t.pick_b ? 20 : 10, want1 = t.pick_b ? 21 : 11;
+        EXPECT_EQ(d[0], want0) << t.ca << " " << t.cb;
+        EXPECT_EQ(d[2], want0);
+        EXPECT_EQ(d[1], want1);
+        EXPECT_EQ(d[3], want1);
+        EXPECT_EQ(c[0], t.pick_b ? t.cb : t.ca);
+        EXPECT_EQ(c[2], c[0]);
+    }
+}
+
+TEST(EpcRows, SensorOrderToImageOrder) {
+    const uint32_t h = 6;
+    uint32_t src[h] = {0, 1, 2, 3, 4, 5};
+    uint32_t dst[h];
+    rows_reorder(src, dst, 1, h);
+    const uint32_t want[h] = {4, 2, 0, 1, 3, 5};
+    for (uint32_t i = 0; i < h; ++i) EXPECT_EQ(dst[i], want[i]) << i;
+    int32_t s16[h] = {-5, 1, 70000, 3, 4, 5};
+    uint16_t d16[h];
+    rows_reorder_u16(s16, d16, 1, h);
+    EXPECT_EQ(d16[2], 0);
+    EXPECT_EQ(d16[1], 65535);
+    EXPECT_EQ(d16[3], 1);
+}
+
+TEST(EpcHash, Fletcher32OverTheInfoRecord) {
+    tevix_frame_info_t info{};
+    EXPECT_EQ(info_hash(info), 0u);
+    info.size = 1;
+    EXPECT_EQ(info_hash(info), (50u << 16) | 1u);
+    info.size = 0xFFFF;
+    EXPECT_EQ(info_hash(info), 0u);
+    info.size = 0x00020001;  // words 1, 2
+    EXPECT_EQ(info_hash(info), ((1u + 49u * 3u) << 16) | 3u);
+    tevix_frame_info_t other = info;
+    other.reserved[67] = 1;
+    EXPECT_NE(info_hash(other), info_hash(info));
+}
+
+TEST(EpcGate, RangeLimits) {
+    const uint16_t in[] = {0, 100, 101, 7394, 7395, 60000, 60001, 65500};
+    const uint16_t want[] = {0, 0, 101, 7394, 0, 0, 60001, 65500};
+    uint16_t out[8];
+    range_gate(in, out, 8, 7494);
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(out[i], want[i]) << in[i];
+}
+
+TEST(EpcMinAmp, WindowAndHysteresis) {
+    const uint16_t d = 1234;
+    uint16_t out;
+    uint32_t c = 899;
+    minamp(&d, &out, &c, 1, 30, nullptr, 10);
+    EXPECT_EQ(out, 0);
+    c = 900;
+    minamp(&d, &out, &c, 1, 30, nullptr, 10);
+    EXPECT_EQ(out, d);
+    c = 2018u * 2018u + 1;
+    minamp(&d, &out, &c, 1, 30, nullptr, 10);
+    EXPECT_EQ(out, 0);
+
+    uint8_t mark = 0;
+    const uint32_t seq[] = {850, 1000, 850, 801, 799, 850, 900};
+    const uint16_t want[] = {0, d, d, d, 0, 0, d};
+    for (int i = 0; i < 7; ++i) {
+        c = seq[i];
+        minamp(&d, &out, &c, 1, 30, &mark, 10);
+        EXPECT_EQ(out, want[i]) << i;
+    }
+}
+
+TEST(EpcAutoIntg, Steps) {
+    std::vector<uint16_t> s(1000, 2048);
+    EXPECT_EQ(auto_intg_step(classify_samples(s.data(), 1000), 10), 50);
+    for (int i = 0; i < 25; ++i) s[i] = 4095;  // 25 per mille bad
+    sample_stats st = classify_samples(s.data(), 1000);
+    EXPECT_EQ(st.bad, 25u);
+    EXPECT_EQ(auto_intg_step(st, 10), -20);
+    EXPECT_EQ(auto_intg_step(st, 26), 50);
+    std::fill(s.begin(), s.end(), 3600);
+    s[0] = 0;
+    s[1] = 1;  // 2 per mille bad, many high
+    st = classify_samples(s.data(), 1000);
+    EXPECT_EQ(st.high, 998u);
+    EXPECT_EQ(auto_intg_step(st, 2), -10);
+    EXPECT_EQ(auto_intg_step(st, 3), 0);
+    std::fill(s.begin(), s.end(), 100);
+    EXPECT_EQ(auto_intg_step(classify_samples(s.data(), 1000), 10), 0);
+    EXPECT_EQ(auto_intg_step(classify_samples(s.data(), 0), 10), 50);
+    EXPECT_EQ(auto_intg_step(classify_samples(s.data(), 512), 10), 50);
+    EXPECT_EQ(auto_intg_step(classify_samples(s.data(), 513), 10), 0);
+}
+
+TEST(EpcConsistency, SixtyPercent) {
+    const uint32_t n = 10;
+    auto raw = _planes(n, 2000, 2000, 2050, 2100);  // 4050 and 4100
+    EXPECT_TRUE(frame_consistent(raw.data(), n, 4 * n));
+    for (uint32_t i = 0; i < 4; ++i) raw[i] = 100;  // 6 of 10 left: not above 60 %
+    EXPECT_FALSE(frame_consistent(raw.data(), n, 4 * n));
+    raw[3] = 2000;
+    EXPECT_TRUE(frame_consistent(raw.data(), n, 4 * n));
+    EXPECT_FALSE(frame_consistent(raw.data(), 1, 7));
+}
+
+}  // namespace
