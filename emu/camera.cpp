@@ -48,14 +48,7 @@ camera::camera(testbed &tb, const camera_config &cfg, std::unique_ptr<frame_sour
     os_ = vx_ostream_create();
     uint8_t oscfg = cfg_.data_cksum ? 1 : 0;
     vx_ostream_set_cfg(os_, &oscfg);
-    fw_.on_start = [this](uint32_t mode) { _start(mode); };
-    fw_.on_stop = [this] { _stop(); };
-    fw_.on_reset = [this](uint32_t target) {
-        if (target == k_reset_usb_if) {
-            reenum_at_ = plat::mono_ms() + k_reenum_delay_ms;
-            cv_.notify_all();
-        }
-    };
+    _hooks();
 
     auto *h = umockdev_ioctl_base_new();
     handler_ = h;
@@ -137,6 +130,32 @@ camera::~camera() {
     for (auto &u : done_) _release(u);
     if (fifo_ >= 0) ::close(fifo_);
     vx_ostream_destroy(os_);
+}
+
+void camera::_hooks() {
+    fw_.on_start = [this](uint32_t mode) { _start(mode); };
+    fw_.on_stop = [this] { _stop(); };
+    fw_.on_reset = [this](uint32_t target) {
+        if (target == k_reset_usb_if) {
+            reenum_at_ = plat::mono_ms() + k_reenum_delay_ms;
+            cv_.notify_all();
+        }
+    };
+}
+
+void camera::reset() {
+    {
+        std::lock_guard lk(m_);
+        fw_ = firmware(cfg_);
+        _hooks();
+        hold_ = halted_ = false;
+        error_n_ = garbage_n_ = drop_n_ = corrupt_n_ = 0;
+        reenum_at_ = replug_at_ = 0;
+        _stop();
+        tap_ = nullptr;
+        st_ = usb_stats{};
+    }
+    replug();
 }
 
 std::string camera::sysfs_path() const {

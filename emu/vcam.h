@@ -173,6 +173,9 @@ class camera {
     void replug();                        // the device comes back
     bool plugged() const;
 
+    // Back to the state after attach: default firmware, no faults, not streaming, plugged in.
+    void reset();
+
     // Every stream byte delivered to the host, in order (called under the camera's lock).
     void set_tap(std::function<void(std::span<const uint8_t>)> tap);
     usb_stats stats() const;
@@ -196,6 +199,7 @@ class camera {
     void _fifo_fill();
     void _fifo_signal();
     void _unplug_locked();
+    void _hooks();
     void _start(uint32_t mode);
     void _stop();
     void _uevent(const char *action);

@@ -484,13 +484,21 @@ usb_priv *_alloc_priv(tevix_ll_dev_t *dev) {
     return _priv(dev);
 }
 
-void _free_priv(tevix_ll_dev_t *dev) {
-    usb_priv *p = _priv(dev);
-    if (!p) return;
+// Transfers are freed while their device handle is still open: libusb reads the handle when it
+// frees a transfer that was submitted.
+void _free_pool(usb_priv *p) {
     for (uint32_t i = 0; i < k_xfer_count; ++i) {
         libusb_free_transfer(p->xfer[i]);
         std::free(p->buf[i]);
+        p->xfer[i] = nullptr;
+        p->buf[i] = nullptr;
     }
+}
+
+void _free_priv(tevix_ll_dev_t *dev) {
+    usb_priv *p = _priv(dev);
+    if (!p) return;
+    _free_pool(p);
     delete p;
     dev->priv = nullptr;
 }
@@ -665,6 +673,7 @@ void usb_ll_dev_close(tevix_ll_dev_t *dev) {
             libusb_interrupt_event_handler(p->ctx);
             p->evt.join();
         }
+        _free_pool(p);
         libusb_release_interface(p->handle, 0);
         libusb_release_interface(p->handle, 1);
         libusb_close(p->handle);
