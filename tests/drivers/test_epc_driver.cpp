@@ -411,10 +411,10 @@ TEST_F(epc_fixture, GreyFromConfidenceCacheAndFromPlanes) {
     EXPECT_EQ(log.count("use confid hash to calc gray"), 1);
 }
 
-// Sets every pixel of one sensor row of a 4-plane frame.
+// Sets every pixel of one sensor row of a 4-plane frame (the header samples stay).
 void _set_sensor_row(std::vector<uint8_t> &raw, uint32_t sr, const uint16_t *d) {
     for (uint32_t p = 0; p < 4; ++p)
-        for (uint32_t x = 0; x < k_w; ++x)
+        for (uint32_t x = (p == 0 && sr == 0) ? 10 : 0; x < k_w; ++x)
             std::memcpy(raw.data() + 2 * (p * k_n + sr * k_w + x), &d[p], 2);
 }
 
