@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "cmd_oni.h"
 #include "tevix/tevix_ll.h"
 #include "tevix/tevix_version.h"
 #include "tevix/vx_log.h"
@@ -89,6 +90,7 @@ int main(int argc, char **argv) {
 
     auto *version = app.add_subcommand("version", "print the library version and build");
     auto *list = app.add_subcommand("list", "list the cameras attached over USB");
+    auto *oni = tool_add_oni(app);
 
     try {
         app.parse(argc, argv);
@@ -103,5 +105,6 @@ int main(int argc, char **argv) {
 
     if (version->parsed()) return _cmd_version();
     if (list->parsed()) return _cmd_list(verbosity);
+    if (oni->parsed()) return tool_run_oni(oni, verbosity);
     return k_exit_usage;
 }
