@@ -151,6 +151,23 @@ TEST(EpcDecode, FastPathMatchesScalar) {
     }
 }
 
+TEST(EpcGrey, FastPathMatchesTheFormula) {
+    const uint32_t n = 1003;
+    std::vector<uint16_t> raw(4 * n);
+    std::mt19937 rng(9);
+    for (auto &s : raw) s = static_cast<uint16_t>(rng() % 0x2000);
+    std::vector<uint32_t> g(n);
+    grey_4dcs(raw.data(), n, g.data());
+    for (uint32_t i = 0; i < n; ++i) {
+        const int32_t d0 = raw[i] & 0xFFF, d1 = raw[n + i] & 0xFFF, d2 = raw[2 * n + i] & 0xFFF,
+                      d3 = raw[3 * n + i] & 0xFFF;
+        const bool ok = d0 >= 2 && d0 < 4094 && d1 >= 2 && d1 < 4094 && d2 >= 2 && d2 < 4094 &&
+                        d3 >= 2 && d3 < 4094;
+        const uint32_t v = static_cast<uint32_t>((d2 - d0) * (d2 - d0) + (d3 - d1) * (d3 - d1)) >> 2;
+        ASSERT_EQ(g[i], ok ? fast_sqrt(v) : 0u) << i;
+    }
+}
+
 TEST(EpcDecode, ReducedLayoutValidityAndConfidence) {
     const plane_pair pp = reduced_pair(20000000);
     uint16_t a[3] = {2048 - 100, 2048 - 100, 2048}, b[3] = {2048, 0, 4095};

@@ -5,18 +5,21 @@
 #include <cmath>
 #include <cstring>
 
+#include <immintrin.h>
+
 namespace tevix::epc {
 
 namespace {
 
-std::array<uint16_t, 4096> _build_atan_table() {
-    std::array<uint16_t, 4096> t{};
+// Two entries of padding so that a 32-bit gather at index 4095 stays inside the array.
+std::array<uint16_t, 4098> _build_atan_table() {
+    std::array<uint16_t, 4098> t{};
     for (uint32_t i = 0; i < 4096; ++i)
         t[i] = static_cast<uint16_t>(std::lround(std::atan(i / 4095.0) * 16384.0 / M_PI));
     return t;
 }
 
-const std::array<uint16_t, 4096> g_atan = _build_atan_table();
+const std::array<uint16_t, 4098> g_atan = _build_atan_table();
 
 // Octant reduction shared by both layouts: returns offset + T[index] for y != 0. Written with
 // selects instead of branches so that the loops vectorise; the quotient (y * 4096) / x is taken
@@ -52,12 +55,12 @@ inline int32_t _dist(uint32_t phase, uint32_t range, int32_t offset_mm) {
 }
 
 template <bool wide>
-inline void _decode_4dcs_body(const uint16_t *__restrict raw, uint32_t n, uint32_t range,
-                              int32_t offset_mm, int32_t *__restrict dist,
+inline void _decode_4dcs_body(const uint16_t *__restrict raw, uint32_t stride, uint32_t count,
+                              uint32_t range, int32_t offset_mm, int32_t *__restrict dist,
                               uint32_t *__restrict conf) {
     const uint16_t *t = g_atan.data();
-    const uint16_t *p0 = raw, *p1 = raw + n, *p2 = raw + 2 * n, *p3 = raw + 3 * n;
-    for (uint32_t i = 0; i < n; ++i) {
+    const uint16_t *p0 = raw, *p1 = raw + stride, *p2 = raw + 2 * stride, *p3 = raw + 3 * stride;
+    for (uint32_t i = 0; i < count; ++i) {
         const int32_t d0 = p0[i], d1 = p1[i], d2 = p2[i], d3 = p3[i];
         const bool valid = (d0 >= 2) & (d0 <= 4093) & (d1 >= 2) & (d1 <= 4093) & (d2 >= 2) &
                            (d2 <= 4093) & (d3 >= 2) & (d3 <= 4093);
@@ -92,16 +95,70 @@ inline void _decode_pair_body(const uint16_t *__restrict pa, const uint16_t *__r
     }
 }
 
-// The same loops compiled a second time for AVX2; the arithmetic is exact integer and double
-// work, so both builds give identical results.
+// AVX2 form of the 4-plane loop, eight pixels per step. The quotient (y * 4096) / x comes from
+// a correctly rounded float division, which can only overshoot the integer quotient by one
+// (both operands are exact in float); one correction step makes it exact. Requires range below
+// 131072 so that phase * range fits in 32 bits.
 __attribute__((target("avx2"))) void _decode_4dcs_avx2(const uint16_t *raw, uint32_t n,
                                                        uint32_t range, int32_t offset_mm,
                                                        int32_t *dist, uint32_t *conf) {
-    if (range < 131072)
-        _decode_4dcs_body<false>(raw, n, range, offset_mm, dist, conf);
-    else
-        _decode_4dcs_body<true>(raw, n, range, offset_mm, dist, conf);
+    const uint16_t *p0 = raw, *p1 = raw + n, *p2 = raw + 2 * n, *p3 = raw + 3 * n;
+    const auto *table = reinterpret_cast<const int *>(g_atan.data());
+    const __m256i lo = _mm256_set1_epi32(2), hi = _mm256_set1_epi32(4093);
+    const __m256i one = _mm256_set1_epi32(1), zero = _mm256_setzero_si256();
+    const __m256i c4096 = _mm256_set1_epi32(4096), c8192 = _mm256_set1_epi32(8192);
+    const __m256i c16384 = _mm256_set1_epi32(16384), m7fff = _mm256_set1_epi32(0x7FFF);
+    const __m256i mffff = _mm256_set1_epi32(0xFFFF), vr = _mm256_set1_epi32(static_cast<int>(range));
+    const __m256i voff = _mm256_set1_epi32(offset_mm);
+    const __m256i vinv = _mm256_set1_epi32(static_cast<int>(k_dist_invalid));
+    uint32_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+#define EPC_LD(p) _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>((p) + i)))
+        const __m256i d0 = EPC_LD(p0), d1 = EPC_LD(p1), d2 = EPC_LD(p2), d3 = EPC_LD(p3);
+#undef EPC_LD
+        __m256i bad = _mm256_or_si256(_mm256_cmpgt_epi32(lo, d0), _mm256_cmpgt_epi32(d0, hi));
+        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d1), _mm256_cmpgt_epi32(d1, hi)));
+        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d2), _mm256_cmpgt_epi32(d2, hi)));
+        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d3), _mm256_cmpgt_epi32(d3, hi)));
+        // Signed 16-bit differences, widened.
+        const __m256i x0 = _mm256_srai_epi32(_mm256_slli_epi32(_mm256_sub_epi32(d2, d0), 16), 16);
+        const __m256i y0 = _mm256_srai_epi32(_mm256_slli_epi32(_mm256_sub_epi32(d3, d1), 16), 16);
+        const __m256i c = _mm256_add_epi32(_mm256_mullo_epi32(x0, x0), _mm256_mullo_epi32(y0, y0));
+        const __m256i neg = _mm256_srai_epi32(y0, 31);
+        const __m256i x = _mm256_sub_epi32(_mm256_xor_si256(x0, neg), neg);
+        const __m256i y = _mm256_sub_epi32(_mm256_xor_si256(y0, neg), neg);
+        const __m256i base = _mm256_add_epi32(c8192, _mm256_and_si256(neg, c16384));
+        __m256i off = _mm256_and_si256(neg, c16384);
+        const __m256i rot = _mm256_cmpgt_epi32(one, x);
+        const __m256i rx = _mm256_blendv_epi8(x, y, rot);
+        const __m256i ry = _mm256_blendv_epi8(y, _mm256_sub_epi32(zero, x), rot);
+        off = _mm256_blendv_epi8(off, base, rot);
+        const __m256i fold = _mm256_xor_si256(_mm256_cmpgt_epi32(rx, ry), _mm256_set1_epi32(-1));
+        __m256i fx = _mm256_add_epi32(rx, _mm256_and_si256(fold, ry));
+        const __m256i fy = _mm256_sub_epi32(ry, _mm256_and_si256(fold, rx));
+        off = _mm256_add_epi32(off, _mm256_and_si256(fold, c4096));
+        fx = _mm256_max_epi32(fx, one);
+        const __m256i num = _mm256_slli_epi32(fy, 12);
+        __m256i q = _mm256_cvttps_epi32(
+            _mm256_div_ps(_mm256_cvtepi32_ps(num), _mm256_cvtepi32_ps(fx)));
+        q = _mm256_add_epi32(q, _mm256_cmpgt_epi32(_mm256_mullo_epi32(q, fx), num));
+        q = _mm256_and_si256(q, _mm256_set1_epi32(4095));
+        const __m256i t = _mm256_and_si256(_mm256_i32gather_epi32(table, q, 2), mffff);
+        __m256i phase = _mm256_and_si256(_mm256_add_epi32(_mm256_add_epi32(off, t), c16384), m7fff);
+        const __m256i yz = _mm256_cmpeq_epi32(y0, zero);
+        const __m256i axis = _mm256_andnot_si256(_mm256_cmpgt_epi32(zero, x0), c16384);
+        phase = _mm256_blendv_epi8(phase, axis, yz);
+        __m256i d = _mm256_add_epi32(_mm256_srli_epi32(_mm256_mullo_epi32(phase, vr), 15), voff);
+        d = _mm256_blendv_epi8(d, vinv, bad);
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dist + i), d);
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(conf + i), _mm256_andnot_si256(bad, c));
+    }
+    if (i < n) _decode_4dcs_body<false>(raw + i, n, n - i, range, offset_mm, dist + i, conf + i);
 }
+
+// Simple per-pixel loops: the compiler vectorises them; target_clones adds an AVX2 build chosen at
+// load time. Integer arithmetic, so every build gives the same results.
+#define EPC_CLONES __attribute__((target_clones("avx2", "default")))
 
 bool _has_avx2() {
     static const bool yes = __builtin_cpu_supports("avx2");
@@ -138,14 +195,14 @@ plane_pair reduced_pair(uint32_t freq_hz) {
 void decode_4dcs_scalar(const uint16_t *raw, uint32_t n, uint32_t range, int32_t offset_mm,
                         int32_t *dist, uint32_t *conf) {
     if (range < 131072)
-        _decode_4dcs_body<false>(raw, n, range, offset_mm, dist, conf);
+        _decode_4dcs_body<false>(raw, n, n, range, offset_mm, dist, conf);
     else
-        _decode_4dcs_body<true>(raw, n, range, offset_mm, dist, conf);
+        _decode_4dcs_body<true>(raw, n, n, range, offset_mm, dist, conf);
 }
 
 void decode_4dcs(const uint16_t *raw, uint32_t n, uint32_t range, int32_t offset_mm, int32_t *dist,
                  uint32_t *conf) {
-    if (_has_avx2())
+    if (_has_avx2() && range < 131072)
         _decode_4dcs_avx2(raw, n, range, offset_mm, dist, conf);
     else
         decode_4dcs_scalar(raw, n, range, offset_mm, dist, conf);
@@ -178,9 +235,11 @@ inline bool _ok12(uint32_t s) {
 
 }  // namespace
 
-void grey_4dcs(const uint16_t *raw, uint32_t n, uint32_t *grey) {
-    const uint16_t *p0 = raw, *p1 = raw + n, *p2 = raw + 2 * n, *p3 = raw + 3 * n;
-    for (uint32_t i = 0; i < n; ++i) {
+namespace {
+
+void _grey_4dcs_scalar(const uint16_t *raw, uint32_t stride, uint32_t count, uint32_t *grey) {
+    const uint16_t *p0 = raw, *p1 = raw + stride, *p2 = raw + 2 * stride, *p3 = raw + 3 * stride;
+    for (uint32_t i = 0; i < count; ++i) {
         const uint32_t d0 = p0[i] & 0xFFF, d1 = p1[i] & 0xFFF, d2 = p2[i] & 0xFFF,
                        d3 = p3[i] & 0xFFF;
         const bool ok = _ok12(d0) & _ok12(d1) & _ok12(d2) & _ok12(d3);
@@ -189,7 +248,53 @@ void grey_4dcs(const uint16_t *raw, uint32_t n, uint32_t *grey) {
     }
 }
 
-void grey_2dcs(const uint16_t *p0, const uint16_t *p1, uint32_t n, uint32_t *grey) {
+// fast_sqrt of eight values below 2^31.
+__attribute__((target("avx2"))) inline __m256i _fast_sqrt8(__m256i v) {
+    __m256i p = _mm256_castps_si256(_mm256_cvtepi32_ps(v));
+    p = _mm256_add_epi32(_mm256_srai_epi32(_mm256_sub_epi32(p, _mm256_set1_epi32(0x800000)), 1),
+                         _mm256_set1_epi32(0x20000000));
+    return _mm256_cvttps_epi32(_mm256_castsi256_ps(p));
+}
+
+__attribute__((target("avx2"))) void _grey_4dcs_avx2(const uint16_t *raw, uint32_t n,
+                                                     uint32_t *grey) {
+    const uint16_t *p0 = raw, *p1 = raw + n, *p2 = raw + 2 * n, *p3 = raw + 3 * n;
+    const __m256i m = _mm256_set1_epi32(0xFFF), lo = _mm256_set1_epi32(2),
+                  hi = _mm256_set1_epi32(4093);
+    uint32_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+#define EPC_LD(p)                                                                           \
+    _mm256_and_si256(                                                                       \
+        _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>((p) + i))), \
+        m)
+        const __m256i d0 = EPC_LD(p0), d1 = EPC_LD(p1), d2 = EPC_LD(p2), d3 = EPC_LD(p3);
+#undef EPC_LD
+        __m256i bad = _mm256_or_si256(_mm256_cmpgt_epi32(lo, d0), _mm256_cmpgt_epi32(d0, hi));
+        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d1),
+                                                   _mm256_cmpgt_epi32(d1, hi)));
+        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d2),
+                                                   _mm256_cmpgt_epi32(d2, hi)));
+        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d3),
+                                                   _mm256_cmpgt_epi32(d3, hi)));
+        const __m256i a = _mm256_sub_epi32(d2, d0), b = _mm256_sub_epi32(d3, d1);
+        const __m256i v = _mm256_srli_epi32(
+            _mm256_add_epi32(_mm256_mullo_epi32(a, a), _mm256_mullo_epi32(b, b)), 2);
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(grey + i),
+                            _mm256_andnot_si256(bad, _fast_sqrt8(v)));
+    }
+    if (i < n) _grey_4dcs_scalar(raw + i, n, n - i, grey + i);
+}
+
+}  // namespace
+
+void grey_4dcs(const uint16_t *raw, uint32_t n, uint32_t *grey) {
+    if (_has_avx2())
+        _grey_4dcs_avx2(raw, n, grey);
+    else
+        _grey_4dcs_scalar(raw, n, n, grey);
+}
+
+EPC_CLONES void grey_2dcs(const uint16_t *p0, const uint16_t *p1, uint32_t n, uint32_t *grey) {
     for (uint32_t i = 0; i < n; ++i) {
         const uint32_t d0 = p0[i] & 0xFFF, d1 = p1[i] & 0xFFF;
         const int32_t a = 2048 - static_cast<int32_t>(d0), b = 2048 - static_cast<int32_t>(d1);
@@ -210,7 +315,7 @@ void grey_1plane(const uint16_t *raw, uint32_t w, uint32_t h, uint32_t *grey) {
     }
 }
 
-void grey_from_conf(const uint32_t *conf, uint32_t n, uint16_t *grey) {
+EPC_CLONES void grey_from_conf(const uint32_t *conf, uint32_t n, uint16_t *grey) {
     for (uint32_t i = 0; i < n; ++i)
         grey[i] = static_cast<uint16_t>(std::min(fast_sqrt(conf[i]), 65535u));
 }
@@ -241,7 +346,7 @@ void rows_reorder(const uint32_t *src, uint32_t *dst, uint32_t w, uint32_t h) {
     if (h & 1) std::memcpy(dst + (h - 1) * w, src + (h - 1) * w, w * 4);
 }
 
-void narrow_u16(const int32_t *src, uint16_t *dst, uint32_t n) {
+EPC_CLONES void narrow_u16(const int32_t *src, uint16_t *dst, uint32_t n) {
     for (uint32_t i = 0; i < n; ++i) dst[i] = static_cast<uint16_t>(std::clamp(src[i], 0, 65535));
 }
 
@@ -265,7 +370,7 @@ uint32_t info_hash(const tevix_frame_info_t &info) {
     return (s2 << 16) | s1;
 }
 
-void range_gate(const uint16_t *src, uint16_t *dst, uint32_t n, uint32_t range) {
+EPC_CLONES void range_gate(const uint16_t *src, uint16_t *dst, uint32_t n, uint32_t range) {
     const int32_t hi = static_cast<int32_t>(range) - 100;
     for (uint32_t i = 0; i < n; ++i) {
         const int32_t d = src[i];
@@ -273,7 +378,7 @@ void range_gate(const uint16_t *src, uint16_t *dst, uint32_t n, uint32_t range) 
     }
 }
 
-void minamp(const uint16_t *src, uint16_t *dst, const uint32_t *conf, uint32_t n, uint32_t t,
+EPC_CLONES void minamp(const uint16_t *src, uint16_t *dst, const uint32_t *conf, uint32_t n, uint32_t t,
             uint8_t *marks, uint32_t h) {
     const int64_t lo = static_cast<int64_t>(t) * t;
     const int64_t hi = (2048 - static_cast<int64_t>(t)) * (2048 - static_cast<int64_t>(t));
@@ -282,14 +387,19 @@ void minamp(const uint16_t *src, uint16_t *dst, const uint32_t *conf, uint32_t n
         return;
     }
     const int64_t h2 = static_cast<int64_t>(h) * h;
-    const int64_t lo_h = lo - h2, hi_h = hi + h2;
+    // Thresholds as 32-bit values (saturated) so that the loop vectorises.
+    const uint32_t lo32 = static_cast<uint32_t>(std::min<int64_t>(lo, UINT32_MAX));
+    const uint32_t hi32 = static_cast<uint32_t>(std::min<int64_t>(hi, UINT32_MAX));
+    const uint32_t lo_h = static_cast<uint32_t>(std::max<int64_t>(lo - h2, 0));
+    const uint32_t hi_h = static_cast<uint32_t>(std::min<int64_t>(hi + h2, UINT32_MAX));
+    const bool hi_open = hi + h2 >= UINT32_MAX;
     for (uint32_t i = 0; i < n; ++i) {
-        const int64_t c = conf[i];
-        if (lo <= c && c <= hi)
-            marks[i] = 1;
-        else if (c < lo_h || c > hi_h)
-            marks[i] = 0;
-        dst[i] = marks[i] ? src[i] : 0;
+        const uint32_t c = conf[i];
+        const bool set = (c >= lo32) & (c <= hi32);
+        const bool clear = (c < lo_h) | ((c > hi_h) & !hi_open);
+        const uint8_t m = set ? 1 : (clear ? 0 : marks[i]);
+        marks[i] = m;
+        dst[i] = m ? src[i] : 0;
     }
 }
 
@@ -312,7 +422,7 @@ int32_t auto_intg_step(const sample_stats &s, uint32_t threshold) {
     return (s.low < 513 && s.high < 11) ? 50 : 0;
 }
 
-bool frame_consistent(const uint16_t *raw, uint32_t n, uint32_t samples) {
+EPC_CLONES bool frame_consistent(const uint16_t *raw, uint32_t n, uint32_t samples) {
     if (samples < 8 || n == 0) return false;
     uint32_t c02 = 0, c13 = 0;
     const uint16_t *p0 = raw, *p1 = raw + n, *p2 = raw + 2 * n, *p3 = raw + 3 * n;
