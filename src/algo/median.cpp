@@ -1,6 +1,11 @@
-// Rank filter over the valid pixels of a 3x3 or 5x5 window: invalid pixels get the key 0xFFFF,
+// Rank filter over the valid pixels of a 3x3 or 5x5 window. Invalid pixels get the key 0xFFFF,
 // which sorts them behind every valid value, so the lower median of the n valid values is entry
-// (n - 1) / 2 of the sorted window. Only the first K*K/2 + 1 entries need sorting.
+// (n - 1) / 2 of the sorted window. Each row first sorts every column of the window once (shared
+// by the K windows that contain it); a merge network then yields the first K*K/2 + 1 entries of
+// each window from its K sorted columns.
+#include <new>
+#include <vector>
+
 #include "algo/spatial.h"
 
 namespace {
@@ -8,44 +13,114 @@ namespace {
 using namespace tevix::algo;
 
 template <uint32_t K>
-struct median_kernel {
-    static constexpr uint32_t taps = K * K;
-    static constexpr sort_net net = make_sort_net(taps, taps / 2 + 1);
-
-    template <class V>
-    VX_INLINE V run(const uint16_t *p, size_t stride) const {
-        constexpr int r = K / 2;
-        const V one = splat<V>(uint16_t(1)), none = splat<V>(uint16_t(0xFFFF));
-        V key[taps], n = splat<V>(uint16_t(0));
-        uint32_t i = 0;
-        for (int dy = -r; dy <= r; ++dy)
-            for (int dx = -r; dx <= r; ++dx, ++i) {
-                const V v = load<V>(p + dy * ptrdiff_t(stride) + dx);
-                const auto bad = is_invalid(v);
-                key[i] = bad ? none : v;
-                n += bad ? splat<V>(uint16_t(0)) : one;
-            }
-        const V c = load<V>(p);
-        apply_net<net>(key);
-        const V med = select_rank(key, V((n - one) >> 1), taps / 2);
-        return is_invalid(c) ? c : med;
-    }
+struct nets {
+    static constexpr sort_net column = make_sort_net(K, K);
+    static constexpr merge_net window = make_merge_net(K, K, K *K / 2 + 1);
 };
 
-VX_SPATIAL_VARIANTS(median_kernel<3>)
-VX_SPATIAL_VARIANTS(median_kernel<5>)
+struct columns {
+    uint16_t *key[5];  // sorted keys of each window column, by rank
+    uint16_t *count;   // valid pixels per window column
+};
+
+template <uint32_t K, class V>
+VX_INLINE void _column(const padded &p, uint32_t y, const columns &c, uint32_t xx) {
+    constexpr int r = K / 2;
+    const V one = splat<V>(uint16_t(1)), none = splat<V>(uint16_t(0xFFFF));
+    V key[K], n = splat<V>(uint16_t(0));
+    for (int i = 0; i < int(K); ++i) {
+        const V v = load<V>(p.origin + (int(y) + i - r) * std::ptrdiff_t(p.stride) + int(xx) - r);
+        const auto bad = is_invalid(v);
+        key[i] = bad ? none : v;
+        n += bad ? splat<V>(uint16_t(0)) : one;
+    }
+    apply_net<nets<K>::column>(key);
+    for (uint32_t i = 0; i < K; ++i) store(c.key[i] + xx, key[i]);
+    store(c.count + xx, n);
+}
+
+template <uint32_t K, class V>
+VX_INLINE V _window(const padded &p, uint32_t y, const columns &c, uint32_t x) {
+    const V one = splat<V>(uint16_t(1)), none = splat<V>(uint16_t(0xFFFF));
+    V v[K * 8], n = splat<V>(uint16_t(0));
+    for (uint32_t col = 0; col < K; ++col) {
+        for (uint32_t i = 0; i < K; ++i) v[col * 8 + i] = load<V>(c.key[i] + x + col);
+        for (uint32_t i = K; i < 8; ++i) v[col * 8 + i] = none;
+        n += load<V>(c.count + x + col);
+    }
+    apply_net<nets<K>::window>(v);
+    const V med = select_rank(v, V((n - one) >> 1), K * K / 2);
+    const V centre = load<V>(p.origin + y * p.stride + x);
+    return is_invalid(centre) ? centre : med;
+}
+
+template <uint32_t K, class V>
+VX_INLINE void _median(uint16_t *img, uint32_t w, uint32_t h, const padded &p, const columns &c) {
+    constexpr uint32_t L = sizeof(V) / sizeof(uint16_t);
+    const uint32_t cw = w + K - 1;
+    for (uint32_t y = 0; y < h; ++y) {
+        uint32_t x = 0;
+        if constexpr (L > 1)
+            for (; x + L <= cw; x += L) _column<K, V>(p, y, c, x);
+        for (; x < cw; ++x) _column<K, uint16_t>(p, y, c, x);
+        uint16_t *out = img + size_t(y) * w;
+        x = 0;
+        if constexpr (L > 1)
+            for (; x + L <= w; x += L) store(out + x, _window<K, V>(p, y, c, x));
+        for (; x < w; ++x) out[x] = _window<K, uint16_t>(p, y, c, x);
+    }
+}
+
+template <uint32_t K>
+void _run_scalar(uint16_t *img, uint32_t w, uint32_t h, const padded &p, const columns &c) {
+    _median<K, uint16_t>(img, w, h, p, c);
+}
+template <uint32_t K>
+VX_TARGET_SSE41 void _run_sse41(uint16_t *img, uint32_t w, uint32_t h, const padded &p,
+                                const columns &c) {
+    _median<K, u16x8>(img, w, h, p, c);
+}
+template <uint32_t K>
+VX_TARGET_AVX2 void _run_avx2(uint16_t *img, uint32_t w, uint32_t h, const padded &p,
+                              const columns &c) {
+    _median<K, u16x16>(img, w, h, p, c);
+}
+
+template <uint32_t K>
+bool _filter(uint16_t *img, uint32_t w, uint32_t h) noexcept {
+    padded p;
+    if (!make_padded(img, w, h, K / 2, p)) return false;
+    // Column keys and counts of one row, kept per thread like the padded copy.
+    thread_local std::vector<uint16_t> scratch;
+    const size_t cw = size_t(w) + K - 1;
+    try {
+        if (scratch.size() < (K + 1) * cw) scratch.resize((K + 1) * cw);
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    columns c{};
+    for (uint32_t i = 0; i < K; ++i) c.key[i] = scratch.data() + i * cw;
+    c.count = scratch.data() + K * cw;
+    switch (tevix::simd::active()) {
+        case tevix::simd::level::avx2:
+            _run_avx2<K>(img, w, h, p, c);
+            break;
+        case tevix::simd::level::sse41:
+            _run_sse41<K>(img, w, h, p, c);
+            break;
+        default:
+            _run_scalar<K>(img, w, h, p, c);
+            break;
+    }
+    return true;
+}
 
 }  // namespace
 
 extern "C" bool vx_median2d_u16(uint16_t *img, uint32_t width, uint32_t height,
                                 uint32_t kernel) noexcept {
     if (!img || width == 0 || height == 0) return false;
-    if (kernel == 3) {
-        VX_SPATIAL_DISPATCH(median_kernel<3>, img, width, height, 1);
-    } else if (kernel == 5) {
-        VX_SPATIAL_DISPATCH(median_kernel<5>, img, width, height, 2);
-    } else {
-        return false;
-    }
-    return true;
+    if (kernel == 3) return _filter<3>(img, width, height);
+    if (kernel == 5) return _filter<5>(img, width, height);
+    return false;
 }

@@ -135,6 +135,94 @@ VX_INLINE void apply_net(V *v) {
     _apply_net<Net>(v, std::make_index_sequence<Net.count>{});
 }
 
+// Network for the first m values of `blocks` sorted columns of `len` values. Column c sits at
+// inputs 8c .. 8c + len - 1, and the other inputs hold +infinity. Starting from Batcher's network
+// over the padded inputs, comparators that never exchange on any such input are dropped; those
+// that exchange whenever their values differ become plain swaps (free renames). Both are decided
+// by the 0-1 principle over every input of sorted 0-1 columns.
+struct merge_net {
+    struct op {
+        uint8_t a, b, swap;
+    };
+    std::array<op, 1024> ops{};
+    size_t count = 0;
+};
+
+constexpr merge_net make_merge_net(uint32_t blocks, uint32_t len, uint32_t m) {
+    const uint32_t n = blocks * 8;
+    uint32_t p2 = 1;
+    while (p2 < n) p2 <<= 1;
+    merge_net all;
+    for (uint32_t p = 1; p < p2; p <<= 1)
+        for (uint32_t k = p; k >= 1; k >>= 1)
+            for (uint32_t j = k % p; j + k < p2; j += 2 * k)
+                for (uint32_t i = 0; i < k && i + j + k < p2; ++i)
+                    if ((i + j) / (2 * p) == (i + j + k) / (2 * p) && i + j + k < n)
+                        all.ops[all.count++] = {uint8_t(i + j), uint8_t(i + j + k), 0};
+    uint32_t cases = 1;
+    for (uint32_t c = 0; c < blocks; ++c) cases *= len + 1;
+    const uint32_t words = (cases + 63) / 64;  // at most 128: 6^5 cases for the 5x5 window
+    uint64_t v[40][128] = {};
+    for (uint32_t t = 0, code = 0; t < cases; ++t, code = t) {
+        for (uint32_t c = 0; c < blocks; ++c, code /= len + 1)
+            for (uint32_t r = code % (len + 1); r < 8; ++r)
+                v[c * 8 + r][t / 64] |= uint64_t(1) << (t % 64);
+    }
+    const uint64_t last_live = cases % 64 ? (uint64_t(1) << (cases % 64)) - 1 : ~uint64_t(0);
+    merge_net used;
+    for (size_t o = 0; o < all.count; ++o) {
+        const uint32_t a = all.ops[o].a, b = all.ops[o].b;
+        uint64_t *va = v[a], *vb = v[b];
+        bool exchanges = false, always = true;
+        for (uint32_t w = 0; w < words; ++w) {
+            const uint64_t live = w + 1 == words ? last_live : ~uint64_t(0);
+            const uint64_t x = va[w] & ~vb[w] & live;
+            exchanges = exchanges || x;
+            always = always && x == ((va[w] ^ vb[w]) & live);
+        }
+        if (!exchanges) continue;
+        for (uint32_t w = 0; w < words; ++w) {
+            const uint64_t lo = va[w] & vb[w];
+            vb[w] |= va[w];
+            va[w] = lo;
+        }
+        used.ops[used.count++] = {uint8_t(a), uint8_t(b), uint8_t(always)};
+    }
+    bool need[64] = {};
+    for (uint32_t i = 0; i < m; ++i) need[i] = true;
+    bool keep[1024] = {};
+    for (size_t o = used.count; o-- > 0;) {
+        const auto &x = used.ops[o];
+        if (need[x.a] || need[x.b]) keep[o] = need[x.a] = need[x.b] = true;
+    }
+    merge_net net;
+    for (size_t o = 0; o < used.count; ++o)
+        if (keep[o]) net.ops[net.count++] = used.ops[o];
+    return net;
+}
+
+template <const merge_net &Net, class V, size_t I>
+VX_INLINE void _merge_op(V *v) {
+    constexpr auto op = Net.ops[I];
+    if constexpr (op.swap) {
+        const V t = v[op.a];
+        v[op.a] = v[op.b];
+        v[op.b] = t;
+    } else {
+        _cmpx(v[op.a], v[op.b]);
+    }
+}
+
+template <const merge_net &Net, class V, size_t... I>
+VX_INLINE void _apply_merge(V *v, std::index_sequence<I...>) {
+    (_merge_op<Net, V, I>(v), ...);
+}
+
+template <const merge_net &Net, class V>
+VX_INLINE void apply_net(V *v) {
+    _apply_merge<Net>(v, std::make_index_sequence<Net.count>{});
+}
+
 // v[idx] per lane for idx in 0 .. last (other lanes get v[0]).
 template <class V>
 VX_INLINE V select_rank(const V *v, const V &idx, uint32_t last) {
