@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -190,6 +191,7 @@ uint32_t _cap_handle_rdy_data(tevix_dev_t *dev) {
             VX_TRC("[%s]frdy cb (%u,%u) spends: %d.%03u ms\n", info.index, info.size,
                    static_cast<int>(us / 1000), static_cast<unsigned>(us % 1000));
         }
+        tevix::api::record_frame(dev, buf, info, handled == 0);
         ++handled;
         if (use_request) {
             buf += desc.frlen;
@@ -287,6 +289,7 @@ int _tevix_cap_stop(tevix_dev_t *dev) {
         s->cap_cond.notify_all();
     }
     s->capturing = r ? 0 : 1;
+    tevix::api::record_stop(s);
     _drain(s);
     if (s->drv && s->drv->ops->on_cap_state) s->drv->ops->on_cap_state(s->drv, 0);
     VX_TRC("[%s]Exit\n");
@@ -362,6 +365,7 @@ int _tevix_cap_start(tevix_dev_t *dev) {
         s->last_state = vx_stream_state_t{};
     }
     vx_stream_reset(s->stream);
+    tevix::api::record_start(dev);
     _drain(s);
     VX_DBG("[%s]issue start cmd\n");
     uint32_t mode = (s->type == TEVIX_DEV_FILE && s->cap_cfg.file_replay_mode) ? 1 : 0;
@@ -369,6 +373,17 @@ int _tevix_cap_start(tevix_dev_t *dev) {
     s->capturing = 1;
     if (s->drv && s->drv->ops->on_cap_state) s->drv->ops->on_cap_state(s->drv, 1);
     return 1;
+}
+
+// Takes over a whole configuration; the session keeps its own copy of the file name.
+void _take_config(tevix_session *s, const tevix_cap_cfg_t *cfg) {
+    s->cap_cfg = *cfg;
+    if (cfg->save_file) {
+        std::snprintf(s->save_file, sizeof s->save_file, "%s", cfg->save_file);
+        s->cap_cfg.save_file = s->save_file;
+    } else {
+        s->save_file[0] = '\0';
+    }
 }
 
 }  // namespace
@@ -396,25 +411,37 @@ int tevix_cap_config_set(tevix_dev_t *dev, const tevix_cap_cfg_t *cfg) noexcept 
            static_cast<int>(cfg->cache_frames_cnt), cfg->save_replay, cfg->save_dist,
            cfg->save_gray, cfg->save_manual);
     if (s->capturing) {
-        // While capturing only the callbacks and switches change; the buffer size stays.
         if (cfg->cache_frames_cnt != s->cap_cfg.cache_frames_cnt)
             VX_WRN("[%s]Change cache_frames_cnt %d to %d is not allowed during capturing\n",
                    static_cast<int>(s->cap_cfg.cache_frames_cnt),
                    static_cast<int>(cfg->cache_frames_cnt));
+        bool want = cfg->save_file && (cfg->save_replay || cfg->save_dist || cfg->save_gray);
+        bool now = false;
+        {
+            std::lock_guard<std::mutex> lock(s->rec_mtx);
+            now = s->rec != nullptr;
+        }
+        bool same_name = !cfg->save_file || !s->save_file[0] ||
+                         std::strncmp(cfg->save_file, s->save_file, 512) == 0;
+        if (want == now && same_name) {
+            // Only the callbacks, the replay mode and the save switches change.
+            s->cap_cfg.on_cap_frdy = cfg->on_cap_frdy;
+            s->cap_cfg.on_cap_err = cfg->on_cap_err;
+            s->cap_cfg.file_replay_mode = cfg->file_replay_mode;
+            s->cap_cfg.save_manual = cfg->save_manual;
+            s->cap_cfg.save_replay = cfg->save_replay;
+            s->cap_cfg.save_dist = cfg->save_dist;
+            s->cap_cfg.save_gray = cfg->save_gray;
+            return 1;
+        }
+        tevix::api::record_stop(s);
         uint32_t keep = s->cap_cfg.cache_frames_cnt;
-        const char *name = s->cap_cfg.save_file;
-        s->cap_cfg = *cfg;
+        _take_config(s, cfg);
         s->cap_cfg.cache_frames_cnt = keep;
-        s->cap_cfg.save_file = name;
+        tevix::api::record_start(dev);
         return 1;
     }
-    s->cap_cfg = *cfg;
-    if (cfg->save_file) {
-        std::snprintf(s->save_file, sizeof s->save_file, "%s", cfg->save_file);
-        s->cap_cfg.save_file = s->save_file;
-    } else {
-        s->save_file[0] = '\0';
-    }
+    _take_config(s, cfg);
     VX_TRC("[%s]set callback : on_cap_frdy->%p, on_cap_err->%p\n",
            reinterpret_cast<void *>(cfg->on_cap_frdy), reinterpret_cast<void *>(cfg->on_cap_err));
     if (s->stream) {
@@ -505,11 +532,7 @@ int tevix_cap_save_frame(tevix_dev_t *dev, const uint8_t *data, uint32_t len,
         VX_DBG("[%s]wrong frame len: %u (expect %u)\n", len, frame_info->size);
         return -22;
     }
-    tevix_session *s = dev->session;
-    std::lock_guard<std::mutex> lock(s->rec_mtx);
-    // Frames are saved by hand only into an active manual recording, and no recording writer
-    // exists in this build yet.
-    return -9;
+    return tevix::api::record_save_frame(dev, data, len, *frame_info);
 }
 
 int tevix_cap_seek_frame(tevix_dev_t *dev, uint32_t frame_idx, uint32_t whence) noexcept {

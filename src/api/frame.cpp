@@ -53,6 +53,7 @@ int _decode_u16(tevix_dev_t *dev, uint16_t *dst, uint32_t dst_len, uint32_t kind
                   static_cast<int>(kind), static_cast<int>(n));
         return 0;
     }
+    tevix::api::record_decoded(s, kind, dst, static_cast<uint32_t>(n / 2));
     return n / 2;
 }
 

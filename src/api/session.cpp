@@ -12,15 +12,21 @@ bool dev_check(const tevix_dev_t *dev, const char *caller) {
     return false;
 }
 
-void session_record_int(tevix_session *s, const char *, uint64_t) {
+namespace {
+// Parameter changes go with the frames when a frame stream is open, else with the device.
+int _prop_node(const tevix_session *s) {
+    return s->rec_replay > 0 ? s->rec_replay : s->rec_dev_node;
+}
+}  // namespace
+
+void session_record_int(tevix_session *s, const char *name, uint64_t value) {
     std::lock_guard<std::mutex> lock(s->rec_mtx);
-    // Property records go to the recording writer, which exists only while recording.
-    if (!s->recording) return;
+    if (s->rec && _prop_node(s) > 0) s->rec->write_int(_prop_node(s), name, value);
 }
 
-void session_record_raw(tevix_session *s, const char *, const void *, uint32_t) {
+void session_record_raw(tevix_session *s, const char *name, const void *data, uint32_t len) {
     std::lock_guard<std::mutex> lock(s->rec_mtx);
-    if (!s->recording) return;
+    if (s->rec && _prop_node(s) > 0) s->rec->write_general(_prop_node(s), name, data, len);
 }
 
 bool session_attach(tevix_dev_t *dev, const tevix_ll_dev_t &ll) {

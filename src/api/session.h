@@ -5,8 +5,10 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 
+#include "ll/oni/oni.h"
 #include "tevix/tevix.h"
 #include "tevix/tevix_ll.h"
 #include "tevix/tevix_param.h"
@@ -68,8 +70,11 @@ struct tevix_session {
     uint32_t intg[2] = {0, 0};
     uint32_t frame_format = 0;
 
-    std::mutex rec_mtx;      // guards the recording writer
-    bool recording = false;  // a recording writer is active
+    std::mutex rec_mtx;                       // guards the recording writer and its streams
+    std::unique_ptr<tevix::oni::writer> rec;  // the recording, while one is written
+    int rec_dev_node = -1;                    // device properties stream
+    int rec_replay = -1, rec_dist = -1, rec_gray = -1;  // frame streams, opened lazily
+    uint32_t max_fps = 0, max_intg_us = 0;
 
     tevix_lens_param_t lens{};
     bool lens_valid = false;
@@ -116,6 +121,20 @@ vx_cmap_t *default_cmap();
 void session_record_int(tevix_session *s, const char *name, uint64_t value);
 // Writes a raw property into the active recording (nothing without one).
 void session_record_raw(tevix_session *s, const char *name, const void *data, uint32_t len);
+
+// Opens the recording the capture configuration asks for and writes the device description.
+void record_start(tevix_dev_t *dev);
+// Closes the recording and its streams.
+void record_stop(tevix_session *s);
+// For each frame a pull delivers: opens the frame streams and, unless saving is manual, writes
+// the raw frame (preceded by its information when it is the first of the pull).
+void record_frame(tevix_dev_t *dev, const uint8_t *frame, const tevix_frame_info_t &info,
+                  bool first_of_pull);
+// Writes a decoded distance (kind 1) or gray (kind 2) image into its stream when one is open.
+void record_decoded(tevix_session *s, uint32_t kind, const uint16_t *img, uint32_t values);
+// One raw frame by hand into a manual recording: 0, or -9 without one.
+int record_save_frame(tevix_dev_t *dev, const uint8_t *data, uint32_t len,
+                      const tevix_frame_info_t &info);
 
 // Attaches an open session to a record over an already chosen backend: the connection's op
 // table and private state come from ll. Used where a device is driven without the full open

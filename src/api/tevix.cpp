@@ -108,6 +108,8 @@ bool _read_identity(tevix_dev_t *dev, tevix_session *s) {
               wafer, chip, static_cast<unsigned long long>(dev->hw_id));
     s->max_width = _u16_at(items[5], 0);
     s->max_height = _u16_at(items[5], 1);
+    std::memcpy(&s->max_fps, items[5].value.u8 + 4, 4);
+    std::memcpy(&s->max_intg_us, items[5].value.u8 + 8, 4);
 
     s->info.product = dev->product;
     s->info.vendor = dev->vendor;
@@ -176,6 +178,8 @@ void _close_session(tevix_dev_t *dev) {
     tevix_ll_dev_close(&s->ll);
     if (s->drv && s->drv->ops->uninit) s->drv->ops->uninit(s->drv);
     if (s->stream) vx_stream_destroy(s->stream);
+    record_stop(s);
+    vx_calib_len_uninit_map(&s->undist);
     delete s;
     dev->session = nullptr;
     delete api_mutex(dev);
