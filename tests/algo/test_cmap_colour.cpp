@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "algo/palettes.h"
+#include "algo/simd.h"
 #include "tevix/vx_cmap.h"
 
 namespace {
@@ -304,6 +305,34 @@ TEST_F(CmapCtx, F32HisteqColoursEqualisedValues) {
     const auto direct = render<float>(&ctx, eq, 0.0f, 2.0f);
     EXPECT_EQ(render<float>(&ctx, src, 0.0f, 2.0f, 1), direct);
     EXPECT_NE(render<float>(&ctx, src, 0.0f, 2.0f, 0), direct);
+}
+
+// The vector renderer gives the scalar colours on noisy images of odd sizes, for ranges from
+// tiny to overflowing, with NaN, infinities and values on both sides of the range.
+TEST_F(CmapCtx, F32VectorRenderMatchesScalar) {
+    std::mt19937 rng(21);
+    std::uniform_real_distribution<float> val(-2.0f, 12.0f);
+    const std::pair<float, float> ranges[] = {
+        {0.0f, 10.0f}, {1.0f, 1.0000001f}, {-3e38f, 3e38f}, {2.5f, 7.25f}, {5.0f, 1.0f}};
+    for (size_t n : {255u, 256u, 777u, 4099u}) {
+        std::vector<float> px(n);
+        for (auto &p : px) {
+            const uint32_t pick = static_cast<uint32_t>(rng() % 16);
+            p = pick == 0 ? qnan : pick == 1 ? std::numeric_limits<float>::infinity() : val(rng);
+        }
+        for (uint32_t id : {0u, 8u, 35u, 63u}) {
+            vx_cmap_set_palette(&ctx, id);
+            for (auto [lo, hi] : ranges) {
+                std::vector<uint32_t> want;
+                {
+                    tevix::simd::scoped_limit cap(tevix::simd::level::scalar);
+                    want = render<float>(&ctx, px, lo, hi);
+                }
+                ASSERT_EQ(render<float>(&ctx, px, lo, hi), want)
+                    << "n " << n << " palette " << id << " range " << lo << ".." << hi;
+            }
+        }
+    }
 }
 
 // The palette id is the one shared value: writers and renderers on other threads.
