@@ -163,7 +163,8 @@ TEST(EpcGrey, FastPathMatchesTheFormula) {
                       d3 = raw[3 * n + i] & 0xFFF;
         const bool ok = d0 >= 2 && d0 < 4094 && d1 >= 2 && d1 < 4094 && d2 >= 2 && d2 < 4094 &&
                         d3 >= 2 && d3 < 4094;
-        const uint32_t v = static_cast<uint32_t>((d2 - d0) * (d2 - d0) + (d3 - d1) * (d3 - d1)) >> 2;
+        const uint32_t v =
+            static_cast<uint32_t>((d2 - d0) * (d2 - d0) + (d3 - d1) * (d3 - d1)) >> 2;
         ASSERT_EQ(g[i], ok ? fast_sqrt(v) : 0u) << i;
     }
 }
@@ -305,6 +306,26 @@ TEST(EpcMinAmp, WindowAndHysteresis) {
         c = seq[i];
         minamp(&d, &out, &c, 1, 30, &mark, 10);
         EXPECT_EQ(out, want[i]) << i;
+    }
+}
+
+TEST(EpcMinAmp, LongRunsMatchPixelByPixel) {
+    const uint32_t n = 1001;
+    std::vector<uint16_t> src(n), dst(n), one(1);
+    std::vector<uint32_t> conf(n);
+    std::vector<uint8_t> marks(n, 0), marks1(n, 0);
+    std::mt19937 rng(3);
+    for (int round = 0; round < 3; ++round) {
+        for (uint32_t i = 0; i < n; ++i) {
+            src[i] = static_cast<uint16_t>(rng());
+            conf[i] = round == 2 ? rng() : 700 + rng() % 400;
+        }
+        minamp(src.data(), dst.data(), conf.data(), n, 30, marks.data(), 10);
+        for (uint32_t i = 0; i < n; ++i) {
+            minamp(&src[i], one.data(), &conf[i], 1, 30, &marks1[i], 10);
+            ASSERT_EQ(dst[i], one[0]) << round << " " << i;
+            ASSERT_EQ(marks[i], marks1[i]);
+        }
     }
 }
 

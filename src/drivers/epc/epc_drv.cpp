@@ -557,7 +557,7 @@ int32_t _epc_frame_decode(tevix_drv_t *drv, uint8_t *out_bytes, uint32_t out_cap
                           const tevix_frame_info_t *info) {
     epc_priv *p = priv_of(drv);
     if (!p || !out_bytes || !raw_bytes || !info || kind > TEVIX_DECODE_GRAY) return -1;
-    if ((reinterpret_cast<uintptr_t>(raw_bytes) | reinterpret_cast<uintptr_t>(out_bytes)) & 3) {
+    if ((reinterpret_cast<uintptr_t>(raw_bytes) | reinterpret_cast<uintptr_t>(out_bytes)) & 1) {
         VX_ERR("[%s]unaligned frame buffer\n");
         return -1;
     }

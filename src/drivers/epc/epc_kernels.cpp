@@ -108,7 +108,8 @@ __attribute__((target("avx2"))) void _decode_4dcs_avx2(const uint16_t *raw, uint
     const __m256i one = _mm256_set1_epi32(1), zero = _mm256_setzero_si256();
     const __m256i c4096 = _mm256_set1_epi32(4096), c8192 = _mm256_set1_epi32(8192);
     const __m256i c16384 = _mm256_set1_epi32(16384), m7fff = _mm256_set1_epi32(0x7FFF);
-    const __m256i mffff = _mm256_set1_epi32(0xFFFF), vr = _mm256_set1_epi32(static_cast<int>(range));
+    const __m256i mffff = _mm256_set1_epi32(0xFFFF),
+                  vr = _mm256_set1_epi32(static_cast<int>(range));
     const __m256i voff = _mm256_set1_epi32(offset_mm);
     const __m256i vinv = _mm256_set1_epi32(static_cast<int>(k_dist_invalid));
     uint32_t i = 0;
@@ -117,9 +118,12 @@ __attribute__((target("avx2"))) void _decode_4dcs_avx2(const uint16_t *raw, uint
         const __m256i d0 = EPC_LD(p0), d1 = EPC_LD(p1), d2 = EPC_LD(p2), d3 = EPC_LD(p3);
 #undef EPC_LD
         __m256i bad = _mm256_or_si256(_mm256_cmpgt_epi32(lo, d0), _mm256_cmpgt_epi32(d0, hi));
-        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d1), _mm256_cmpgt_epi32(d1, hi)));
-        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d2), _mm256_cmpgt_epi32(d2, hi)));
-        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d3), _mm256_cmpgt_epi32(d3, hi)));
+        bad = _mm256_or_si256(
+            bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d1), _mm256_cmpgt_epi32(d1, hi)));
+        bad = _mm256_or_si256(
+            bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d2), _mm256_cmpgt_epi32(d2, hi)));
+        bad = _mm256_or_si256(
+            bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d3), _mm256_cmpgt_epi32(d3, hi)));
         // Signed 16-bit differences, widened.
         const __m256i x0 = _mm256_srai_epi32(_mm256_slli_epi32(_mm256_sub_epi32(d2, d0), 16), 16);
         const __m256i y0 = _mm256_srai_epi32(_mm256_slli_epi32(_mm256_sub_epi32(d3, d1), 16), 16);
@@ -139,8 +143,8 @@ __attribute__((target("avx2"))) void _decode_4dcs_avx2(const uint16_t *raw, uint
         off = _mm256_add_epi32(off, _mm256_and_si256(fold, c4096));
         fx = _mm256_max_epi32(fx, one);
         const __m256i num = _mm256_slli_epi32(fy, 12);
-        __m256i q = _mm256_cvttps_epi32(
-            _mm256_div_ps(_mm256_cvtepi32_ps(num), _mm256_cvtepi32_ps(fx)));
+        __m256i q =
+            _mm256_cvttps_epi32(_mm256_div_ps(_mm256_cvtepi32_ps(num), _mm256_cvtepi32_ps(fx)));
         q = _mm256_add_epi32(q, _mm256_cmpgt_epi32(_mm256_mullo_epi32(q, fx), num));
         q = _mm256_and_si256(q, _mm256_set1_epi32(4095));
         const __m256i t = _mm256_and_si256(_mm256_i32gather_epi32(table, q, 2), mffff);
@@ -263,19 +267,18 @@ __attribute__((target("avx2"))) void _grey_4dcs_avx2(const uint16_t *raw, uint32
                   hi = _mm256_set1_epi32(4093);
     uint32_t i = 0;
     for (; i + 8 <= n; i += 8) {
-#define EPC_LD(p)                                                                           \
-    _mm256_and_si256(                                                                       \
-        _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>((p) + i))), \
-        m)
+#define EPC_LD(p)     \
+    _mm256_and_si256( \
+        _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>((p) + i))), m)
         const __m256i d0 = EPC_LD(p0), d1 = EPC_LD(p1), d2 = EPC_LD(p2), d3 = EPC_LD(p3);
 #undef EPC_LD
         __m256i bad = _mm256_or_si256(_mm256_cmpgt_epi32(lo, d0), _mm256_cmpgt_epi32(d0, hi));
-        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d1),
-                                                   _mm256_cmpgt_epi32(d1, hi)));
-        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d2),
-                                                   _mm256_cmpgt_epi32(d2, hi)));
-        bad = _mm256_or_si256(bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d3),
-                                                   _mm256_cmpgt_epi32(d3, hi)));
+        bad = _mm256_or_si256(
+            bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d1), _mm256_cmpgt_epi32(d1, hi)));
+        bad = _mm256_or_si256(
+            bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d2), _mm256_cmpgt_epi32(d2, hi)));
+        bad = _mm256_or_si256(
+            bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d3), _mm256_cmpgt_epi32(d3, hi)));
         const __m256i a = _mm256_sub_epi32(d2, d0), b = _mm256_sub_epi32(d3, d1);
         const __m256i v = _mm256_srli_epi32(
             _mm256_add_epi32(_mm256_mullo_epi32(a, a), _mm256_mullo_epi32(b, b)), 2);
@@ -378,7 +381,63 @@ EPC_CLONES void range_gate(const uint16_t *src, uint16_t *dst, uint32_t n, uint3
     }
 }
 
-EPC_CLONES void minamp(const uint16_t *src, uint16_t *dst, const uint32_t *conf, uint32_t n, uint32_t t,
+namespace {
+
+struct minamp_limits {
+    uint32_t lo, hi, lo_h, hi_h;
+    bool hi_open;  // hi + h^2 beyond 32 bits: no upper clearing
+};
+
+void _minamp_hyst_scalar(const uint16_t *src, uint16_t *dst, const uint32_t *conf, uint32_t n,
+                         const minamp_limits &l, uint8_t *marks) {
+    for (uint32_t i = 0; i < n; ++i) {
+        const uint32_t c = conf[i];
+        const bool set = (c >= l.lo) & (c <= l.hi);
+        const bool clear = (c < l.lo_h) | ((c > l.hi_h) & !l.hi_open);
+        const uint8_t m = set ? 1 : (clear ? 0 : marks[i]);
+        marks[i] = m;
+        dst[i] = m ? src[i] : 0;
+    }
+}
+
+__attribute__((target("avx2"))) void _minamp_hyst_avx2(const uint16_t *src, uint16_t *dst,
+                                                       const uint32_t *conf, uint32_t n,
+                                                       const minamp_limits &l, uint8_t *marks) {
+    const __m256i lo = _mm256_set1_epi32(static_cast<int>(l.lo));
+    const __m256i hi = _mm256_set1_epi32(static_cast<int>(l.hi));
+    const __m256i lo_h = _mm256_set1_epi32(static_cast<int>(l.lo_h));
+    const __m256i hi_h = _mm256_set1_epi32(static_cast<int>(l.hi_open ? UINT32_MAX : l.hi_h));
+    const __m256i one = _mm256_set1_epi32(1), zero = _mm256_setzero_si256();
+    uint32_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(conf + i));
+        const __m256i ge_lo = _mm256_cmpeq_epi32(_mm256_max_epu32(c, lo), c);
+        const __m256i le_hi = _mm256_cmpeq_epi32(_mm256_min_epu32(c, hi), c);
+        const __m256i ge_lo_h = _mm256_cmpeq_epi32(_mm256_max_epu32(c, lo_h), c);
+        const __m256i le_hi_h = _mm256_cmpeq_epi32(_mm256_min_epu32(c, hi_h), c);
+        const __m256i set = _mm256_and_si256(ge_lo, le_hi);
+        const __m256i keep = _mm256_and_si256(ge_lo_h, le_hi_h);
+        int64_t old8;
+        std::memcpy(&old8, marks + i, 8);
+        const __m256i old = _mm256_cvtepu8_epi32(_mm_cvtsi64_si128(old8));
+        const __m256i m = _mm256_or_si256(_mm256_and_si256(set, one), _mm256_and_si256(keep, old));
+        const __m256i s =
+            _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i)));
+        const __m256i d = _mm256_andnot_si256(_mm256_cmpeq_epi32(m, zero), s);
+        const __m256i d16 = _mm256_permute4x64_epi64(_mm256_packus_epi32(d, d), 0x08);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + i), _mm256_castsi256_si128(d16));
+        const __m256i m16 = _mm256_permute4x64_epi64(_mm256_packus_epi32(m, m), 0x08);
+        const __m128i m8 =
+            _mm_packus_epi16(_mm256_castsi256_si128(m16), _mm256_castsi256_si128(m16));
+        const int64_t new8 = _mm_cvtsi128_si64(m8);
+        std::memcpy(marks + i, &new8, 8);
+    }
+    if (i < n) _minamp_hyst_scalar(src + i, dst + i, conf + i, n - i, l, marks + i);
+}
+
+}  // namespace
+
+void minamp(const uint16_t *src, uint16_t *dst, const uint32_t *conf, uint32_t n, uint32_t t,
             uint8_t *marks, uint32_t h) {
     const int64_t lo = static_cast<int64_t>(t) * t;
     const int64_t hi = (2048 - static_cast<int64_t>(t)) * (2048 - static_cast<int64_t>(t));
@@ -387,20 +446,17 @@ EPC_CLONES void minamp(const uint16_t *src, uint16_t *dst, const uint32_t *conf,
         return;
     }
     const int64_t h2 = static_cast<int64_t>(h) * h;
-    // Thresholds as 32-bit values (saturated) so that the loop vectorises.
-    const uint32_t lo32 = static_cast<uint32_t>(std::min<int64_t>(lo, UINT32_MAX));
-    const uint32_t hi32 = static_cast<uint32_t>(std::min<int64_t>(hi, UINT32_MAX));
-    const uint32_t lo_h = static_cast<uint32_t>(std::max<int64_t>(lo - h2, 0));
-    const uint32_t hi_h = static_cast<uint32_t>(std::min<int64_t>(hi + h2, UINT32_MAX));
-    const bool hi_open = hi + h2 >= UINT32_MAX;
-    for (uint32_t i = 0; i < n; ++i) {
-        const uint32_t c = conf[i];
-        const bool set = (c >= lo32) & (c <= hi32);
-        const bool clear = (c < lo_h) | ((c > hi_h) & !hi_open);
-        const uint8_t m = set ? 1 : (clear ? 0 : marks[i]);
-        marks[i] = m;
-        dst[i] = m ? src[i] : 0;
-    }
+    // Thresholds as 32-bit values (saturated) for the vector compares.
+    minamp_limits l;
+    l.lo = static_cast<uint32_t>(std::min<int64_t>(lo, UINT32_MAX));
+    l.hi = static_cast<uint32_t>(std::min<int64_t>(hi, UINT32_MAX));
+    l.lo_h = static_cast<uint32_t>(std::max<int64_t>(lo - h2, 0));
+    l.hi_h = static_cast<uint32_t>(std::min<int64_t>(hi + h2, UINT32_MAX));
+    l.hi_open = hi + h2 >= UINT32_MAX;
+    if (_has_avx2())
+        _minamp_hyst_avx2(src, dst, conf, n, l, marks);
+    else
+        _minamp_hyst_scalar(src, dst, conf, n, l, marks);
 }
 
 sample_stats classify_samples(const uint16_t *raw, uint32_t count) {
