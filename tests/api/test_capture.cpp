@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,6 +30,9 @@ struct fake_cam {
 };
 fake_cam g_cam;
 std::atomic<int> g_starts{0};
+// Like a real transport, stop and close end event delivery before they return.
+std::mutex g_cb_mtx;
+bool g_streaming = false;
 
 tevix_ll_dev_t *_open(tevix_ll_dev_t *dev);
 void _close(tevix_ll_dev_t *) {}
@@ -35,10 +40,16 @@ int _cap_start(tevix_ll_dev_t *dev, uint32_t, tevix_ll_evt_cb cb, void *user) {
     g_cam.cb = cb;
     g_cam.user = user;
     g_cam.ll = dev;
+    {
+        std::lock_guard<std::mutex> lock(g_cb_mtx);
+        g_streaming = true;
+    }
     ++g_starts;
     return 1;
 }
 int _cap_stop(tevix_ll_dev_t *) {
+    std::lock_guard<std::mutex> lock(g_cb_mtx);
+    g_streaming = false;
     ++g_cam.stops;
     return 1;
 }
@@ -480,4 +491,47 @@ TEST_F(api_capture, manual_recording_saves_only_what_the_host_hands_in) {
     ASSERT_EQ(rd->read_frame(node), 1);
     EXPECT_EQ(rd->last().payload[0], 1);
     EXPECT_EQ(rd->read_frame(node), 0);
+}
+
+TEST_F(api_capture, pulls_parameter_sets_and_close_from_three_threads) {
+    ASSERT_EQ(tevix_cap_start(&dev_), 1);
+    std::atomic<bool> stop{false};
+    std::atomic<int> delivered{0};
+    std::thread producer([&] {
+        uint16_t idx = 0;
+        while (!stop) {
+            {
+                std::lock_guard<std::mutex> lock(g_cb_mtx);
+                if (g_streaming) _event(0, _stream_of(idx++, 1));
+            }
+            tevix::plat::sleep_ms(1);
+        }
+    });
+    std::thread puller([&] {
+        std::vector<uint8_t> buf(k_frame);
+        for (;;) {
+            int n = tevix_cap_get_frames(&dev_, 1, buf.data(), k_frame, nullptr);
+            if (n < 0) break;
+            delivered += n;
+        }
+    });
+    std::thread setter([&] {
+        for (int i = 0; i < 200 && !stop; ++i) {
+            tevix_param_item_t it{};
+            it.id = TEVIX_PARAM_INTG1;
+            it.len = 2;
+            it.value.u16[0] = static_cast<uint16_t>(100 + i);
+            if (!tevix_param_batch_set(&dev_, &it, 1)) break;
+        }
+    });
+    while (delivered.load() < 20) tevix::plat::sleep_ms(1);
+    setter.join();
+    auto t0 = std::chrono::steady_clock::now();
+    tevix_dev_close(&dev_);  // stops the capture: the waiting pull returns
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(20));
+    puller.join();
+    stop = true;
+    producer.join();
+    EXPECT_GE(delivered.load(), 20);
+    ASSERT_EQ(tevix_dev_open(&dev_), &dev_);
 }
