@@ -95,6 +95,18 @@ inline void _decode_pair_body(const uint16_t *__restrict pa, const uint16_t *__r
     }
 }
 
+// Lanes where any of the four samples lies outside lo..hi.
+__attribute__((target("avx2"))) inline __m256i _outside4(__m256i d0, __m256i d1, __m256i d2,
+                                                         __m256i d3, __m256i lo, __m256i hi) {
+    const __m256i m01 =
+        _mm256_or_si256(_mm256_or_si256(_mm256_cmpgt_epi32(lo, d0), _mm256_cmpgt_epi32(d0, hi)),
+                        _mm256_or_si256(_mm256_cmpgt_epi32(lo, d1), _mm256_cmpgt_epi32(d1, hi)));
+    const __m256i m23 =
+        _mm256_or_si256(_mm256_or_si256(_mm256_cmpgt_epi32(lo, d2), _mm256_cmpgt_epi32(d2, hi)),
+                        _mm256_or_si256(_mm256_cmpgt_epi32(lo, d3), _mm256_cmpgt_epi32(d3, hi)));
+    return _mm256_or_si256(m01, m23);
+}
+
 // AVX2 form of the 4-plane loop, eight pixels per step. The quotient (y * 4096) / x comes from
 // a correctly rounded float division, which can only overshoot the integer quotient by one
 // (both operands are exact in float); one correction step makes it exact. Requires range below
@@ -117,13 +129,7 @@ __attribute__((target("avx2"))) void _decode_4dcs_avx2(const uint16_t *raw, uint
 #define EPC_LD(p) _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>((p) + i)))
         const __m256i d0 = EPC_LD(p0), d1 = EPC_LD(p1), d2 = EPC_LD(p2), d3 = EPC_LD(p3);
 #undef EPC_LD
-        __m256i bad = _mm256_or_si256(_mm256_cmpgt_epi32(lo, d0), _mm256_cmpgt_epi32(d0, hi));
-        bad = _mm256_or_si256(
-            bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d1), _mm256_cmpgt_epi32(d1, hi)));
-        bad = _mm256_or_si256(
-            bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d2), _mm256_cmpgt_epi32(d2, hi)));
-        bad = _mm256_or_si256(
-            bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d3), _mm256_cmpgt_epi32(d3, hi)));
+        const __m256i bad = _outside4(d0, d1, d2, d3, lo, hi);
         // Signed 16-bit differences, widened.
         const __m256i x0 = _mm256_srai_epi32(_mm256_slli_epi32(_mm256_sub_epi32(d2, d0), 16), 16);
         const __m256i y0 = _mm256_srai_epi32(_mm256_slli_epi32(_mm256_sub_epi32(d3, d1), 16), 16);
@@ -272,13 +278,7 @@ __attribute__((target("avx2"))) void _grey_4dcs_avx2(const uint16_t *raw, uint32
         _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>((p) + i))), m)
         const __m256i d0 = EPC_LD(p0), d1 = EPC_LD(p1), d2 = EPC_LD(p2), d3 = EPC_LD(p3);
 #undef EPC_LD
-        __m256i bad = _mm256_or_si256(_mm256_cmpgt_epi32(lo, d0), _mm256_cmpgt_epi32(d0, hi));
-        bad = _mm256_or_si256(
-            bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d1), _mm256_cmpgt_epi32(d1, hi)));
-        bad = _mm256_or_si256(
-            bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d2), _mm256_cmpgt_epi32(d2, hi)));
-        bad = _mm256_or_si256(
-            bad, _mm256_or_si256(_mm256_cmpgt_epi32(lo, d3), _mm256_cmpgt_epi32(d3, hi)));
+        const __m256i bad = _outside4(d0, d1, d2, d3, lo, hi);
         const __m256i a = _mm256_sub_epi32(d2, d0), b = _mm256_sub_epi32(d3, d1);
         const __m256i v = _mm256_srli_epi32(
             _mm256_add_epi32(_mm256_mullo_epi32(a, a), _mm256_mullo_epi32(b, b)), 2);
