@@ -61,20 +61,21 @@ void _build(vx_calib_len_map_t *m) {
 }
 
 // Bilinear only where all four samples are real values; else the nearest sample.
-float _bilinear(const vx_calib_len_map_t *m, const float *src, size_t i) {
+inline float _bilinear(const vx_calib_len_map_t *m, const float *src, size_t i) {
     const int32_t near = m->nearest[i];
     if (near < 0) return 0.0f;
     const float sx = m->map_x[i], sy = m->map_y[i];
-    const float fx0 = std::floor(sx), fy0 = std::floor(sy);
-    const int x0 = int(fx0), y0 = int(fy0);
     const uint32_t w = m->width, h = m->height;
-    if (x0 < 0 || y0 < 0 || x0 + 1 >= int(w) || y0 + 1 >= int(h)) return src[near];
+    // Truncation is the floor here: negative positions take the nearest sample.
+    if (!(sx >= 0.0f && sy >= 0.0f)) return src[near];
+    const uint32_t x0 = uint32_t(sx), y0 = uint32_t(sy);
+    if (x0 + 1 >= w || y0 + 1 >= h) return src[near];
     const float *p = src + size_t(y0) * w + x0;
     const float a = p[0], b = p[1], c = p[w], d = p[w + 1];
     const bool real = a != 0 && b != 0 && c != 0 && d != 0 && std::isfinite(a) &&
                       std::isfinite(b) && std::isfinite(c) && std::isfinite(d);
     if (!real) return src[near];
-    const float tx = sx - fx0, ty = sy - fy0;
+    const float tx = sx - float(x0), ty = sy - float(y0);
     return (a * (1 - tx) + b * tx) * (1 - ty) + (c * (1 - tx) + d * tx) * ty;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "algo/simd.h"
@@ -291,6 +292,30 @@ TEST(FilterSpatial, GaussKeepsFlatAndInvalid) {
     EXPECT_TRUE(vx_gauss2d_iir_u16(out.data(), w, h, 0.005f));
     EXPECT_EQ(out, before);
     EXPECT_FALSE(vx_gauss2d_iir_u16(nullptr, w, h, 0.1f));
+}
+
+TEST(FilterSpatial, ThreadsKeepTheirOwnScratch) {
+    // Each thread filters its own images of its own size; the results equal a lone run.
+    const std::pair<uint32_t, uint32_t> dims[2] = {{641, 479}, {97, 33}};
+    image want[2];
+    for (int t = 0; t < 2; ++t) {
+        want[t] = random_depth(dims[t].first, dims[t].second, 40 + t);
+        vx_median2d_u16(want[t].data(), dims[t].first, dims[t].second, 5);
+        vx_fhole_u16_k3(want[t].data(), dims[t].first, dims[t].second, 0);
+    }
+    image got[2];
+    std::thread threads[2];
+    for (int t = 0; t < 2; ++t)
+        threads[t] = std::thread([&, t] {
+            for (int round = 0; round < 5; ++round) {
+                got[t] = random_depth(dims[t].first, dims[t].second, 40 + t);
+                vx_median2d_u16(got[t].data(), dims[t].first, dims[t].second, 5);
+                vx_fhole_u16_k3(got[t].data(), dims[t].first, dims[t].second, 0);
+            }
+        });
+    for (auto &th : threads) th.join();
+    EXPECT_EQ(got[0], want[0]);
+    EXPECT_EQ(got[1], want[1]);
 }
 
 }  // namespace
