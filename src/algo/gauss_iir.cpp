@@ -51,6 +51,22 @@ VX_INLINE V _step(const yvv &k, const V &x, const V &w1, const V &w2, const V &w
     return splat<V>(k.B) * x + ((splat<V>(k.b1) * w1 + splat<V>(k.b2) * w2) + splat<V>(k.b3) * w3);
 }
 
+// One sweep in place over interleaved lines of signal and mask; dir +1 runs forward, -1 back.
+template <class V>
+VX_INLINE void _sweep(const yvv &k, double *xs, double *ms, uint32_t w, int dir) {
+    constexpr uint32_t L = sizeof(V) / sizeof(double);
+    V x1{}, x2{}, x3{}, m1{}, m2{}, m3{};
+    for (uint32_t i = 0; i < w; ++i) {
+        const size_t at = size_t(dir > 0 ? i : w - 1 - i) * L;
+        const V xn = _step(k, load<V>(xs + at), x1, x2, x3);
+        const V mn = _step(k, load<V>(ms + at), m1, m2, m3);
+        store(xs + at, xn);
+        store(ms + at, mn);
+        x3 = x2, x2 = x1, x1 = xn;
+        m3 = m2, m2 = m1, m1 = mn;
+    }
+}
+
 // Horizontal sweeps over L rows side by side (lane l is row r0 + l).
 template <class V>
 VX_INLINE void _rows(const yvv &k, const uint16_t *img, uint32_t w, const work &t, uint32_t r0) {
@@ -64,24 +80,8 @@ VX_INLINE void _rows(const yvv &k, const uint16_t *img, uint32_t w, const work &
             ms[x * L + l] = ok ? 1.0 : 0.0;
         }
     }
-    V x1{}, x2{}, x3{}, m1{}, m2{}, m3{};
-    for (uint32_t x = 0; x < w; ++x) {
-        const V xn = _step(k, load<V>(xs + x * L), x1, x2, x3);
-        const V mn = _step(k, load<V>(ms + x * L), m1, m2, m3);
-        store(xs + x * L, xn);
-        store(ms + x * L, mn);
-        x3 = x2, x2 = x1, x1 = xn;
-        m3 = m2, m2 = m1, m1 = mn;
-    }
-    x1 = x2 = x3 = m1 = m2 = m3 = V{};
-    for (uint32_t x = w; x-- > 0;) {
-        const V xn = _step(k, load<V>(xs + x * L), x1, x2, x3);
-        const V mn = _step(k, load<V>(ms + x * L), m1, m2, m3);
-        store(xs + x * L, xn);
-        store(ms + x * L, mn);
-        x3 = x2, x2 = x1, x1 = xn;
-        m3 = m2, m2 = m1, m1 = mn;
-    }
+    _sweep<V>(k, xs, ms, w, +1);
+    _sweep<V>(k, xs, ms, w, -1);
     for (uint32_t l = 0; l < L; ++l) {
         double *num = t.num + size_t(r0 + l) * w, *den = t.den + size_t(r0 + l) * w;
         for (uint32_t x = 0; x < w; ++x) {
