@@ -362,6 +362,12 @@ TEST_F(epc_fixture, DecodeRejectsBadInput) {
         EXPECT_EQ(ops()->frame_decode(drv_, o, k_n * 2, 1, raw.data(), 614400, &other), -1);
     }
     EXPECT_EQ(log.count("Calibration data frame,size:614400"), 1);
+    tevix_frame_info_t huge = info;
+    huge.width = 65535;
+    huge.height = 65535;
+    EXPECT_EQ(ops()->frame_decode(drv_, o, k_n * 2, 1, raw.data(), 614400, &huge), -1);
+    huge.width = 0;
+    EXPECT_EQ(ops()->frame_decode(drv_, o, k_n * 2, 1, raw.data(), 614400, &huge), -1);
     EXPECT_EQ(ops()->frame_decode(drv_, o, k_n * 2, 0, raw.data(), 614400, &info),
               static_cast<int32_t>(2 * k_n));
 }

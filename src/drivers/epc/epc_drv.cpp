@@ -586,8 +586,11 @@ int32_t _epc_frame_decode(tevix_drv_t *drv, uint8_t *out_bytes, uint32_t out_cap
     const uint32_t w = info->width, h = info->height;
     const uint32_t n = w * h;
     const layout lay = _layout_of(p, info->format);
-    const uint32_t stored = n ? std::min(info->size, raw_len) / (n * 2) : 0;
-    if (n == 0 || stored < lay.planes || out_cap < n * 2) {
+    // 64-bit sizes: width and height come from the frame header.
+    const uint64_t n64 = static_cast<uint64_t>(w) * h;
+    const uint32_t stored =
+        n64 ? static_cast<uint32_t>(std::min(info->size, raw_len) / (n64 * 2)) : 0;
+    if (n64 == 0 || stored < lay.planes || out_cap < n64 * 2) {
         VX_ERR("[%s]wrong data len: src=%d, dst=%d\n", raw_len, out_cap);
         return -1;
     }
