@@ -175,6 +175,11 @@ int main(int argc, char **argv) {
     std::string preload = "libumockdev-preload.so.0";
     if (const char *old = std::getenv("LD_PRELOAD"); old && *old) preload += std::string(":") + old;
     setenv("LD_PRELOAD", preload.c_str(), 1);
+    // A command built with AddressSanitizer would refuse to start behind the preload library.
+    std::string asan = "verify_asan_link_order=0";
+    if (const char *old = std::getenv("ASAN_OPTIONS"); old && *old)
+        asan = std::string(old) + ":" + asan;
+    setenv("ASAN_OPTIONS", asan.c_str(), 1);
     pid_t pid = 0;
     const int r = posix_spawnp(&pid, argv[cmd], nullptr, nullptr, argv + cmd, environ);
     unsetenv("LD_PRELOAD");

@@ -24,6 +24,12 @@
 
 namespace {
 
+// A field of a packed record as a value (the macros bind references).
+template <class T>
+T val(T v) {
+    return v;
+}
+
 using tevix::emu::camera;
 using tevix::emu::cmd_record;
 using tevix::emu::firmware;
@@ -133,9 +139,9 @@ TEST_F(usb_ll, list_fills_entries_of_every_camera) {
     EXPECT_EQ(a.info.usb.speed, LIBUSB_SPEED_HIGH);
     EXPECT_STREQ(a.info.usb.product, "VXCAM-E1-R1");
     EXPECT_STREQ(a.info.usb.vendor, "Tevix Virtual");
-    EXPECT_EQ(a.ops, &usb_ll_ops);
+    EXPECT_EQ(val(a.ops), &usb_ll_ops);
     EXPECT_EQ(a.is_listed, 1);
-    EXPECT_EQ(a.priv, nullptr);
+    EXPECT_EQ(val(a.priv), nullptr);
     EXPECT_EQ(a.if_type, 0u);
     const tevix_ll_dev_t &b = *by_port[3];
     EXPECT_EQ(b.info.usb.addr, 5);
@@ -157,14 +163,14 @@ TEST_F(usb_ll, open_listed_record_with_any_address) {
     open();
     EXPECT_EQ(dev_.info.usb.addr, 255);  // only the speed is updated
     EXPECT_EQ(dev_.info.usb.speed, LIBUSB_SPEED_HIGH);
-    EXPECT_EQ(dev_.ops, &usb_ll_ops);
+    EXPECT_EQ(val(dev_.ops), &usb_ll_ops);
     EXPECT_TRUE(wait_for([&] { return tevix::usb::evt_running(&dev_); }));
     tevix_param_wire_t it{};
     it.id = tevix::emu::k_par_product;
     ASSERT_TRUE(usb_ll_ops.param_get(&dev_, &it, 1));
     EXPECT_EQ(std::string(reinterpret_cast<char *>(it.value), it.len), "VXCAM-E1-R1");
     usb_ll_ops.dev_close(&dev_);
-    EXPECT_EQ(dev_.priv, nullptr);
+    EXPECT_EQ(val(dev_.priv), nullptr);
 
     // The other port with address 255 opens the other camera; an exact address too.
     for (uint8_t addr : {uint8_t{255}, uint8_t{5}}) {
@@ -179,7 +185,7 @@ TEST_F(usb_ll, open_listed_record_with_any_address) {
 TEST_F(usb_ll, open_refuses_wrong_address_and_foreign_types) {
     tevix_ll_dev_t wrong = listed(2, 9);
     EXPECT_EQ(usb_ll_ops.dev_open(&wrong), nullptr);
-    EXPECT_EQ(wrong.priv, nullptr);
+    EXPECT_EQ(val(wrong.priv), nullptr);
     tevix_ll_dev_t file = listed(2, 255);
     file.if_type = TEVIX_LL_IF_FILE;
     EXPECT_EQ(usb_ll_ops.dev_open(&file), nullptr);
@@ -203,7 +209,7 @@ TEST_F(usb_ll, unlisted_record_opens_first_camera_and_fills_address) {
     EXPECT_TRUE((any.info.usb.port == 2 && any.info.usb.addr == 2) ||
                 (any.info.usb.port == 3 && any.info.usb.addr == 5));
     usb_ll_ops.dev_close(&any);
-    EXPECT_EQ(any.priv, nullptr);
+    EXPECT_EQ(val(any.priv), nullptr);
 }
 
 TEST_F(usb_ll, register_write_of_40_goes_as_15_15_10) {
@@ -383,7 +389,7 @@ TEST_F(usb_ll, usb_reset_returns_false_even_when_the_camera_reappears) {
     EXPECT_EQ(log_text().find("reopen device failed"), std::string::npos);
     // The camera went away and came back; the record is open again and works.
     EXPECT_TRUE(cam_->plugged());
-    ASSERT_NE(dev_.priv, nullptr);
+    ASSERT_NE(val(dev_.priv), nullptr);
     tevix_param_wire_t it{};
     it.id = 3;
     EXPECT_TRUE(usb_ll_ops.param_get(&dev_, &it, 1));
@@ -395,7 +401,7 @@ TEST_F(usb_ll, usb_reset_gives_up_after_15_tries) {
     EXPECT_FALSE(usb_ll_ops.dev_reset(&dev_, 3));  // the command itself fails: unplugged
     EXPECT_FALSE(usb_ll_ops.dev_reset(&dev_, 3));  // not open any more
     EXPECT_NE(log_text().find("[usb_ll_dev_reset]reopen device failed!"), std::string::npos);
-    EXPECT_EQ(dev_.priv, nullptr);
+    EXPECT_EQ(val(dev_.priv), nullptr);
 }
 
 TEST_F(usb_ll, tx_data_reaches_the_bulk_out_endpoint) {
@@ -523,7 +529,7 @@ TEST_F(usb_ll, unplug_during_capture_ends_with_errors_and_close_returns) {
     EXPECT_TRUE(wait_for([&] { return tevix::usb::in_flight(&dev_) == 0; }));
     EXPECT_FALSE(usb_ll_ops.cap_stop(&dev_));
     usb_ll_ops.dev_close(&dev_);
-    EXPECT_EQ(dev_.priv, nullptr);
+    EXPECT_EQ(val(dev_.priv), nullptr);
     EXPECT_NE(log_text().find("error (5) (last_tx=0)"), std::string::npos);
 }
 
@@ -537,7 +543,7 @@ TEST_F(usb_ll, open_capture_close_100_times) {
         ASSERT_TRUE(wait_for([&] { return s.size() > 0; })) << i;
         EXPECT_TRUE(usb_ll_ops.cap_stop(&d));
         usb_ll_ops.dev_close(&d);  // cancels and collects what is still in flight
-        ASSERT_EQ(d.priv, nullptr);
+        ASSERT_EQ(val(d.priv), nullptr);
     }
     EXPECT_EQ(cam_->stats().pending_in, 0u);
 }
@@ -552,7 +558,7 @@ TEST(usb_ll_ops_table, slots) {
     usb_ll_ops.cap_abort(&d);
     usb_ll_ops.cap_wait(&d);
     usb_ll_ops.dev_close(&d);  // never opened: warning only
-    EXPECT_EQ(d.priv, nullptr);
+    EXPECT_EQ(val(d.priv), nullptr);
 }
 
 }  // namespace
