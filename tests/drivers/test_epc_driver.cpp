@@ -498,6 +498,46 @@ TEST_F(epc_fixture, PostProcessingOrderAndPingPong) {
     EXPECT_EQ(std::count(k1.begin(), k1.end(), 0xEEEE), 0);
 }
 
+// Calibrated decodes plug in through the private record; kind 0 never uses them.
+void _fake_calib(tevix::epc::epc_priv *, const uint16_t *, uint32_t w, uint32_t h, uint32_t layout,
+                 int32_t *dist, uint32_t *conf) {
+    for (uint32_t i = 0; i < w * h; ++i) {
+        dist[i] = static_cast<int32_t>(layout) + 1000;
+        conf[i] = 100000;
+    }
+}
+
+void _fake_drnu(tevix::epc::epc_priv *, const uint16_t *, uint32_t w, uint32_t h, uint32_t,
+                int32_t *dist, uint32_t *conf) {
+    for (uint32_t i = 0; i < w * h; ++i) {
+        dist[i] = 2222;
+        conf[i] = 100000;
+    }
+}
+
+TEST_F(epc_fixture, CalibratedDecodeChoice) {
+    open();
+    ops()->on_update_mod_freq(drv_, 20000000, 0);
+    const uint16_t d[4] = {1948, 2048, 2148, 2048};
+    auto raw = _frame(2, 4, d);
+    tevix_frame_info_t info = info_of(raw);
+    std::vector<uint16_t> out;
+    p()->calib_mounted = 1;
+    p()->calib_decode = _fake_calib;
+    p()->drnu_decode = _fake_drnu;
+    ASSERT_GT(decode(raw, 1, out, info), 0);
+    EXPECT_EQ(out[100 * k_w + 100], 1004);  // layout word 4
+    ASSERT_GT(decode(raw, 0, out, info), 0);
+    EXPECT_EQ(out[100 * k_w + 100], 3747);
+    tevix_filter_arg_t arg{};
+    ASSERT_TRUE(ops()->filter_enable(drv_, 1, &arg));
+    ASSERT_GT(decode(raw, 1, out, info), 0);
+    EXPECT_EQ(out[100 * k_w + 100], 2222);
+    ops()->on_update_mod_freq(drv_, 30000000, 0);  // remount: nothing mounted any more
+    ASSERT_GT(decode(raw, 1, out, info), 0);
+    EXPECT_EQ(out[100 * k_w + 100], (16384u * tevix::epc::range_mm(30000000)) >> 15);
+}
+
 TEST_F(epc_fixture, GreyFrameFromTheDevice) {
     log_capture log;
     open();

@@ -606,7 +606,13 @@ int32_t _epc_frame_decode(tevix_drv_t *drv, uint8_t *out_bytes, uint32_t out_cap
         return -1;
     }
     p->hash = 0xFFFFFFFFu;
-    _decode_planes(p, raw, w, h, lay.planes, stored);
+    const bool sport1 = p->sport && p->sport_level == 1;
+    if (kind == TEVIX_DECODE_DIST && p->calib_mounted && p->pix_calib && !sport1 && p->drnu_decode)
+        p->drnu_decode(p, raw, w, h, lay.word, p->dist32, p->conf_raw);
+    else if (kind == TEVIX_DECODE_DIST && p->calib_mounted && p->calib_decode)
+        p->calib_decode(p, raw, w, h, lay.word, p->dist32, p->conf_raw);
+    else
+        _decode_planes(p, raw, w, h, lay.planes, stored);
     if (kind == TEVIX_DECODE_DIST && p->hdr && p->hdr_setting != k_hdr_no_merge)
         hdr_merge(p->dist32, p->conf_raw, w, h);
     if (p->sensor_mode != 4) {

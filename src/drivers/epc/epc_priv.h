@@ -14,6 +14,13 @@ constexpr uint32_t k_grey_buf_small = 19200;  // 160 x 60 x 2
 constexpr uint32_t k_freq_list_max = 100;
 constexpr uint32_t k_temp_ring = 7;
 
+struct epc_priv;
+
+// A calibrated distance decode of mounted calibration data: the raw planes of a w x h frame with
+// its layout word into distance (mm, 65500 invalid) and confidence, both in sensor row order.
+using calib_decode_fn = void (*)(epc_priv *p, const uint16_t *raw, uint32_t w, uint32_t h,
+                                 uint32_t layout, int32_t *dist, uint32_t *conf);
+
 struct epc_priv {
     void *lens_bin = nullptr;
     uint32_t sensor_mode = 2;  // 2: 320x240 sensor, 4: 160x60 sensor
@@ -66,6 +73,9 @@ struct epc_priv {
     uint32_t c3 = 295;
     float c1_ph = 0.0f, c2_ph = 0.0f;
     uint32_t c3_ph = 0;
+    // Set by the calibration mount together with calib_mounted; empty while nothing is mounted.
+    calib_decode_fn calib_decode = nullptr;
+    calib_decode_fn drnu_decode = nullptr;
     uint32_t freq_list[k_freq_list_max] = {};
     uint32_t freq_list_n = 0;
 
