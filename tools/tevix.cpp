@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "cmd_camera.h"
+#include "cmd_demo.h"
 #include "cmd_oni.h"
 #include "tevix/tevix_ll.h"
 #include "tevix/tevix_version.h"
@@ -91,6 +93,10 @@ int main(int argc, char **argv) {
     auto *version = app.add_subcommand("version", "print the library version and build");
     auto *list = app.add_subcommand("list", "list the cameras attached over USB");
     auto *oni = tool_add_oni(app);
+    camera_cmds camera;
+    tool_add_camera(app, camera);
+    demo_cmd demo;
+    tool_add_demo(app, demo);
 
     try {
         app.parse(argc, argv);
@@ -106,5 +112,8 @@ int main(int argc, char **argv) {
     if (version->parsed()) return _cmd_version();
     if (list->parsed()) return _cmd_list(verbosity);
     if (oni->parsed()) return tool_run_oni(oni, verbosity);
+    camera.verbosity = demo.verbosity = verbosity;
+    if (int r = tool_run_camera(camera); r >= 0) return r;
+    if (int r = tool_run_demo(demo); r >= 0) return r;
     return k_exit_usage;
 }
