@@ -103,6 +103,19 @@ void LIBUSB_CALL _usb_ll_on_cmd_finish(libusb_transfer *t) {
     w->cv.notify_all();
 }
 
+// A transfer with its buffer and waiter, or none of them ("no memory" logged under name).
+bool _alloc_xfer(const char *name, size_t bytes, libusb_transfer **t, uint8_t **buf, cmd_wait **w) {
+    *t = libusb_alloc_transfer(0);
+    *buf = static_cast<uint8_t *>(std::malloc(bytes ? bytes : 1));
+    *w = new (std::nothrow) cmd_wait;
+    if (*t && *buf && *w) return true;
+    VX_LOG_AS(6, name, "[%s]no memory\n");
+    libusb_free_transfer(*t);
+    std::free(*buf);
+    delete *w;
+    return false;
+}
+
 // The result libusb's synchronous calls would give for a finished transfer.
 int _map_status(libusb_transfer *t) {
     switch (t->status) {
@@ -152,16 +165,10 @@ bool usb_ll_exe_cmd(tevix_ll_dev_t *dev, bool out, uint8_t cmd, uint16_t value, 
         VX_ERR("[%s]exe usb cmd failed: %s\n", libusb_error_name(LIBUSB_ERROR_INVALID_PARAM));
         return false;
     }
-    libusb_transfer *t = libusb_alloc_transfer(0);
-    auto *buf = static_cast<uint8_t *>(std::malloc(LIBUSB_CONTROL_SETUP_SIZE + length));
-    auto *w = new (std::nothrow) cmd_wait;
-    if (!t || !buf || !w) {
-        VX_ERR("[%s]no memory\n");
-        libusb_free_transfer(t);
-        std::free(buf);
-        delete w;
-        return false;
-    }
+    libusb_transfer *t;
+    uint8_t *buf;
+    cmd_wait *w;
+    if (!_alloc_xfer(__func__, LIBUSB_CONTROL_SETUP_SIZE + length, &t, &buf, &w)) return false;
     libusb_fill_control_setup(buf, out ? k_req_out : k_req_in, cmd, value, 0,
                               static_cast<uint16_t>(length));
     if (out && length) std::memcpy(buf + LIBUSB_CONTROL_SETUP_SIZE, data, length);
@@ -327,16 +334,10 @@ int32_t usb_ll_tx_data(tevix_ll_dev_t *dev, const uint8_t *data, uint32_t length
     std::lock_guard lk(p->mtx);
     if (!p->handle) return LIBUSB_ERROR_NO_DEVICE;
     if (length > INT32_MAX || (length && !data)) return LIBUSB_ERROR_INVALID_PARAM;
-    libusb_transfer *t = libusb_alloc_transfer(0);
-    auto *buf = static_cast<uint8_t *>(std::malloc(length ? length : 1));
-    auto *w = new (std::nothrow) cmd_wait;
-    if (!t || !buf || !w) {
-        VX_ERR("[%s]no memory\n");
-        libusb_free_transfer(t);
-        std::free(buf);
-        delete w;
-        return 0;
-    }
+    libusb_transfer *t;
+    uint8_t *buf;
+    cmd_wait *w;
+    if (!_alloc_xfer(__func__, length, &t, &buf, &w)) return 0;
     if (length) std::memcpy(buf, data, length);
     libusb_fill_bulk_transfer(t, p->handle, p->ep_dout, buf, static_cast<int>(length),
                               _usb_ll_on_cmd_finish, w, k_xfer_timeout_ms);
