@@ -137,8 +137,9 @@ VX_INLINE void _vpass_strip(const vx_bpf2d_iir_t *c, const range_lut &lut, const
         }
         uint16_t *d = dst + size_t(y) * w + c0;
         for (uint32_t j = 0; j < n; ++j) {
-            const int v = static_cast<int>(res[j]);
-            d[j] = static_cast<uint16_t>(std::clamp(v, 0, 65535));
+            // Truncation, clamped to 0 .. 65535; a NaN from degenerate sigmas gives 0.
+            const float r = res[j];
+            d[j] = r >= 0.0f ? (r < 65535.0f ? static_cast<uint16_t>(r) : uint16_t(65535)) : 0;
         }
     }
 }
