@@ -226,55 +226,42 @@ void plain_pcl(float *out, const float *dist, const float *k) {
         }
 }
 
-void register_pcl() {
-    static const float intr[4] = {320.5f, 240.5f, 520.0f, 520.0f};
-    auto xyz = [](level l) {
-        return [l](benchmark::State &s) {
-            tevix::simd::scoped_limit cap(l);
-            std::vector<float> out(N * 3);
-            for (auto _ : s) {
-                vx_pcl_get_xyzd_f32(out.data(), depth_m().data(), nullptr, W, H, intr, nullptr, 0,
-                                    0);
-                benchmark::DoNotOptimize(out.data());
-            }
-        };
+// One point-cloud layout at a given instruction-set cap: 16-bit or float input, with or without
+// the fourth component, x y z or z only.
+std::function<void(benchmark::State &)> points(level l, bool u16, bool fourth, bool z_only) {
+    return [=](benchmark::State &s) {
+        static const float intr[4] = {320.5f, 240.5f, 520.0f, 520.0f};
+        tevix::simd::scoped_limit cap(l);
+        std::vector<float> out(N * (z_only ? 1 : fourth ? 4 : 3));
+        const void *f4 = fourth ? depth_m().data() : nullptr;
+        for (auto _ : s) {
+            if (u16)
+                vx_pcl_get_xyzd_u16(out.data(), depth_mm().data(), nullptr, W, H, intr, f4, z_only,
+                                    z_only);
+            else
+                vx_pcl_get_xyzd_f32(out.data(), depth_m().data(), nullptr, W, H, intr, f4, z_only,
+                                    z_only);
+            benchmark::DoNotOptimize(out.data());
+        }
     };
-    reg("pcl/xyz_f32", "pcl/xyz_f32_plain", xyz(level::avx2));
-    reg("pcl/xyz_f32_vs_scalar", "pcl/xyz_f32_scalar", xyz(level::avx2));
-    reg("pcl/xyz_f32_scalar", "", xyz(level::scalar));
+}
+
+void register_pcl() {
+    reg("pcl/xyz_f32", "pcl/xyz_f32_plain", points(level::avx2, false, false, false));
+    reg("pcl/xyz_f32_vs_scalar", "pcl/xyz_f32_scalar", points(level::avx2, false, false, false));
+    reg("pcl/xyz_f32_scalar", "", points(level::scalar, false, false, false));
     reg("pcl/xyz_f32_plain", "", [](benchmark::State &s) {
+        const float intr[4] = {320.5f, 240.5f, 520.0f, 520.0f};
         std::vector<float> out(N * 3);
         for (auto _ : s) {
             plain_pcl(out.data(), depth_m().data(), intr);
             benchmark::DoNotOptimize(out.data());
         }
     });
-    auto xyzd = [](level l) {
-        return [l](benchmark::State &s) {
-            tevix::simd::scoped_limit cap(l);
-            std::vector<float> out(N * 4);
-            for (auto _ : s) {
-                vx_pcl_get_xyzd_u16(out.data(), depth_mm().data(), nullptr, W, H, intr,
-                                    depth_m().data(), 0, 0);
-                benchmark::DoNotOptimize(out.data());
-            }
-        };
-    };
-    reg("pcl/xyzd_u16", "pcl/xyzd_u16_scalar", xyzd(level::avx2));
-    reg("pcl/xyzd_u16_scalar", "", xyzd(level::scalar));
-    auto zonly = [](level l) {
-        return [l](benchmark::State &s) {
-            tevix::simd::scoped_limit cap(l);
-            std::vector<float> out(N);
-            for (auto _ : s) {
-                vx_pcl_get_xyzd_u16(out.data(), depth_mm().data(), nullptr, W, H, intr, nullptr, 1,
-                                    1);
-                benchmark::DoNotOptimize(out.data());
-            }
-        };
-    };
-    reg("pcl/z_u16", "pcl/z_u16_scalar", zonly(level::avx2));
-    reg("pcl/z_u16_scalar", "", zonly(level::scalar));
+    reg("pcl/xyzd_u16", "pcl/xyzd_u16_scalar", points(level::avx2, true, true, false));
+    reg("pcl/xyzd_u16_scalar", "", points(level::scalar, true, true, false));
+    reg("pcl/z_u16", "pcl/z_u16_scalar", points(level::avx2, true, false, true));
+    reg("pcl/z_u16_scalar", "", points(level::scalar, true, false, true));
 }
 
 }  // namespace

@@ -180,6 +180,52 @@ VX_TARGET_SSE41 void colours_f32_sse41(const float *pal4, const float *src, size
         }
     }
 }
+
+// The same with eight pixels a step: the index arithmetic eight wide, the blend two pixels a
+// register (one per 128-bit lane), and the packing of eight colours at once.
+VX_TARGET_AVX2 void colours_f32_avx2(const float *pal4, const float *src, size_t n, float min,
+                                     float max, float scale, uint32_t *out) noexcept {
+    const __m256 vmin = _mm256_set1_ps(min), vmax = _mm256_set1_ps(max);
+    const __m256 vscale = _mm256_set1_ps(scale), zero = _mm256_setzero_ps();
+    const __m256 one = _mm256_set1_ps(1.0f), c255 = _mm256_set1_ps(255.0f);
+    const __m256 half = _mm256_set1_ps(0.5f), top = _mm256_set1_ps(256.0f);
+    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    for (size_t i = 0; i < n; i += 8) {
+        const __m256 p = _mm256_loadu_ps(src + i);
+        const __m256 lit = _mm256_cmp_ps(p, vmin, _CMP_GT_OQ);
+        const __m256 pc = _mm256_blendv_ps(p, vmax, _mm256_cmp_ps(vmax, p, _CMP_LT_OQ));
+        const __m256 v = _mm256_mul_ps(_mm256_sub_ps(pc, vmin), vscale);
+        const __m256 big = _mm256_cmp_ps(v, top, _CMP_GE_OQ);
+        const __m256 mid = _mm256_andnot_ps(big, _mm256_cmp_ps(v, zero, _CMP_GE_OQ));
+        __m256i k = _mm256_cvttps_epi32(_mm256_and_ps(v, mid));
+        k = _mm256_blendv_epi8(k, _mm256_set1_epi32(255), _mm256_castps_si256(big));
+        const __m256 f = _mm256_and_ps(_mm256_sub_ps(v, _mm256_cvtepi32_ps(k)), mid);
+        const __m256i next =
+            _mm256_add_epi32(_mm256_min_epi32(k, _mm256_set1_epi32(253)), _mm256_set1_epi32(1));
+        alignas(32) int32_t ks[8], ns[8];
+        alignas(32) float fs[8];
+        _mm256_store_si256(reinterpret_cast<__m256i *>(ks), k);
+        _mm256_store_si256(reinterpret_cast<__m256i *>(ns), next);
+        _mm256_store_ps(fs, f);
+        __m256i c[4];
+        for (int j = 0; j < 4; ++j) {
+            const int lo = 2 * j, hi = 2 * j + 1;
+            const __m256 a = _mm256_loadu2_m128(pal4 + ks[hi] * 4, pal4 + ks[lo] * 4);
+            const __m256 b = _mm256_loadu2_m128(pal4 + ns[hi] * 4, pal4 + ns[lo] * 4);
+            const __m256 fj = _mm256_set_m128(_mm_set1_ps(fs[hi]), _mm_set1_ps(fs[lo]));
+            const __m256 mix =
+                _mm256_add_ps(_mm256_mul_ps(b, fj), _mm256_mul_ps(a, _mm256_sub_ps(one, fj)));
+            c[j] = _mm256_cvttps_epi32(_mm256_add_ps(_mm256_mul_ps(mix, c255), half));
+        }
+        // Lanes hold pixels (0, 2, 4, 6) and (1, 3, 5, 7) after packing; the permute restores
+        // their order.
+        const __m256i bytes =
+            _mm256_packus_epi16(_mm256_packus_epi32(c[0], c[1]), _mm256_packus_epi32(c[2], c[3]));
+        const __m256i packed =
+            _mm256_and_si256(_mm256_permutevar8x32_epi32(bytes, order), _mm256_castps_si256(lit));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(out + i), packed);
+    }
+}
 #endif
 
 void render_f32(const float *pal, const float *src, size_t n, uint8_t *r, uint8_t *g, uint8_t *b,
@@ -197,7 +243,10 @@ void render_f32(const float *pal, const float *src, size_t n, uint8_t *r, uint8_
         }
         uint32_t colours[block];
         for (; i + block <= n; i += block) {
-            colours_f32_sse41(pal4, src + i, block, min, max, scale, colours);
+            if (simd::active() == simd::level::avx2)
+                colours_f32_avx2(pal4, src + i, block, min, max, scale, colours);
+            else
+                colours_f32_sse41(pal4, src + i, block, min, max, scale, colours);
             for (size_t j = 0; j < block; ++j) put(r, g, b, (i + j) * stride, colours[j]);
         }
     }

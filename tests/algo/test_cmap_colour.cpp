@@ -328,8 +328,12 @@ TEST_F(CmapCtx, F32VectorRenderMatchesScalar) {
                     tevix::simd::scoped_limit cap(tevix::simd::level::scalar);
                     want = render<float>(&ctx, px, lo, hi);
                 }
-                ASSERT_EQ(render<float>(&ctx, px, lo, hi), want)
-                    << "n " << n << " palette " << id << " range " << lo << ".." << hi;
+                for (auto l : {tevix::simd::level::sse41, tevix::simd::level::avx2}) {
+                    tevix::simd::scoped_limit cap(l);
+                    ASSERT_EQ(render<float>(&ctx, px, lo, hi), want)
+                        << "n " << n << " palette " << id << " range " << lo << ".." << hi
+                        << " level " << static_cast<int>(l);
+                }
             }
         }
     }
