@@ -67,8 +67,9 @@ TEVIX_API void vx_bpf2d_iir_uninit(vx_bpf2d_iir_t *ctx) TEVIX_NOEXCEPT;
 /*
  * The spatial filters below work in place on a width x height u16 image (width and height at
  * least 1). Pixels outside the image count as invalid. Every decision is taken on the input
- * image, so the result does not depend on the order of the pixels. Each takes a scratch copy of
- * the image, kept per thread and reused between calls (it grows to the largest image seen).
+ * image, so the result does not depend on the order of the pixels. Scratch memory (a padded copy
+ * of the image; two double planes for the Gaussian) is kept per thread and reused between calls,
+ * growing to the largest image seen, so steady use allocates nothing.
  * They return true, or false (image untouched) for a null image, a zero size, an unsupported
  * kernel or when the scratch copy cannot be allocated.
  */
@@ -114,7 +115,8 @@ TEVIX_API bool vx_fhole_u16_k3(uint16_t *img, uint32_t width, uint32_t height,
  * default 0.1 is 64 x 48 pixels at 640x480). An axis whose deviation is below 0.5 pixels is left
  * unfiltered. Invalid pixels are excluded by normalised weights: the filter runs on the image
  * with invalid pixels as 0 and on the validity mask, and each valid pixel becomes the ratio,
- * rounded to the nearest integer. Invalid pixels stay as they are.
+ * rounded to the nearest integer and kept off the markers (0 becomes 1, 65500 becomes 65499).
+ * Invalid pixels stay as they are.
  */
 TEVIX_API bool vx_gauss2d_iir_u16(uint16_t *img, uint32_t width, uint32_t height,
                                   float sigma) TEVIX_NOEXCEPT;
@@ -122,8 +124,8 @@ TEVIX_API bool vx_gauss2d_iir_u16(uint16_t *img, uint32_t width, uint32_t height
 /*
  * Lens intrinsics for undistortion: principal point and focal lengths in pixels of a
  * width x height image, and the distortion coefficients in the order k1, k2, p1, p2, k3, k4, k5,
- * k6, s1, s2, s3, s4 (Brown-Conrady radial and tangential terms, rational and thin-prism terms;
- * coefficients beyond n_dcoef count as 0, further ones are ignored).
+ * k6, s1, s2, s3, s4 (Brown-Conrady radial and tangential terms, rational and thin-prism terms).
+ * Coefficients beyond n_dcoef count as 0; the 13th and later (sensor tilt) are not modelled.
  */
 typedef struct vx_lens {
     double cx, cy, fx, fy;
