@@ -57,8 +57,10 @@ bool from_some_header(const vx_frame_desc_t &d, const std::vector<vx_stream_hdr_
         vx_frame_desc_t a = d, b = h.desc;
         a.fridx = b.fridx = 0;
         if (std::memcmp(&a, &b, sizeof a) != 0) continue;
+        // Frames of a payload count up from the header's index; when the payload first completes
+        // a frame begun by an earlier packet, the frames after it count from one more.
         const uint32_t per_packet = h.len > h.desc.frlen ? h.len / h.desc.frlen : 1;
-        if (static_cast<uint16_t>(d.fridx - h.desc.fridx) < per_packet) return true;
+        if (static_cast<uint16_t>(d.fridx - h.desc.fridx) <= per_packet) return true;
     }
     return false;
 }
