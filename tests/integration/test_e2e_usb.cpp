@@ -1,0 +1,227 @@
+// End to end over the real libusb: a virtual camera streaming the scene renderer's EPC frames,
+// the USB backend, the capture engine, the EPC driver and the frame data calls, checked against
+// the scene's truth.
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "api/session.h"
+#include "platform/platform.h"
+#include "scene/scene.h"
+#include "test_util.h"
+#include "tevix/tevix.h"
+#include "tevix/vx_log.h"
+#include "vcam.h"
+
+namespace {
+
+constexpr uint32_t k_freq = 20000000;
+constexpr uint32_t k_w = 320, k_h = 240, k_n = k_w * k_h;
+
+// The testbed must exist before the library starts libusb, and go after the last close.
+class e2e_env : public ::testing::Environment {
+  public:
+    void SetUp() override {
+        tb_ = std::make_unique<tevix::emu::testbed>();
+        tevix::emu::scene_config sc;
+        sc.freq_hz = k_freq;
+        auto src = std::make_unique<tevix::emu::scene_renderer>(sc, 2);
+        scene_ = src.get();
+        tevix::emu::camera_config cfg;
+        cfg.fps = 60;
+        cam_ = tb_->add(cfg, std::move(src));
+        tevix_init(std::getenv("E2E_LOG") ? std::getenv("E2E_LOG") : "");
+        tevix_log_cfg(7, std::getenv("E2E_LOG") ? 0 : 7, 7);
+    }
+    void TearDown() override {
+        tevix_uninit();
+        tb_.reset();
+    }
+    static tevix::emu::camera *cam() { return cam_; }
+    static tevix::emu::scene_renderer *scene() { return scene_; }
+
+  private:
+    std::unique_ptr<tevix::emu::testbed> tb_;
+    static inline tevix::emu::camera *cam_ = nullptr;
+    static inline tevix::emu::scene_renderer *scene_ = nullptr;
+};
+::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new e2e_env);
+
+tevix_param_item_t _u32_item(uint32_t id, uint32_t a, uint32_t b = 0, uint8_t len = 4) {
+    tevix_param_item_t it{};
+    it.id = id;
+    it.len = len;
+    it.value.u32[0] = a;
+    it.value.u32[1] = b;
+    return it;
+}
+
+class e2e : public ::testing::Test {
+  protected:
+    void SetUp() override { e2e_env::cam()->reset(); }
+    // Opens the virtual camera through the device list and sets its modulation frequency.
+    tevix_dev_t *open_listed() {
+        int n = tevix_dev_list(list_, 4);
+        EXPECT_EQ(n, 1);
+        if (n < 1) return nullptr;
+        tevix_dev_t *dev = tevix_dev_open(&list_[0]);
+        if (!dev) return nullptr;
+        tevix_param_item_t f = _u32_item(TEVIX_PARAM_MOD_FREQ, k_freq);
+        EXPECT_EQ(tevix_param_batch_set(dev, &f, 1), 1);
+        return dev;
+    }
+    tevix_dev_t list_[4] = {};
+};
+
+}  // namespace
+
+TEST_F(e2e, list_open_identity_and_parameters) {
+    tevix_dev_t *dev = open_listed();
+    ASSERT_NE(dev, nullptr);
+    EXPECT_EQ(list_[0].addr.usb.bus, 1);
+    EXPECT_EQ(list_[0].addr.usb.port, 2);
+    EXPECT_STREQ(dev->product, "VXCAM-E1-R1");
+    EXPECT_STREQ(dev->vendor, "Tevix Virtual");
+    const auto &cfg = e2e_env::cam()->config();
+    uint64_t high = cfg.uid[0] ^ cfg.uid[1] ^ cfg.uid[2];
+    uint64_t low = (uint64_t{cfg.sensor[0]} & 0xFF) << 24 | (uint64_t{cfg.sensor[1]} & 0xFF) << 16 |
+                   cfg.sensor[2];
+    EXPECT_EQ(dev->hw_id, high << 32 | low);
+    char uri[64];
+    EXPECT_STREQ(tevix_dev_get_uri(dev, uri, sizeof uri), "usb://001:002:002");
+
+    // Accepted sets are mirrored: id 1 sets both frequencies, id 21 stores both.
+    tevix_session *s = dev->session;
+    EXPECT_EQ(s->mod_freq[0], k_freq);
+    EXPECT_EQ(s->mod_freq[1], k_freq);
+    tevix_param_item_t dual = _u32_item(TEVIX_PARAM_DUAL_FREQ, 20000000, 40000000, 8);
+    ASSERT_EQ(tevix_param_batch_set(dev, &dual, 1), 1);
+    EXPECT_EQ(s->mod_freq[1], 40000000u);
+    tevix_param_item_t get = _u32_item(TEVIX_PARAM_DUAL_FREQ, 0, 0, 0);
+    ASSERT_NE(tevix_param_batch_get(dev, &get, 1), 0);
+    EXPECT_EQ(get.value.u32[1], 40000000u);  // the camera kept it too
+
+    // A set the camera refuses changes nothing.
+    e2e_env::cam()->with_firmware([](tevix::emu::firmware &fw) {
+        fw.fail_next("refused by test");
+        return 0;
+    });
+    tevix_param_item_t intg = _u32_item(TEVIX_PARAM_INTG1, 777, 0, 2);
+    uint32_t before = s->intg[0];
+    EXPECT_EQ(tevix_param_batch_set(dev, &intg, 1), 0);
+    EXPECT_EQ(s->intg[0], before);
+    tevix_dev_close(dev);
+
+    // By URI with bus and port only: any address on that port.
+    dev = tevix_dev_open_by_uri("usb://1:2");
+    ASSERT_NE(dev, nullptr);
+    EXPECT_STREQ(dev->product, "VXCAM-E1-R1");
+    tevix_dev_close(dev);
+}
+
+TEST_F(e2e, capture_decodes_the_scene) {
+    tevix_dev_t *dev = open_listed();
+    ASSERT_NE(dev, nullptr);
+    ASSERT_EQ(tevix_cap_start(dev), 1);
+    std::vector<uint8_t> raw(8u << 20);
+    tevix_frame_info_t info{};
+    int frames = 0;
+    for (int i = 0; i < 100; ++i) {
+        int n = tevix_cap_get_frames(dev, 1, raw.data(), static_cast<uint32_t>(raw.size()), &info);
+        ASSERT_EQ(n, 1) << "frame " << i << ": " << tevix_error_name(n);
+        frames += n;
+    }
+    EXPECT_EQ(frames, 100);
+    EXPECT_EQ(info.width, k_w);
+    EXPECT_EQ(info.height, k_h);
+    EXPECT_EQ(info.format, 2);
+
+    std::vector<uint16_t> mm(k_n), gray(k_n);
+    ASSERT_EQ(tevix_frame_get_dist_u16(dev, mm.data(), k_n, raw.data(), info.size, &info),
+              static_cast<int>(k_n));
+    std::vector<float> m(k_n);
+    ASSERT_EQ(tevix_frame_get_dist_f32(dev, m.data(), k_n, raw.data(), info.size, &info),
+              static_cast<int>(k_n));
+    ASSERT_EQ(tevix_frame_get_gray_u16(dev, gray.data(), k_n, raw.data(), info.size, &info),
+              static_cast<int>(k_n));
+
+    const std::vector<float> &truth = e2e_env::scene()->truth_mm();
+    std::vector<float> err;
+    for (uint32_t i = 0; i < k_n; ++i) {
+        if (mm[i] == 0 || mm[i] >= 60000 || truth[i] <= 0) continue;
+        if (e2e_env::scene()->under_header(i % k_w, i / k_w)) continue;
+        err.push_back(std::fabs(mm[i] - truth[i]));
+        EXPECT_FLOAT_EQ(m[i], mm[i] * 0.001f);
+    }
+    ASSERT_GT(err.size(), k_n / 2);
+    std::sort(err.begin(), err.end());
+    EXPECT_LE(err[err.size() / 2], 2.0f);
+    EXPECT_LE(err[err.size() * 95 / 100], 5.0f);
+    EXPECT_GT(*std::max_element(gray.begin(), gray.end()), 0);
+
+    std::vector<float> pcl(3 * k_n);
+    ASSERT_EQ(tevix_frame_get_pcl(dev, pcl.data(), 3 * k_n, m.data(), k_n, k_w, k_h, nullptr),
+              static_cast<int>(k_n));
+    // A point's distance from the camera is the measured distance.
+    uint32_t c = (k_h / 2) * k_w + k_w / 2;
+    float r = std::sqrt(pcl[3 * c] * pcl[3 * c] + pcl[3 * c + 1] * pcl[3 * c + 1] +
+                        pcl[3 * c + 2] * pcl[3 * c + 2]);
+    if (m[c] > 0 && m[c] < 60) {
+        EXPECT_NEAR(r, m[c], 0.01f);
+    }
+
+    ASSERT_EQ(tevix_cap_stop(dev), 1);
+    tevix_dev_close(dev);
+}
+
+namespace {
+std::atomic<int> g_frdy{0};
+void _count_frame(tevix_dev_t *, const tevix_frame_t *f) {
+    if (f->info.size > 0) ++g_frdy;
+}
+std::atomic<int> g_last_error{0};
+int _stop_on_error(tevix_dev_t *, int code, uint32_t) {
+    g_last_error = code;
+    return 0;
+}
+}  // namespace
+
+TEST_F(e2e, callback_delivery_and_unplug) {
+    tevix_dev_t *dev = open_listed();
+    ASSERT_NE(dev, nullptr);
+    tevix_cap_cfg_t cfg{};
+    tevix_cap_config_get(dev, &cfg);
+    cfg.on_cap_frdy = _count_frame;
+    ASSERT_EQ(tevix_cap_config_set(dev, &cfg), 1);
+    ASSERT_EQ(tevix_cap_start(dev), 1);
+    g_frdy = 0;
+    int got = 0;
+    while (got < 20) {
+        int n = tevix_cap_get_frames(dev, 20 - got, nullptr, 0, nullptr);
+        ASSERT_GE(n, 0);
+        got += n;
+    }
+    EXPECT_GE(g_frdy.load(), 20);
+
+    // Unplugged while capturing: pulls end with an error, and close still returns.
+    cfg.on_cap_frdy = nullptr;
+    cfg.on_cap_err = _stop_on_error;
+    tevix_cap_config_set(dev, &cfg);
+    e2e_env::cam()->unplug();
+    std::vector<uint8_t> raw(8u << 20);
+    int n = 1;
+    for (int i = 0; i < 50 && n > 0; ++i)
+        n = tevix_cap_get_frames(dev, 1, raw.data(), static_cast<uint32_t>(raw.size()), nullptr);
+    EXPECT_LE(n, 0);
+    EXPECT_LT(g_last_error.load(), 0) << "last pull " << n;
+    tevix_dev_close(dev);
+    e2e_env::cam()->replug();
+    tevix::plat::sleep_ms(500);
+}
