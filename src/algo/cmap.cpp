@@ -99,38 +99,85 @@ inline void put(uint8_t *r, uint8_t *g, uint8_t *b, size_t at, uint32_t c) noexc
     b[at] = static_cast<uint8_t>(c >> 16);
 }
 
+constexpr size_t block = 256;
+
+// Destination planes: pixel i's channels go to r[i * stride], g[i * stride] and b[i * stride].
+// When the three planes interleave in one buffer (stride 3 or 4, the channels on three
+// neighbouring bytes in any order) four pixels are written with one byte shuffle and one store;
+// with stride 4 the fourth byte of each pixel is read and written back unchanged.
+struct planes {
+    uint8_t *r, *g, *b;
+    size_t stride;
+    size_t total;
+    uint8_t *base = nullptr;
+    alignas(16) uint8_t shuffle[16];
+    alignas(16) uint8_t keep[16];
+
+    planes(uint8_t *r_, uint8_t *g_, uint8_t *b_, size_t stride_, size_t total_) noexcept
+        : r(r_), g(g_), b(b_), stride(stride_), total(total_) {
+        if ((stride != 3 && stride != 4) || simd::active() == simd::level::scalar) return;
+        uint8_t *lo = std::min({r, g, b});
+        const size_t off[3] = {static_cast<size_t>(r - lo), static_cast<size_t>(g - lo),
+                               static_cast<size_t>(b - lo)};
+        if (std::max({off[0], off[1], off[2]}) != 2 || off[0] == off[1] || off[1] == off[2] ||
+            off[0] == off[2])
+            return;
+        std::fill(shuffle, shuffle + 16, 0x80);  // a zero byte
+        std::fill(keep, keep + 16, stride == 4 ? 0xFF : 0x00);
+        for (size_t j = 0; j < 4; ++j)
+            for (size_t ch = 0; ch < 3; ++ch) {
+                shuffle[stride * j + off[ch]] = static_cast<uint8_t>(4 * j + ch);
+                keep[stride * j + off[ch]] = 0;
+            }
+        base = lo;
+    }
+};
+
+#if defined(__x86_64__) || defined(__i386__)
+// Writes whole groups of four colours starting at pixel `first`; a group's 16-byte store may
+// reach into the next pixels (rewritten later in order) but never past the last pixel's bytes.
+VX_TARGET_SSE41 size_t put_interleaved(const planes &pl, size_t first, const uint32_t *c,
+                                       size_t len) noexcept {
+    const __m128i shuffle = _mm_load_si128(reinterpret_cast<const __m128i *>(pl.shuffle));
+    const __m128i keep = _mm_load_si128(reinterpret_cast<const __m128i *>(pl.keep));
+    const size_t need = pl.stride == 4 ? 5 : 6;
+    size_t j = 0;
+    for (; j + 4 <= len && first + j + need <= pl.total; j += 4) {
+        auto *o = reinterpret_cast<__m128i *>(pl.base + (first + j) * pl.stride);
+        __m128i x =
+            _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(c + j)), shuffle);
+        if (pl.stride == 4) x = _mm_or_si128(x, _mm_and_si128(_mm_loadu_si128(o), keep));
+        _mm_storeu_si128(o, x);
+    }
+    return j;
+}
+#endif
+
+void write(const planes &pl, size_t first, const uint32_t *c, size_t len) noexcept {
+    size_t j = 0;
+#if defined(__x86_64__) || defined(__i386__)
+    if (pl.base) j = put_interleaved(pl, first, c, len);
+#endif
+    for (; j < len; ++j) put(pl.r, pl.g, pl.b, (first + j) * pl.stride, c[j]);
+}
+
+// Colours pixels first..n-1 through colour_of(i), a block at a time.
+template <class F>
+void emit(const planes &pl, size_t first, size_t n, F &&colour_of) noexcept {
+    uint32_t colours[block];
+    for (size_t i = first; i < n; i += block) {
+        const size_t len = std::min(block, n - i);
+        for (size_t j = 0; j < len; ++j) colours[j] = colour_of(i + j);
+        write(pl, i, colours, len);
+    }
+}
+
 // Per-thread table of the colours of every u16 value of a range, so that large images compute
 // each colour once. Null when it cannot be allocated; the caller then colours pixel by pixel.
 uint32_t *u16_lut() noexcept {
     thread_local std::unique_ptr<uint32_t[]> lut;
     if (!lut) lut.reset(new (std::nothrow) uint32_t[65536]);
     return lut.get();
-}
-
-void render_u16(const float *pal, const uint16_t *src, size_t n, uint8_t *r, uint8_t *g, uint8_t *b,
-                size_t stride, uint16_t min, uint16_t max) noexcept {
-    if (max <= min) {
-        const uint32_t top = blend(pal, 255.0f);
-        for (size_t i = 0; i < n; ++i) put(r, g, b, i * stride, src[i] <= min ? 0u : top);
-        return;
-    }
-    const uint32_t span = static_cast<uint32_t>(max - min);
-    const float scale = 255.0f / static_cast<float>(span);
-    auto colour = [&](uint32_t q) { return blend(pal, static_cast<float>(q) * scale); };
-    uint32_t *lut = span < n ? u16_lut() : nullptr;
-    if (!lut) {
-        for (size_t i = 0; i < n; ++i) {
-            const uint16_t p = src[i];
-            put(r, g, b, i * stride, p <= min ? 0u : colour(std::min(p, max) - min));
-        }
-        return;
-    }
-    lut[0] = 0;
-    for (uint32_t q = 1; q <= span; ++q) lut[q] = colour(q);
-    for (size_t i = 0; i < n; ++i) {
-        const uint16_t p = src[i];
-        put(r, g, b, i * stride, lut[p <= min ? 0 : std::min(p, max) - min]);
-    }
 }
 
 uint32_t colour_f32(const float *pal, float p, bool flat, float min, float max,
@@ -228,30 +275,92 @@ VX_TARGET_AVX2 void colours_f32_avx2(const float *pal4, const float *src, size_t
 }
 #endif
 
-void render_f32(const float *pal, const float *src, size_t n, uint8_t *r, uint8_t *g, uint8_t *b,
-                size_t stride, float min, float max) noexcept {
+// A palette padded to four floats a row for the vector kernels, made once per call.
+class vector_palette {
+  public:
+    explicit vector_palette(const float *pal) noexcept {
+        for (int k = 0; k < palette_rows; ++k) {
+            for (int ch = 0; ch < 3; ++ch) pal4_[k * 4 + ch] = pal[k * 3 + ch];
+            pal4_[k * 4 + 3] = 0.0f;
+        }
+    }
+
+    // Colours of the whole steps of eight float pixels (none without SSE4.1); answers how many
+    // pixels it did.
+    size_t colours(const float *src, size_t n, float min, float max, float scale,
+                   uint32_t *out) const noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+        if (level_ == simd::level::scalar) return 0;
+        const size_t done = n / 8 * 8;
+        if (level_ == simd::level::avx2)
+            colours_f32_avx2(pal4_, src, done, min, max, scale, out);
+        else
+            colours_f32_sse41(pal4_, src, done, min, max, scale, out);
+        return done;
+#else
+        (void)src, (void)n, (void)min, (void)max, (void)scale, (void)out;
+        return 0;
+#endif
+    }
+
+  private:
+    simd::level level_ = simd::active();
+    alignas(16) float pal4_[palette_rows * 4];
+};
+
+void render_f32(const float *pal, const float *src, const planes &pl, float min,
+                float max) noexcept {
+    const size_t n = pl.total;
     const bool flat = !(max > min);
     const float scale = 255.0f / (max - min);
     size_t i = 0;
-#if defined(__x86_64__) || defined(__i386__)
-    constexpr size_t block = 256;
     if (!flat && n >= block && simd::active() != simd::level::scalar) {
-        alignas(16) float pal4[palette_rows * 4];
-        for (int k = 0; k < palette_rows; ++k) {
-            for (int ch = 0; ch < 3; ++ch) pal4[k * 4 + ch] = pal[k * 3 + ch];
-            pal4[k * 4 + 3] = 0.0f;
-        }
+        const vector_palette vp(pal);
         uint32_t colours[block];
         for (; i + block <= n; i += block) {
-            if (simd::active() == simd::level::avx2)
-                colours_f32_avx2(pal4, src + i, block, min, max, scale, colours);
-            else
-                colours_f32_sse41(pal4, src + i, block, min, max, scale, colours);
-            for (size_t j = 0; j < block; ++j) put(r, g, b, (i + j) * stride, colours[j]);
+            vp.colours(src + i, block, min, max, scale, colours);
+            write(pl, i, colours, block);
         }
     }
-#endif
-    for (; i < n; ++i) put(r, g, b, i * stride, colour_f32(pal, src[i], flat, min, max, scale));
+    emit(pl, i, n, [&](size_t k) { return colour_f32(pal, src[k], flat, min, max, scale); });
+}
+
+void render_u16(const float *pal, const uint16_t *src, const planes &pl, uint16_t min,
+                uint16_t max) noexcept {
+    const size_t n = pl.total;
+    if (max <= min) {
+        const uint32_t top = blend(pal, 255.0f);
+        emit(pl, 0, n, [&](size_t i) { return src[i] <= min ? 0u : top; });
+        return;
+    }
+    const uint32_t span = static_cast<uint32_t>(max - min);
+    const float scale = 255.0f / static_cast<float>(span);
+    auto colour = [&](uint32_t q) { return blend(pal, static_cast<float>(q) * scale); };
+    uint32_t *lut = span < n ? u16_lut() : nullptr;
+    if (!lut) {
+        emit(pl, 0, n, [&](size_t i) {
+            const uint16_t p = src[i];
+            return p <= min ? 0u : colour(static_cast<uint32_t>(std::min(p, max) - min));
+        });
+        return;
+    }
+    // Entry q is the colour of min + q: the float kernels give the same bits for the value q
+    // over the range 0..span.
+    lut[0] = 0;
+    const vector_palette vp(pal);
+    uint32_t q = 1;
+    float values[block];
+    while (q <= span) {
+        const uint32_t len = std::min<uint32_t>(static_cast<uint32_t>(block), span + 1 - q);
+        for (uint32_t j = 0; j < len; ++j) values[j] = static_cast<float>(q + j);
+        const size_t done = vp.colours(values, len, 0.0f, static_cast<float>(span), scale, lut + q);
+        for (size_t j = done; j < len; ++j) lut[q + j] = colour(q + static_cast<uint32_t>(j));
+        q += len;
+    }
+    emit(pl, 0, n, [&](size_t i) {
+        const uint16_t p = src[i];
+        return lut[p <= min ? 0 : std::min(p, max) - min];
+    });
 }
 
 bool planes_ok(const vx_cmap_t *ctx, const void *src, const uint8_t *r, const uint8_t *g,
@@ -417,8 +526,8 @@ extern "C" int vx_cmap_u16_to_rgb(vx_cmap_t *ctx, const uint16_t *src, int32_t c
             std::free(tmp);
         }
     }
-    render_u16(pal, src, static_cast<size_t>(count), r, g, b, static_cast<size_t>(stride), min,
-               max);
+    render_u16(pal, src, planes(r, g, b, static_cast<size_t>(stride), static_cast<size_t>(count)),
+               min, max);
     return 0;
 }
 
@@ -438,8 +547,8 @@ extern "C" int vx_cmap_f32_to_rgb(vx_cmap_t *ctx, const float *src, int32_t coun
         vx_cmap_histeq_f32(tmp.get(), src, count, min, max, histeq_bins, 1);
         src = tmp.get();
     }
-    render_f32(pal, src, static_cast<size_t>(count), r, g, b, static_cast<size_t>(stride), min,
-               max);
+    render_f32(pal, src, planes(r, g, b, static_cast<size_t>(stride), static_cast<size_t>(count)),
+               min, max);
     return 0;
 }
 

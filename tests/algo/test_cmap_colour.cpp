@@ -339,6 +339,49 @@ TEST_F(CmapCtx, F32VectorRenderMatchesScalar) {
     }
 }
 
+// Interleaved destinations (3 or 4 bytes a pixel, channels in any order) are written four
+// pixels a store: the same bytes as pixel by pixel, the fourth byte and the bytes past the image
+// untouched.
+TEST_F(CmapCtx, InterleavedLayoutsMatchPlainWrites) {
+    std::mt19937 rng(4);
+    vx_cmap_set_palette(&ctx, 6);
+    struct layout {
+        int stride, r, g, b;
+    };
+    const layout layouts[] = {{3, 0, 1, 2}, {3, 2, 1, 0}, {4, 0, 1, 2}, {4, 2, 1, 0},
+                              {4, 1, 2, 3}, {4, 3, 2, 1}, {4, 0, 2, 1}, {3, 1, 0, 2}};
+    for (size_t n : {5u, 6u, 7u, 258u, 1031u}) {
+        std::vector<uint16_t> u16(n);
+        std::vector<float> f32(n);
+        for (size_t i = 0; i < n; ++i) {
+            u16[i] = static_cast<uint16_t>(rng() % 5000);
+            f32[i] = static_cast<float>(u16[i]) * 0.001f;
+        }
+        for (const layout &l : layouts) {
+            std::vector<uint8_t> out[2];
+            for (int pass = 0; pass < 2; ++pass) {
+                tevix::simd::scoped_limit cap(pass ? tevix::simd::level::avx2
+                                                   : tevix::simd::level::scalar);
+                out[pass].assign(n * l.stride + 16, 0x5A);
+                uint8_t *d = out[pass].data();
+                ASSERT_EQ(vx_cmap_u16_to_rgb(&ctx, u16.data(), static_cast<int32_t>(n), d + l.r,
+                                             d + l.g, d + l.b, l.stride, 100, 4000, 0),
+                          0);
+                ASSERT_EQ(vx_cmap_f32_to_rgb(&ctx, f32.data(), static_cast<int32_t>(n / 2), d + l.r,
+                                             d + l.g, d + l.b, l.stride, 0.1f, 4.0f, 0),
+                          0);
+            }
+            ASSERT_EQ(out[0], out[1]) << "n " << n << " stride " << l.stride << " r at " << l.r;
+            const int spare = 6 - l.r - l.g - l.b;  // the byte no channel uses, stride 4
+            for (size_t i = 0; l.stride == 4 && i < n; ++i)
+                ASSERT_EQ(out[1][i * 4 + spare], 0x5A) << i;
+            const size_t end = (n - 1) * l.stride + std::max({l.r, l.g, l.b}) + 1;
+            for (size_t i = end; i < out[1].size(); ++i)
+                ASSERT_EQ(out[1][i], 0x5A) << "past the image at " << i;
+        }
+    }
+}
+
 // The palette id is the one shared value: writers and renderers on other threads.
 TEST_F(CmapCtx, PaletteSwitchesWhileRendering) {
     std::atomic<bool> stop{false};
