@@ -26,13 +26,13 @@ struct columns {
 template <uint32_t K, class V>
 VX_INLINE void _column(const padded &p, uint32_t y, const columns &c, uint32_t xx) {
     constexpr int r = K / 2;
-    const V one = splat<V>(uint16_t(1)), none = splat<V>(uint16_t(0xFFFF));
-    V key[K], n = splat<V>(uint16_t(0));
+    // The invalid mask is all ones: or-ing it gives the key 0xFFFF, adding it counts down.
+    V key[K], n = splat<V>(uint16_t(K));
     for (int i = 0; i < int(K); ++i) {
         const V v = load<V>(p.origin + (int(y) + i - r) * std::ptrdiff_t(p.stride) + int(xx) - r);
-        const auto bad = is_invalid(v);
-        key[i] = bad ? none : v;
-        n += bad ? splat<V>(uint16_t(0)) : one;
+        const V bad = V(is_invalid(v));
+        key[i] = V(v | bad);
+        n = V(n + bad);
     }
     apply_net<nets<K>::column>(key);
     for (uint32_t i = 0; i < K; ++i) store(c.key[i] + xx, key[i]);
