@@ -19,6 +19,9 @@
 #include <vector>
 
 #include "vcam.h"
+#ifdef TEVIX_VCAM_SCENE
+#include "scene/scene.h"
+#endif
 
 extern char **environ;
 
@@ -33,6 +36,9 @@ void _usage(FILE *f) {
                  "  -f, --fps N           frame rate (default 30; 0 = as fast as the host reads)\n"
                  "      --product TEXT    product string (default VXCAM-E1-R1)\n"
                  "      --vendor TEXT     vendor string (default \"Tevix Virtual\")\n"
+                 "      --scene FORMAT    stream the rendered scene in an EPC frame format (1, 2, "
+                 "4, 10, 11)\n"
+                 "                        instead of the test pattern\n"
                  "      --no-cksum        stream headers without the data checksum\n"
                  "      --full-speed      report a 12 Mbit/s link\n"
                  "      --garbage N       N garbage bytes before the first frame\n"
@@ -47,6 +53,7 @@ void _usage(FILE *f) {
 
 struct options {
     int cameras = 1;
+    long scene = -1;
     tevix::emu::camera_config cfg;
     uint32_t garbage = 0, drop = 0, corrupt = 0, busy = 0;
     std::string fail;
@@ -73,7 +80,8 @@ int _parse(int argc, char **argv, options &o) {
         o_busy,
         o_fail,
         o_unplug,
-        o_replug
+        o_replug,
+        o_scene
     };
     static const option longs[] = {{"cameras", required_argument, nullptr, 'n'},
                                    {"fps", required_argument, nullptr, 'f'},
@@ -88,6 +96,7 @@ int _parse(int argc, char **argv, options &o) {
                                    {"fail", required_argument, nullptr, o_fail},
                                    {"unplug-after", required_argument, nullptr, o_unplug},
                                    {"replug-after", required_argument, nullptr, o_replug},
+                                   {"scene", required_argument, nullptr, o_scene},
                                    {"help", no_argument, nullptr, 'h'},
                                    {nullptr, 0, nullptr, 0}};
     int c;
@@ -126,6 +135,8 @@ int _parse(int argc, char **argv, options &o) {
                     return _num(optarg, 0, 86400000, &o.unplug_ms);
                 case o_replug:
                     return _num(optarg, 0, 86400000, &o.replug_ms);
+                case o_scene:
+                    return _num(optarg, 0, 255, &o.scene);
                 case 'h':
                     _usage(stdout);
                     std::exit(0);
@@ -161,7 +172,17 @@ int main(int argc, char **argv) {
         cfg.port = static_cast<uint8_t>(2 + i);
         cfg.addr = static_cast<uint8_t>(2 + i);
         cfg.uid[2] += static_cast<uint32_t>(i);
-        tevix::emu::camera *cam = tb.add(cfg);
+        std::unique_ptr<tevix::emu::frame_source> src;
+        if (o.scene >= 0) {
+#ifdef TEVIX_VCAM_SCENE
+            src = std::make_unique<tevix::emu::scene_renderer>(tevix::emu::scene_config{},
+                                                               static_cast<uint16_t>(o.scene));
+#else
+            std::fprintf(stderr, "tevix-vcam: built without the scene renderer\n");
+            return 2;
+#endif
+        }
+        tevix::emu::camera *cam = tb.add(cfg, std::move(src));
         if (!cam) return 1;
         cam->garbage_next(o.garbage);
         cam->drop_next(o.drop);

@@ -471,6 +471,7 @@ TEST_F(usb_ll, stop_cancels_every_transfer_in_flight) {
     EXPECT_EQ(st.pending_in, 0u);
     EXPECT_EQ(st.discards, 16u);
     EXPECT_EQ(s.count(0), 16);  // cancellations report status 0
+    std::lock_guard lk(s.m);
     EXPECT_EQ(s.calls, 16);
 }
 
