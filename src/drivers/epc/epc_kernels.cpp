@@ -167,8 +167,18 @@ __attribute__((target("avx2"))) void _decode_4dcs_avx2(const uint16_t *raw, uint
 }
 
 // Simple per-pixel loops: the compiler vectorises them; target_clones adds an AVX2 build chosen at
-// load time. Integer arithmetic, so every build gives the same results.
+// load time. Integer arithmetic, so every build gives the same results. Its load-time resolvers
+// run before ThreadSanitizer's runtime is up, so thread-sanitized builds keep the default build.
+#if defined(__SANITIZE_THREAD__)
+#define EPC_CLONES
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define EPC_CLONES
+#endif
+#endif
+#ifndef EPC_CLONES
 #define EPC_CLONES __attribute__((target_clones("avx2", "default")))
+#endif
 
 bool _has_avx2() {
     static const bool yes = __builtin_cpu_supports("avx2");
@@ -239,7 +249,7 @@ bool one_plane_rows(uint32_t r, uint32_t h, uint32_t *first, uint32_t *second) {
 
 namespace {
 
-inline bool _ok12(uint32_t s) {
+inline uint32_t _ok12(uint32_t s) {
     return s >= 2 && s < 4094;
 }
 
