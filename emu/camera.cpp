@@ -127,6 +127,7 @@ camera::~camera() {
     }
     g_object_unref(static_cast<UMockdevIoctlBase *>(handler_));
     for (auto &u : in_pending_) _release(u);
+    for (auto &u : ctrl_held_) _release(u);
     for (auto &u : done_) _release(u);
     if (fifo_ >= 0) ::close(fifo_);
     vx_ostream_destroy(os_);
@@ -148,7 +149,7 @@ void camera::reset() {
         std::lock_guard lk(m_);
         fw_ = firmware(cfg_);
         _hooks();
-        hold_ = halted_ = false;
+        hold_ = halted_ = hold_ctrl_ = false;
         error_n_ = garbage_n_ = drop_n_ = corrupt_n_ = 0;
         reenum_at_ = replug_at_ = 0;
         _stop();
@@ -365,10 +366,12 @@ void camera::_unplug_locked() {
     ++epoch_;
     queue_.clear();
     queue_off_ = queued_ = 0;
-    while (!in_pending_.empty()) {
-        urb u = in_pending_.front();
-        in_pending_.pop_front();
-        _finish(u, -ENODEV, 0);
+    for (std::deque<urb> *q : {&in_pending_, &ctrl_held_}) {
+        while (!q->empty()) {
+            urb u = q->front();
+            q->pop_front();
+            _finish(u, -ENODEV, 0);
+        }
     }
     _fifo_signal();
 }
@@ -407,6 +410,11 @@ bool camera::plugged() const {
 bool camera::streaming() const {
     std::lock_guard lk(m_);
     return streaming_;
+}
+
+void camera::hold_control(bool on) {
+    std::lock_guard lk(m_);
+    hold_ctrl_ = on;
 }
 
 void camera::hold_in(bool on) {
@@ -491,14 +499,16 @@ int camera::_ioctl(void *c) {
         const gulong addr = arg->data_len >= static_cast<gint>(sizeof(gulong))
                                 ? *reinterpret_cast<gulong *>(arg->data)
                                 : 0;
-        for (auto it = in_pending_.begin(); it != in_pending_.end(); ++it) {
-            const gulong mine = _data(it->urb_data)->client_addr;
-            if (mine != addr && mine != arg->client_addr) continue;
-            urb u = *it;
-            in_pending_.erase(it);
-            ++st_.discards;
-            _finish(u, -ENOENT, 0);
-            return reply(0, 0);
+        for (std::deque<urb> *q : {&in_pending_, &ctrl_held_}) {
+            for (auto it = q->begin(); it != q->end(); ++it) {
+                const gulong mine = _data(it->urb_data)->client_addr;
+                if (mine != addr && mine != arg->client_addr) continue;
+                urb u = *it;
+                q->erase(it);
+                ++st_.discards;
+                _finish(u, -ENOENT, 0);
+                return reply(0, 0);
+            }
         }
         return reply(-1, EINVAL);
     }
@@ -559,6 +569,10 @@ int camera::_ioctl(void *c) {
         if (!bd || bd->data_len < 8) {
             _release(u);
             return reply(-1, EINVAL);
+        }
+        if (hold_ctrl_) {
+            ctrl_held_.push_back(u);
+            return reply(0, 0);
         }
         const uint8_t *s = bd->data;
         const uint16_t value = static_cast<uint16_t>(s[2] | s[3] << 8);

@@ -163,6 +163,7 @@ class camera {
     }
 
     // Stream faults, each for the next n occurrences.
+    void hold_control(bool on);           // control requests get no answer
     void hold_in(bool on);                // bulk-in URBs get no data: the host's timeout ends them
     void stall();                         // the endpoint halts until CLEAR_HALT
     void error_next(uint32_t n);          // next n bulk-in URBs end with -EPROTO
@@ -214,6 +215,7 @@ class camera {
     void *handler_ = nullptr;  // UMockdevIoctlBase
     int fifo_ = -1;
     std::deque<urb> in_pending_;
+    std::deque<urb> ctrl_held_;
     std::deque<urb> done_;
     std::deque<std::vector<uint8_t>> queue_;
     size_t queue_off_ = 0;
@@ -223,6 +225,7 @@ class camera {
     bool gone_ = false;
     bool halted_ = false;
     bool hold_ = false;
+    bool hold_ctrl_ = false;
     uint32_t error_n_ = 0, garbage_n_ = 0, drop_n_ = 0, corrupt_n_ = 0;
     uint64_t reenum_at_ = 0, replug_at_ = 0;  // monotonic ms of a pending re-enumeration
     bool quit_ = false;

@@ -326,6 +326,35 @@ TEST_F(usb_ll, exe_cmd_sends_then_reads_back_into_the_buffer) {
     EXPECT_EQ(cmds().size(), 1u);
 }
 
+TEST_F(usb_ll, unanswered_command_ends_with_its_timeout) {
+    open();
+    cam_->hold_control(true);
+    uint8_t v[4] = {};
+    EXPECT_FALSE(usb_ll_ops.exe_cmd(&dev_, 1, 0xC0, 0, v, 4, 300));
+    EXPECT_EQ(cam_->stats().discards, 1u);  // libusb gave it up after 300 ms
+    EXPECT_NE(log_text().find("[usb_ll_exe_cmd]exe usb cmd failed: LIBUSB_ERROR_TIMEOUT"),
+              std::string::npos);
+    cam_->hold_control(false);
+    EXPECT_TRUE(usb_ll_ops.exe_cmd(&dev_, 1, 0xC0, 0, v, 4, 300));
+}
+
+TEST_F(usb_ll, command_wait_gives_up_after_2_seconds) {
+    open();
+    cam_->hold_control(true);
+    uint8_t v[4] = {};
+    EXPECT_FALSE(usb_ll_ops.exe_cmd(&dev_, 1, 0xC0, 0, v, 4, 60000));
+    const std::string text = log_text();
+    EXPECT_NE(text.find("[usb_ll_exe_cmd]control transfer timeout !"), std::string::npos);
+    EXPECT_NE(text.find("[usb_ll_exe_cmd]exe usb cmd failed: LIBUSB_ERROR_TIMEOUT"),
+              std::string::npos);
+    // The transfer is still out; when it ends it frees itself.
+    EXPECT_EQ(cam_->stats().discards, 0u);
+    const uint64_t reaped = cam_->stats().urbs_done;
+    cam_->unplug();
+    EXPECT_TRUE(wait_for([&] { return cam_->stats().urbs_done > reaped; }));
+    usb_ll_ops.dev_close(&dev_);
+}
+
 TEST_F(usb_ll, status_naming_another_command_fails) {
     open();
     cam_->with_firmware([](firmware &fw) {
