@@ -842,6 +842,15 @@ int32_t _epc_calib_load(tevix_drv_t *drv, uint32_t, uint32_t, uint32_t) {
     return 0;
 }
 
+// Lens undistortion is the device's lens-calibration setting, kept by the camera interface.
+void _set_lens_calib(tevix_dev_t *dev, uint8_t on) {
+    tevix_lens_calib_cfg_t *cfg = tevix_lens_calib_config_get(dev);
+    if (!cfg) return;
+    tevix_lens_calib_cfg_t next = *cfg;
+    next.en_2d = on;
+    tevix_lens_calib_config_set(dev, &next);
+}
+
 bool _epc_filter_enable(tevix_drv_t *drv, uint32_t id, const tevix_filter_arg_t *arg) {
     epc_priv *p = priv_of(drv);
     if (!p || id > 14) return false;
@@ -851,6 +860,7 @@ bool _epc_filter_enable(tevix_drv_t *drv, uint32_t id, const tevix_filter_arg_t 
     switch (id) {
         case 0:
             p->lens_calib = 1;
+            _set_lens_calib(dev, 1);
             return true;
         case 1:
             p->pix_calib = 1;
@@ -971,6 +981,7 @@ bool _epc_filter_disable(tevix_drv_t *drv, uint32_t id) {
     switch (id) {
         case 0:
             p->lens_calib = 0;
+            _set_lens_calib(dev, 0);
             return true;
         case 1:
             p->pix_calib = 0;
