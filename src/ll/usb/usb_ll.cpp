@@ -536,24 +536,29 @@ void _open_match(tevix_ll_dev_t *dev, usb_priv *p, libusb_device **devs, ssize_t
                 (dev->info.usb.addr != 255 && addr != dev->info.usb.addr)) {
                 continue;
             }
-            VX_INF("[%s]open tevix device @ %03d:%03d:%03d, EP_DIN=%x, EP_DOUT=%x\n", bus, port,
-                   addr, din, dout);
+            VX_LOG_AS(4, "_usb_ll_dev_open",
+                      "[%s]open tevix device @ %03d:%03d:%03d, EP_DIN=%x, EP_DOUT=%x\n", bus, port,
+                      addr, din, dout);
             const int r = libusb_open(d, &h);
             if (r < 0) {
-                VX_ERR("[%s]failed to open this device: %s\n", libusb_error_name(r));
+                VX_LOG_AS(6, "_usb_ll_dev_open", "[%s]failed to open this device: %s\n",
+                          libusb_error_name(r));
                 continue;
             }
         } else {
-            VX_INF("[%s]found tevix device (speed=%d) @ %03d:%03d:%03d, EP_DIN=%x, EP_DOUT=%x\n",
-                   speed, bus, port, addr, din, dout);
+            VX_LOG_AS(4, "_usb_ll_dev_open",
+                      "[%s]found tevix device (speed=%d) @ %03d:%03d:%03d, EP_DIN=%x, EP_DOUT=%x\n",
+                      speed, bus, port, addr, din, dout);
             if (speed < LIBUSB_SPEED_HIGH) {
-                VX_WRN("[%s]found tevix device not in HS mode (speed=%d) @ %03d:%03d:%03d\n", speed,
-                       bus, port, addr);
+                VX_LOG_AS(5, "_usb_ll_dev_open",
+                          "[%s]found tevix device not in HS mode (speed=%d) @ %03d:%03d:%03d\n",
+                          speed, bus, port, addr);
             }
             const int r = libusb_open(d, &h);
             if (r < 0) {
-                VX_WRN("[%s]  failed to open this device: %s, try next ...\n",
-                       libusb_error_name(r));
+                VX_LOG_AS(5, "_usb_ll_dev_open",
+                          "[%s]  failed to open this device: %s, try next ...\n",
+                          libusb_error_name(r));
                 continue;
             }
             dev->is_listed = 1;
@@ -625,7 +630,9 @@ tevix_ll_dev_t *usb_ll_dev_open(tevix_ll_dev_t *dev) {
 }
 
 tevix_ll_dev_t *usb_ll_dev_open_by_fd(tevix_ll_dev_t *dev, int) {
-    if (!dev) return nullptr;
+    if (!dev || (dev->if_type != TEVIX_LL_IF_UNKNOWN && dev->if_type != TEVIX_LL_IF_ANY)) {
+        return nullptr;
+    }
     _alloc_priv(dev);
     return _usb_ll_dev_open(dev);
 }

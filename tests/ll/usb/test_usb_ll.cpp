@@ -189,6 +189,8 @@ TEST_F(usb_ll, open_refuses_wrong_address_and_foreign_types) {
     tevix_ll_dev_t file = listed(2, 255);
     file.if_type = TEVIX_LL_IF_FILE;
     EXPECT_EQ(usb_ll_ops.dev_open(&file), nullptr);
+    EXPECT_EQ(usb_ll_ops.dev_open_by_fd(&file, 3), nullptr);
+    EXPECT_EQ(val(file.priv), nullptr);
     EXPECT_EQ(usb_ll_ops.dev_open(nullptr), nullptr);
     // Commands on a record that is not open fail without touching the camera.
     uint8_t v[4] = {};
@@ -197,6 +199,12 @@ TEST_F(usb_ll, open_refuses_wrong_address_and_foreign_types) {
     EXPECT_FALSE(usb_ll_ops.cap_start(&dev_, 0, sink::cb, nullptr));
     EXPECT_EQ(usb_ll_ops.tx_data(&dev_, v, 4), LIBUSB_ERROR_NO_DEVICE);
     EXPECT_TRUE(cmds().empty());
+}
+
+TEST_F(usb_ll, open_by_fd_ignores_the_descriptor) {
+    ASSERT_EQ(usb_ll_ops.dev_open_by_fd(&dev_, 42), &dev_);
+    uint32_t v = 9;
+    EXPECT_TRUE(usb_ll_ops.reg_write(&dev_, 0, 1, reinterpret_cast<uint8_t *>(&v), 1));
 }
 
 TEST_F(usb_ll, unlisted_record_opens_first_camera_and_fills_address) {
