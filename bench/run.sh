@@ -10,8 +10,8 @@
 #   state.SetItemsProcessed (printed in M items/s). Without either the time per iteration is
 #   printed in the benchmark's time unit.
 # - Name the reference with the label "ref=<benchmark name>" (state.SetLabel). The reference is a
-#   benchmark of the same program; when FILTER leaves it out, the program runs it in a second pass
-#   right after. ratio = this rate / the reference's rate (for times: reference time / this
+#   benchmark of the same program and always runs in the same run: with a FILTER, a short probe
+#   pass finds the references first and the measuring pass includes them. ratio = this rate / the reference's rate (for times: reference time / this
 #   time), so a ratio above 1 means faster than the reference. No label, no ratio.
 # - Extra words in the label after the ref= item are ignored.
 # Set BENCH_BUILD_DIR to use another build directory than build/release.
@@ -35,12 +35,14 @@ import json, os, re, subprocess, sys, tempfile
 
 build, flt, targets = sys.argv[1], sys.argv[2], sys.argv[3:]
 
-def run(binary, name_filter):
+def run(binary, name_filter, quick=False):
     with tempfile.NamedTemporaryFile(suffix=".json") as out:
         cmd = [binary, "--benchmark_format=json", "--benchmark_out=" + out.name,
                "--benchmark_out_format=json"]
         if name_filter:
             cmd.append("--benchmark_filter=" + name_filter)
+        if quick:
+            cmd.append("--benchmark_min_time=0.001")
         ok = subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
         try:
             with open(out.name) as f:
@@ -74,20 +76,24 @@ for t in targets:
         print(f"bench/run.sh: {t} not built", file=sys.stderr)
         status = 1
         continue
-    runs, ok = run(binary, flt)
-    if not runs and flt:
-        continue  # nothing in this program matches FILTER
+    selected = None
+    if flt:
+        # A short first pass finds the selected benchmarks and their references, so that the
+        # measuring pass runs both together.
+        probe, _ = run(binary, flt, quick=True)
+        if not probe:
+            continue  # nothing in this program matches FILTER
+        selected = {b["name"] for b in probe}
+        refs = sorted({ref_of(b) for b in probe if ref_of(b)} - selected)
+        wide = flt if not refs else "(" + flt + ")|^(" + "|".join(re.escape(r) for r in refs) + ")$"
+        runs, ok = run(binary, wide)
+    else:
+        runs, ok = run(binary, "")
     status |= 0 if ok else 1
-    names = {b["name"] for b in runs}
-    # References filtered out by FILTER run in a second pass of the same program.
-    missing = sorted({ref_of(b) for b in runs if ref_of(b)} - names)
-    refs = {}
-    if missing:
-        extra, ok = run(binary, "^(" + "|".join(re.escape(m) for m in missing) + ")$")
-        status |= 0 if ok else 1
-        refs = {b["name"]: b for b in extra}
-    refs.update({b["name"]: b for b in runs})
+    refs = {b["name"]: b for b in runs}
     for b in runs:
+        if selected is not None and b["name"] not in selected:
+            continue
         name = b["name"]
         if b.get("error_occurred"):
             print(f"{name} ERROR {b.get('error_message', '')}")
