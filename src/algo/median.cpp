@@ -16,6 +16,11 @@ template <uint32_t K>
 struct nets {
     static constexpr sort_net column = make_sort_net(K, K);
     static constexpr merge_net window = make_merge_net(K, K, K *K / 2 + 1);
+    // With at most `few` invalid pixels in every window of a vector, only the ranks from
+    // (K*K - few - 1) / 2 up are needed, and a smaller network gives them.
+    static constexpr uint32_t few = K == 5 ? 4 : 2;
+    static constexpr uint32_t low_rank = (K * K - few - 1) / 2;
+    static constexpr merge_net dense = make_merge_net(K, K, K *K / 2 + 1, low_rank);
 };
 
 struct columns {
@@ -48,8 +53,14 @@ VX_INLINE V _window(const padded &p, uint32_t y, const columns &c, uint32_t x) {
         for (uint32_t i = K; i < 8; ++i) v[col * 8 + i] = none;
         n += load<V>(c.count + x + col);
     }
-    apply_net<nets<K>::window>(v);
-    const V med = select_rank(v, V((n - one) >> 1), K * K / 2);
+    V med;
+    if (lane_min(n) >= K * K - nets<K>::few) {
+        apply_net<nets<K>::dense>(v);
+        med = select_rank(v, V((n - one) >> 1), K * K / 2, nets<K>::low_rank);
+    } else {
+        apply_net<nets<K>::window>(v);
+        med = select_rank(v, V((n - one) >> 1), K * K / 2);
+    }
     const V centre = load<V>(p.origin + y * p.stride + x);
     return is_invalid(centre) ? centre : med;
 }

@@ -148,7 +148,7 @@ struct merge_net {
     size_t count = 0;
 };
 
-constexpr merge_net make_merge_net(uint32_t blocks, uint32_t len, uint32_t m) {
+constexpr merge_net make_merge_net(uint32_t blocks, uint32_t len, uint32_t m, uint32_t first = 0) {
     const uint32_t n = blocks * 8;
     uint32_t p2 = 1;
     while (p2 < n) p2 <<= 1;
@@ -189,7 +189,7 @@ constexpr merge_net make_merge_net(uint32_t blocks, uint32_t len, uint32_t m) {
         used.ops[used.count++] = {uint8_t(a), uint8_t(b), uint8_t(always)};
     }
     bool need[64] = {};
-    for (uint32_t i = 0; i < m; ++i) need[i] = true;
+    for (uint32_t i = first; i < m; ++i) need[i] = true;
     bool keep[1024] = {};
     for (size_t o = used.count; o-- > 0;) {
         const auto &x = used.ops[o];
@@ -223,12 +223,24 @@ VX_INLINE void apply_net(V *v) {
     _apply_merge<Net>(v, std::make_index_sequence<Net.count>{});
 }
 
-// v[idx] per lane for idx in 0 .. last (other lanes get v[0]).
+// v[idx] per lane for idx in first .. last (other lanes get v[first]).
 template <class V>
-VX_INLINE V select_rank(const V *v, const V &idx, uint32_t last) {
-    V r = v[0];
-    for (uint32_t k = 1; k <= last; ++k) r = idx == splat<V>(uint16_t(k)) ? v[k] : r;
+VX_INLINE V select_rank(const V *v, const V &idx, uint32_t last, uint32_t first = 0) {
+    V r = v[first];
+    for (uint32_t k = first + 1; k <= last; ++k) r = idx == splat<V>(uint16_t(k)) ? v[k] : r;
     return r;
+}
+
+// Lane-wise minimum over all lanes of v, as a scalar.
+template <class V>
+VX_INLINE uint16_t lane_min(const V &v) {
+    if constexpr (sizeof(V) == sizeof(uint16_t)) {
+        return v;
+    } else {
+        uint16_t m = v[0];
+        for (size_t l = 1; l < sizeof(V) / sizeof(uint16_t); ++l) m = m < v[l] ? m : v[l];
+        return m;
+    }
 }
 
 }  // namespace tevix::algo
