@@ -186,6 +186,64 @@ int _gray_to_ir(uint8_t *dst, const T *src, uint32_t src_len, int balance) {
     return static_cast<int>(src_len);
 }
 
+// Lens calibration of one image; bilinear allows blending for grey images (never distances).
+int _lens_calib_apply(tevix_dev_t *dev, void *dst, uint32_t dst_len, const void *src,
+                      uint32_t src_len, int is_f32, int mode, const tevix_frame_info_t *info,
+                      const tevix_lens_t *lens, int bilinear) {
+    const char *name = "tevix_lens_calib_apply";
+    if (!dev || !dev->session || !dst || !src || !info) {
+        VX_LOG_AS(VX_LOG_ERR, name, "[%s]lens_calib_apply argument error\n");
+        return 0;
+    }
+    uint32_t w = info->width, h = info->height;
+    uint64_t n = static_cast<uint64_t>(w) * h;
+    if (n > std::min(dst_len, src_len)) {
+        VX_LOG_AS(VX_LOG_ERR, name,
+                  "[%s]lens_calib_apply dst_len or src_len too small: dst_len=%d, src_len=%d\n",
+                  static_cast<int>(dst_len), static_cast<int>(src_len));
+        return 0;
+    }
+    tevix_session *s = dev->session;
+    bool undistort = s->lens_cfg.en_2d != 0;
+    tevix_lens_param_t lp{};
+    if ((undistort || mode != 0) && !_intrinsics(dev, lens, w, h, &lp)) {
+        VX_LOG_AS(VX_LOG_ERR, name, "[%s]Cannot generate PCL: no lens parameter in driver.\n");
+        return 0;
+    }
+    auto remap = [&](void *buf) {
+        if (!undistort) return true;
+        vx_lens_t vl{lp.cx, lp.cy, lp.fx, lp.fy, lp.dcoef, lp.n_dcoef, lp.width, lp.height};
+        if (!vx_calib_len_update_map(&s->undist, &vl, w, h)) return false;
+        return is_f32 ? vx_calib_len_undistort_f32(&s->undist, static_cast<float *>(buf),
+                                                   static_cast<float *>(buf), w, h, bilinear)
+                      : vx_calib_len_undistort_u16(&s->undist, static_cast<uint16_t *>(buf),
+                                                   static_cast<uint16_t *>(buf), w, h);
+    };
+    size_t bytes = static_cast<size_t>(n) * (is_f32 ? 4 : 2);
+    if (mode == 0) {
+        if (dst != src) std::memmove(dst, src, bytes);
+        return remap(dst) ? 1 : 0;
+    }
+    // Distances through the lens model, one value per pixel, into a float image first (the
+    // source may be the destination).
+    const float intr[4] = {static_cast<float>(lp.cx), static_cast<float>(lp.cy),
+                           static_cast<float>(lp.fx), static_cast<float>(lp.fy)};
+    int d_is_z = mode == 2;
+    auto tmp = _alloc<float>(static_cast<size_t>(n));
+    if (!tmp) return 0;
+    int32_t wi = static_cast<int32_t>(w), hi = static_cast<int32_t>(h);
+    if (is_f32) {
+        vx_pcl_get_xyzd_f32(tmp.get(), static_cast<const float *>(src), nullptr, wi, hi, intr,
+                            nullptr, 1, d_is_z);
+        std::memcpy(dst, tmp.get(), bytes);
+    } else {
+        vx_pcl_get_xyzd_u16(tmp.get(), static_cast<const uint16_t *>(src), nullptr, wi, hi, intr,
+                            nullptr, 1, d_is_z);
+        vx_conv_f32_u16(static_cast<uint16_t *>(dst), tmp.get(), static_cast<int32_t>(n), 1000.0f);
+    }
+    return remap(dst) ? 1 : 0;
+}
+
 }  // namespace
 
 extern "C" {
@@ -309,61 +367,7 @@ tevix_lens_calib_cfg_t *tevix_lens_calib_config_get(tevix_dev_t *dev) noexcept {
 int tevix_lens_calib_apply(tevix_dev_t *dev, void *dst, uint32_t dst_len, const void *src,
                            uint32_t src_len, int is_f32, int mode, const tevix_frame_info_t *info,
                            const tevix_lens_t *lens) noexcept {
-    if (!dev || !dev->session || !dst || !src || !info) {
-        VX_ERR("[%s]lens_calib_apply argument error\n");
-        return 0;
-    }
-    uint32_t w = info->width, h = info->height;
-    uint64_t n = static_cast<uint64_t>(w) * h;
-    if (n > std::min(dst_len, src_len)) {
-        VX_ERR("[%s]lens_calib_apply dst_len or src_len too small: dst_len=%d, src_len=%d\n",
-               static_cast<int>(dst_len), static_cast<int>(src_len));
-        return 0;
-    }
-    tevix_session *s = dev->session;
-    bool undistort = s->lens_cfg.en_2d != 0;
-    tevix_lens_param_t lp{};
-    if (undistort || mode != 0) {
-        if (!_intrinsics(dev, lens, w, h, &lp)) {
-            VX_ERR("[%s]Cannot generate PCL: no lens parameter in driver.\n");
-            return 0;
-        }
-    }
-    auto remap = [&](void *buf) {
-        if (!undistort) return true;
-        vx_lens_t vl{lp.cx, lp.cy, lp.fx, lp.fy, lp.dcoef, lp.n_dcoef, lp.width, lp.height};
-        if (!vx_calib_len_update_map(&s->undist, &vl, w, h)) return false;
-        return is_f32 ? vx_calib_len_undistort_f32(&s->undist, static_cast<float *>(buf),
-                                                   static_cast<float *>(buf), w, h, 0)
-                      : vx_calib_len_undistort_u16(&s->undist, static_cast<uint16_t *>(buf),
-                                                   static_cast<uint16_t *>(buf), w, h);
-    };
-    size_t bytes = static_cast<size_t>(n) * (is_f32 ? 4 : 2);
-    if (mode == 0) {
-        if (dst != src) std::memmove(dst, src, bytes);
-        return remap(dst) ? 1 : 0;
-    }
-    const float intr[4] = {static_cast<float>(lp.cx), static_cast<float>(lp.cy),
-                           static_cast<float>(lp.fx), static_cast<float>(lp.fy)};
-    int d_is_z = mode == 2;
-    if (is_f32) {
-        // The kernel reads each distance before it writes that pixel's value, so in place is
-        // safe; a separate source is used when dst differs.
-        auto tmp = _alloc<float>(static_cast<size_t>(n));
-        if (!tmp) return 0;
-        vx_pcl_get_xyzd_f32(tmp.get(), static_cast<const float *>(src), nullptr,
-                            static_cast<int32_t>(w), static_cast<int32_t>(h), intr, nullptr, 1,
-                            d_is_z);
-        std::memcpy(dst, tmp.get(), bytes);
-    } else {
-        auto tmp = _alloc<float>(static_cast<size_t>(n));
-        if (!tmp) return 0;
-        vx_pcl_get_xyzd_u16(tmp.get(), static_cast<const uint16_t *>(src), nullptr,
-                            static_cast<int32_t>(w), static_cast<int32_t>(h), intr, nullptr, 1,
-                            d_is_z);
-        vx_conv_f32_u16(static_cast<uint16_t *>(dst), tmp.get(), static_cast<int32_t>(n), 1000.0f);
-    }
-    return remap(dst) ? 1 : 0;
+    return _lens_calib_apply(dev, dst, dst_len, src, src_len, is_f32, mode, info, lens, 0);
 }
 
 int tevix_lens_calib_apply_dist_f32(tevix_dev_t *dev, float *dst, uint32_t dst_len,
@@ -384,7 +388,7 @@ int tevix_lens_calib_apply_gray_f32(tevix_dev_t *dev, float *dst, uint32_t dst_l
                                     const float *src, uint32_t src_len,
                                     const tevix_frame_info_t *info,
                                     const tevix_lens_t *lens) noexcept {
-    return tevix_lens_calib_apply(dev, dst, dst_len, src, src_len, 1, 0, info, lens);
+    return _lens_calib_apply(dev, dst, dst_len, src, src_len, 1, 0, info, lens, 1);
 }
 
 int tevix_lens_calib_apply_gray_u16(tevix_dev_t *dev, uint16_t *dst, uint32_t dst_len,
