@@ -88,9 +88,10 @@ bool writer::put_record(uint32_t type, uint32_t node_id, std::span<const uint8_t
         .put(static_cast<uint32_t>(k_rec_hdr + fields.size()))
         .put(static_cast<uint32_t>(payload.size()))
         .put(undo);
-    const bool ok = std::fwrite(h.v.data(), 1, h.v.size(), fp_) == h.v.size() &&
-                    std::fwrite(fields.data(), 1, fields.size(), fp_) == fields.size() &&
-                    std::fwrite(payload.data(), 1, payload.size(), fp_) == payload.size();
+    const auto put = [this](std::span<const uint8_t> b) {
+        return b.empty() || std::fwrite(b.data(), 1, b.size(), fp_) == b.size();
+    };
+    const bool ok = put(h.v) && put(fields) && put(payload);
     if (!ok) {
         VX_ERR("[%s]write record failed: type=0x%x\n", type);
         failed_ = true;
