@@ -113,18 +113,17 @@ camera::camera(testbed &tb, const camera_config &cfg, std::unique_ptr<frame_sour
     producer_ = std::thread([this] { _producer(); });
 }
 
-camera::~camera() {
+void camera::_halt() {
     {
         std::lock_guard lk(m_);
         quit_ = true;
         cv_.notify_all();
     }
-    producer_.join();
-    {
-        std::lock_guard lk(tb_._lock());
-        umockdev_testbed_detach_ioctl(static_cast<UMockdevTestbed *>(tb_._tb()), dev_node().c_str(),
-                                      nullptr);
-    }
+    if (producer_.joinable()) producer_.join();
+}
+
+camera::~camera() {
+    _halt();
     g_object_unref(static_cast<UMockdevIoctlBase *>(handler_));
     for (auto &u : in_pending_) _release(u);
     for (auto &u : ctrl_held_) _release(u);

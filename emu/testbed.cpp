@@ -16,9 +16,12 @@ testbed::testbed() {
     g_free(root);
 }
 
+// The cameras' engines stop first (they send uevents), then the testbed goes: that ends its
+// worker thread, which runs the cameras' ioctl handlers.
 testbed::~testbed() {
-    cams_.clear();
+    for (auto &c : cams_) c->_halt();
     g_object_unref(static_cast<UMockdevTestbed *>(tb_));
+    cams_.clear();
 }
 
 camera *testbed::add(const camera_config &cfg, std::unique_ptr<frame_source> src) {

@@ -182,8 +182,9 @@ class camera {
     usb_stats stats() const;
     bool streaming() const;
 
-    // Internal: the umockdev ioctl handler.
+    // Internal: the umockdev ioctl handler; the end of the streaming engine.
     int _ioctl(void *client);
+    void _halt();
 
   private:
     struct urb {
