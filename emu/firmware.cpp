@@ -39,9 +39,10 @@ firmware::firmware(const camera_config &cfg) {
     for (uint32_t w : cfg.uid) _put32(v, w);
     params_[k_par_uid] = v;
     v.clear();
-    _put32(v, 0x01510004u);  // firmware 1.81.4
-    _put32(v, 1);            // hardware revision
-    _put32(v, 20261123u);    // build date
+    _put16(v, 181);  // software 1.81
+    _put16(v, 104);  // boot loader 1.04
+    _put16(v, 1);    // hardware revision
+    _put16(v, 0);
     params_[k_par_version] = v;
     v.clear();
     for (uint16_t w : cfg.sensor) _put16(v, w);
@@ -49,8 +50,8 @@ firmware::firmware(const camera_config &cfg) {
     v.clear();
     _put16(v, test_pattern::k_width);
     _put16(v, test_pattern::k_height);
-    _put16(v, 60);    // highest frame rate
-    _put16(v, 1500);  // longest integration time, us
+    _put32(v, 60);    // highest frame rate
+    _put32(v, 1500);  // longest integration time, us
     params_[k_par_geometry] = v;
     v.clear();
     _put32(v, 0);  // no calibration data stored
@@ -59,6 +60,9 @@ firmware::firmware(const camera_config &cfg) {
     v.clear();
     _put32(v, cfg.fps);
     params_[k_par_fps] = v;
+    v.clear();
+    _put32(v, cfg.mod_freq);
+    params_[k_par_mod_freq] = v;
 }
 
 uint32_t firmware::fps() const {

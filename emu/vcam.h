@@ -66,6 +66,7 @@ struct camera_config {
     std::array<uint32_t, 3> uid = {0x56583031u, 0x00010002u, 0x20261123u};
     std::array<uint16_t, 3> sensor = {0x2E, 7, 0x1234};  // part number, wafer, chip id
     uint32_t fps = 30;                                   // 0: as fast as the host takes data
+    uint32_t mod_freq = 20000000;                        // modulation frequency, Hz
     bool data_cksum = true;
     uint32_t packet_payload = 153564;  // payload bytes per stream header (multiple of 4)
 };

@@ -449,6 +449,8 @@ TEST_F(api_capture, recording_writes_the_device_and_the_raw_frames_and_replays_t
     tevix_dev_t *replay = tevix_dev_open_by_uri(("file://" + file).c_str());
     ASSERT_NE(replay, nullptr);
     EXPECT_STREQ(replay->product, "CAM-T0-R1");
+    EXPECT_STREQ(replay->serial, dev_.serial);  // the recorded camera's identity
+    EXPECT_EQ(replay->hw_id, dev_.hw_id);
     tevix_cap_cfg_t rcfg{};
     rcfg.cache_frames_cnt = 10;
     ASSERT_EQ(tevix_cap_config_set(replay, &rcfg), 1);

@@ -28,6 +28,7 @@ constexpr uint8_t k_param_vendor = 2;
 constexpr uint8_t k_param_product = 3;
 constexpr uint8_t k_param_geometry = 4;
 constexpr uint8_t k_param_unique_id = 5;
+constexpr uint8_t k_param_sensor = 7;
 constexpr uint8_t k_param_version = 6;
 constexpr uint8_t k_param_roi = 9;
 constexpr uint8_t k_param_frame_fmt = 10;
@@ -575,9 +576,22 @@ int file_ll_param_get(tevix_ll_dev_t *dev, tevix_param_wire_t *items, uint32_t c
                             d.max_fps ? d.max_fps : k_default_max_fps,
                             d.max_intg_us ? d.max_intg_us : k_default_max_intg_us);
                 break;
-            case k_param_unique_id:
-                it.len = _answer(it, static_cast<uint32_t>(d.dev_id),
-                                 static_cast<uint32_t>(d.dev_id >> 32), uint32_t{0});
+            case k_param_unique_id: {
+                // The recorded serial is the three unique-id words in hex; without one the
+                // hardware id's high word stands for them.
+                uint32_t w[3] = {static_cast<uint32_t>(d.dev_id >> 32), 0, 0};
+                if (d.serial.size() == 24)
+                    for (int k = 0; k < 3; ++k)
+                        w[k] = static_cast<uint32_t>(
+                            std::strtoul(d.serial.substr(8 * k, 8).c_str(), nullptr, 16));
+                it.len = _answer(it, w[0], w[1], w[2]);
+                break;
+            }
+            case k_param_sensor:
+                // Part number, wafer and chip id as the hardware id's low word packs them.
+                it.len = _answer(it, static_cast<uint16_t>((d.dev_id >> 24) & 0xFF),
+                                 static_cast<uint16_t>((d.dev_id >> 16) & 0xFF),
+                                 static_cast<uint16_t>(d.dev_id & 0xFFFF));
                 break;
             case k_param_version:
                 std::memcpy(it.value, d.dev_ver, sizeof d.dev_ver);

@@ -763,6 +763,10 @@ void LIBUSB_CALL on_usb_trans_event(libusb_transfer *t) {
     if (r < 0) {
         head->in_flight = 0;
         VX_ERR("[%s]Unable to submit URB. libusb error code: %d\n", r);
+        // A slot that cannot go out again (the camera is gone) ends the stream: say so, unless
+        // this completion already reported an error, or the capture would wait for nothing.
+        if (tevix_ll_evt_cb cb = p->cb.load(); cb && !p->stopped && res != TEVIX_LL_EVT_ERROR)
+            cb(dev, TEVIX_LL_EVT_ERROR, nullptr, 0, p->user.load());
         return;
     }
     VX_TRC("[%s]trans[%d] issue: size=%d \n", idx, t->length);
