@@ -2,8 +2,7 @@
 // oni export FILE --node NAME --frame N --out PATH: one frame as raw little-endian u16 pixels, a
 // colour PNG (PATH ending in .png), or as stored for codecs that are not 16-bit depth (JPEG).
 #include "cmd_oni.h"
-
-#include <png.h>
+#include "png_out.h"
 
 #include <algorithm>
 #include <cctype>
@@ -192,19 +191,6 @@ void _ramp(uint16_t v, uint16_t lo, uint16_t hi, uint8_t *rgb) {
     rgb[2] = ch(2.0 - x);
 }
 
-// libpng reports errors by longjmp; nothing here lives across it.
-bool _png_rows(png_structp png, png_infop info, std::FILE *fp, const uint8_t *rgb, uint32_t w,
-               uint32_t h) {
-    if (setjmp(png_jmpbuf(png))) return false;
-    png_init_io(png, fp);
-    png_set_IHDR(png, info, w, h, 8, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
-                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(png, info);
-    for (uint32_t y = 0; y < h; ++y) png_write_row(png, rgb + size_t{y} * w * 3);
-    png_write_end(png, nullptr);
-    return true;
-}
-
 bool _write_png(const std::string &path, const std::vector<uint16_t> &px, uint32_t w, uint32_t h) {
     uint16_t lo = 0xFFFF, hi = 0;
     for (uint16_t v : px)
@@ -214,13 +200,7 @@ bool _write_png(const std::string &path, const std::vector<uint16_t> &px, uint32
         }
     std::vector<uint8_t> rgb(size_t{w} * h * 3);
     for (size_t i = 0; i < px.size(); ++i) _ramp(px[i], lo, hi, &rgb[i * 3]);
-    std::FILE *fp = std::fopen(path.c_str(), "wb");
-    if (!fp) return false;
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png ? png_create_info_struct(png) : nullptr;
-    const bool ok = info && _png_rows(png, info, fp, rgb.data(), w, h);
-    png_destroy_write_struct(&png, &info);
-    return std::fclose(fp) == 0 && ok;
+    return png_write(path, rgb.data(), w, h, 3);
 }
 
 bool _write_bytes(const std::string &path, const void *data, size_t n) {
