@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "tevix/tevix.h"
+#include "tool_lib.h"
 
 namespace {
 
@@ -60,41 +61,9 @@ std::vector<uint32_t> _numbers(const std::string &text) {
     return out;
 }
 
-// Library set-up for one command; the console shows library diagnostics only with -v.
-struct library {
-    explicit library(int verbosity) {
-        tevix_init("");
-        uint32_t level = verbosity >= 2 ? 0 : verbosity == 1 ? 4 : 7;
-        tevix_log_cfg(level, 7, level);
-    }
-    ~library() { tevix_uninit(); }
-    library(const library &) = delete;
-    library &operator=(const library &) = delete;
-};
-
-// An open camera for the duration of one command.
-class camera {
-  public:
-    explicit camera(const std::string &uri) {
-        dev_ = uri.empty() ? tevix_dev_open(nullptr) : tevix_dev_open_by_uri(uri.c_str());
-        if (!dev_)
-            std::fprintf(stderr, "tevix: cannot open %s\n",
-                         uri.empty() ? "a camera (none attached?)" : uri.c_str());
-    }
-    ~camera() {
-        if (dev_) tevix_dev_close(dev_);
-    }
-    camera(const camera &) = delete;
-    camera &operator=(const camera &) = delete;
-    tevix_dev_t *get() const { return dev_; }
-
-  private:
-    tevix_dev_t *dev_ = nullptr;
-};
-
 int _cmd_info(const camera_cmds &c) {
-    library lib(c.verbosity);
-    camera cam(c.uri);
+    tool_library lib(c.verbosity);
+    tool_device cam(c.uri);
     if (!cam.get()) return k_exit_failed;
     tevix_dev_t *dev = cam.get();
     char uri[300];
@@ -147,8 +116,8 @@ int _cmd_param(const camera_cmds &c) {
         item.len = static_cast<uint8_t>(words.size() * (u16 ? 2 : 4));
         if (*id == TEVIX_PARAM_ROI) item.len = 13;
     }
-    library lib(c.verbosity);
-    camera cam(c.uri);
+    tool_library lib(c.verbosity);
+    tool_device cam(c.uri);
     if (!cam.get()) return k_exit_failed;
     if (c.param_set) {
         if (!tevix_param_batch_set(cam.get(), &item, 1)) {
@@ -171,8 +140,8 @@ int _cmd_param(const camera_cmds &c) {
 }
 
 int _cmd_reg(const camera_cmds &c) {
-    library lib(c.verbosity);
-    camera cam(c.uri);
+    tool_library lib(c.verbosity);
+    tool_device cam(c.uri);
     if (!cam.get()) return k_exit_failed;
     if (c.reg_write) {
         std::vector<uint32_t> values = c.reg_values;
@@ -201,8 +170,8 @@ int _cmd_reg(const camera_cmds &c) {
 }
 
 int _cmd_filter(const camera_cmds &c) {
-    library lib(c.verbosity);
-    camera cam(c.uri);
+    tool_library lib(c.verbosity);
+    tool_device cam(c.uri);
     if (!cam.get()) return k_exit_failed;
     int r;
     if (c.filter_enable) {
@@ -234,8 +203,8 @@ int _on_error(tevix_dev_t *, int code, uint32_t extra) {
 }
 
 int _cmd_capture(const camera_cmds &c) {
-    library lib(c.verbosity);
-    camera cam(c.uri);
+    tool_library lib(c.verbosity);
+    tool_device cam(c.uri);
     if (!cam.get()) return k_exit_failed;
     tevix_dev_t *dev = cam.get();
     tevix_cap_cfg_t cfg{};

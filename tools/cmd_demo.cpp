@@ -11,6 +11,7 @@
 
 #include "png_out.h"
 #include "tevix/tevix.h"
+#include "tool_lib.h"
 
 namespace {
 
@@ -19,44 +20,20 @@ constexpr int k_exit_failed = 1;
 constexpr uint32_t k_frame_buf = 8u << 20;
 constexpr uint16_t k_depth_max_mm = 6000;  // colour range of the depth picture
 
-struct library {
-    explicit library(int verbosity) {
-        tevix_init("");
-        uint32_t level = verbosity >= 2 ? 0 : verbosity == 1 ? 4 : 7;
-        tevix_log_cfg(level, 7, level);
-    }
-    ~library() { tevix_uninit(); }
-    library(const library &) = delete;
-    library &operator=(const library &) = delete;
-};
-
-struct device {
-    tevix_dev_t *dev = nullptr;
-    explicit device(tevix_dev_t *d) : dev(d) {}
-    ~device() {
-        if (dev) tevix_dev_close(dev);
-    }
-    device(const device &) = delete;
-    device &operator=(const device &) = delete;
-};
-
 // Captures for the given time while the engine records every raw frame into file.
 bool _capture_and_record(const demo_cmd &d, const std::string &file) {
-    device cam(d.uri.empty() ? tevix_dev_open(nullptr) : tevix_dev_open_by_uri(d.uri.c_str()));
-    if (!cam.dev) {
-        std::fprintf(stderr, "demo: no camera to open%s%s\n", d.uri.empty() ? "" : " at ",
-                     d.uri.c_str());
-        return false;
-    }
+    tool_device camera(d.uri);
+    tevix_dev_t *dev = camera.get();
+    if (!dev) return false;
     char uri[300];
-    std::printf("camera    %s  %s  serial %s\n", tevix_dev_get_uri(cam.dev, uri, sizeof uri),
-                cam.dev->product, cam.dev->serial);
+    std::printf("camera    %s  %s  serial %s\n", tevix_dev_get_uri(dev, uri, sizeof uri),
+                dev->product, dev->serial);
     tevix_cap_cfg_t cfg{};
-    tevix_cap_config_get(cam.dev, &cfg);
+    tevix_cap_config_get(dev, &cfg);
     cfg.save_replay = 1;
     cfg.save_file = file.c_str();
-    tevix_cap_config_set(cam.dev, &cfg);
-    if (!tevix_cap_start(cam.dev)) {
+    tevix_cap_config_set(dev, &cfg);
+    if (!tevix_cap_start(dev)) {
         std::fprintf(stderr, "demo: capture did not start\n");
         return false;
     }
@@ -67,14 +44,14 @@ bool _capture_and_record(const demo_cmd &d, const std::string &file) {
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     };
     while (elapsed() < d.seconds) {
-        int n = tevix_cap_get_frames(cam.dev, 1, buf.data(), k_frame_buf, nullptr);
+        int n = tevix_cap_get_frames(dev, 1, buf.data(), k_frame_buf, nullptr);
         if (n < 0) {
             std::fprintf(stderr, "demo: capture ended: %s\n", tevix_error_name(n));
             break;
         }
         frames += static_cast<uint32_t>(n);
     }
-    tevix_cap_stop(cam.dev);
+    tevix_cap_stop(dev);
     double s = elapsed();
     std::printf("captured  %u frames in %.1f s (%.1f fps), recorded to %s\n", frames, s,
                 s > 0 ? frames / s : 0.0, file.c_str());
@@ -101,22 +78,20 @@ bool _write_ply(const std::string &path, const std::vector<float> &xyz, uint32_t
 
 // Replays the recording and exports one frame.
 bool _replay_and_export(const demo_cmd &d, const std::string &file) {
-    device rec(tevix_dev_open_by_uri(("file://" + file).c_str()));
-    if (!rec.dev) {
-        std::fprintf(stderr, "demo: cannot open the recording %s\n", file.c_str());
-        return false;
-    }
-    if (!tevix_cap_start(rec.dev)) return false;
+    tool_device recording("file://" + file);
+    tevix_dev_t *rec = recording.get();
+    if (!rec) return false;
+    if (!tevix_cap_start(rec)) return false;
     std::vector<uint8_t> raw(k_frame_buf);
     tevix_frame_info_t info{};
     // The frame from the middle of the first second: past any start-up frames.
     int got = 0;
     for (int i = 0; i < 15; ++i) {
-        int n = tevix_cap_get_frames(rec.dev, 1, raw.data(), k_frame_buf, &info);
+        int n = tevix_cap_get_frames(rec, 1, raw.data(), k_frame_buf, &info);
         if (n <= 0) break;
         got = n;
     }
-    tevix_cap_stop(rec.dev);
+    tevix_cap_stop(rec);
     if (got <= 0 || info.width == 0 || info.height == 0) {
         std::fprintf(stderr, "demo: the recording delivered no frame\n");
         return false;
@@ -126,8 +101,8 @@ bool _replay_and_export(const demo_cmd &d, const std::string &file) {
                 info.format);
 
     std::vector<uint16_t> dist(n), gray(n);
-    if (tevix_frame_get_dist_u16(rec.dev, dist.data(), n, raw.data(), info.size, &info) <= 0 ||
-        tevix_frame_get_gray_u16(rec.dev, gray.data(), n, raw.data(), info.size, &info) <= 0) {
+    if (tevix_frame_get_dist_u16(rec, dist.data(), n, raw.data(), info.size, &info) <= 0 ||
+        tevix_frame_get_gray_u16(rec, gray.data(), n, raw.data(), info.size, &info) <= 0) {
         std::fprintf(stderr, "demo: the frame does not decode\n");
         return false;
     }
@@ -143,8 +118,8 @@ bool _replay_and_export(const demo_cmd &d, const std::string &file) {
         return false;
     }
     std::vector<float> metres(n), xyz(3 * n);
-    tevix_frame_get_dist_f32(rec.dev, metres.data(), n, raw.data(), info.size, &info);
-    if (tevix_frame_get_pcl(rec.dev, xyz.data(), 3 * n, metres.data(), n, w, h, nullptr) <= 0 ||
+    tevix_frame_get_dist_f32(rec, metres.data(), n, raw.data(), info.size, &info);
+    if (tevix_frame_get_pcl(rec, xyz.data(), 3 * n, metres.data(), n, w, h, nullptr) <= 0 ||
         !_write_ply(ply, xyz, n)) {
         std::fprintf(stderr, "demo: cannot write the point cloud\n");
         return false;
@@ -176,7 +151,7 @@ int tool_run_demo(const demo_cmd &d) {
         return k_exit_failed;
     }
     std::string file = (std::filesystem::path(d.out) / "capture.oni").string();
-    library lib(d.verbosity);
+    tool_library lib(d.verbosity);
     if (!_capture_and_record(d, file)) return k_exit_failed;
     return _replay_and_export(d, file) ? k_exit_ok : k_exit_failed;
 }
