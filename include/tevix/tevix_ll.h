@@ -49,14 +49,14 @@ typedef struct tevix_ll_dev {
     uint32_t if_type; /* TEVIX_LL_IF_* */
     union {
         struct {
-            uint8_t bus;       /* USB bus number */
-            uint8_t port;      /* port number */
-            uint8_t addr;      /* device address; 255 on open = any address on bus/port */
-            uint8_t speed;     /* link speed as libusb reports it */
-            char product[16];  /* product string, at most 15 characters */
-            char vendor[16];   /* manufacturer string, at most 15 characters */
+            uint8_t bus;      /* USB bus number */
+            uint8_t port;     /* port number */
+            uint8_t addr;     /* device address; 255 on open = any address on bus/port */
+            uint8_t speed;    /* link speed as libusb reports it */
+            char product[16]; /* product string, at most 15 characters */
+            char vendor[16];  /* manufacturer string, at most 15 characters */
         } usb;
-        const char *file;      /* replay: the recording's file name */
+        const char *file; /* replay: the recording's file name */
         uint8_t raw[48];
     } info;
     const struct tevix_ll_ops *ops; /* owning backend; NULL until a backend accepts the record */

@@ -40,8 +40,8 @@ typedef struct tevix_dev {
     } addr;
     char product[32]; /* "<model>-<chip code>-<revision>": selects the driver */
     char vendor[32];
-    char serial[32];  /* the three unique-id words as "%08X%08X%08X" */
-    uint64_t hw_id;   /* high 32 bits: XOR of the unique-id words; low: sensor part/wafer/chip */
+    char serial[32];     /* the three unique-id words as "%08X%08X%08X" */
+    uint64_t hw_id;      /* high 32 bits: XOR of the unique-id words; low: sensor part/wafer/chip */
     uint16_t version[4]; /* device version words: software, boot loader, hardware, reserved */
     const char *path_prefix; /* the library's path prefix, ending in a separator */
     void *api_mutex;         /* owned while open */
@@ -66,15 +66,14 @@ typedef struct tevix_param_item {
 } tevix_param_item_t;
 #pragma pack(pop)
 
-
 /* Frame information of one raw frame, filled by the driver (100 bytes; the bytes after the named
  * fields are zero, and the whole record is the input of the decode hash). */
 #pragma pack(push, 1)
 typedef struct tevix_frame_info {
-    uint32_t size;        /* frame size in bytes */
-    uint16_t format;      /* frame format code */
-    uint16_t index;       /* frame index */
-    uint32_t width;       /* 0 in the header means the mode's default width */
+    uint32_t size;   /* frame size in bytes */
+    uint16_t format; /* frame format code */
+    uint16_t index;  /* frame index */
+    uint32_t width;  /* 0 in the header means the mode's default width */
     uint32_t height;
     uint32_t depth;       /* formats < 256: bytes per pixel (size / width / height); else a word */
     uint32_t temperature; /* low 16 bits: board Tcb, high 16 bits: sensor Tib, signed, 0.1 C */
@@ -93,21 +92,21 @@ typedef struct tevix_roi {
 
 /* Filter ids of tevix_filter_enable / tevix_filter_disable. */
 enum {
-    TEVIX_FILTER_LENS_CALIB = 0,   /* lens undistortion */
-    TEVIX_FILTER_PIX_CALIB = 1,    /* per-pixel calibration */
-    TEVIX_FILTER_SMOOTH = 2,       /* median + bilateral IIR: u8[0] variant, u8[1] strength */
+    TEVIX_FILTER_LENS_CALIB = 0, /* lens undistortion */
+    TEVIX_FILTER_PIX_CALIB = 1,  /* per-pixel calibration */
+    TEVIX_FILTER_SMOOTH = 2,     /* median + bilateral IIR: u8[0] variant, u8[1] strength */
     TEVIX_FILTER_RESERVED3 = 3,
-    TEVIX_FILTER_MIN_AMP = 4,      /* u16 amplitude threshold */
-    TEVIX_FILTER_AUTO_INTG = 5,    /* u16 saturation ratio threshold, per mille */
-    TEVIX_FILTER_CONSISTENCY = 6,  /* u16 value written to the device on failure */
-    TEVIX_FILTER_TEMP_MONITOR = 7, /* u16 */
-    TEVIX_FILTER_HDR = 8,          /* u16[0], u16[1]: two integration times */
-    TEVIX_FILTER_OFFSET = 9,       /* s16 offset in mm */
-    TEVIX_FILTER_SPORT_MODE = 10,  /* u8 level 0..2 */
-    TEVIX_FILTER_SYS_CALIB = 11,   /* scale and offset read from the device */
-    TEVIX_FILTER_GRAY_SCALE = 12,  /* u16 divisor (0 taken as 1) */
-    TEVIX_FILTER_FLYING_PIXEL = 13,/* u8 level, at most 31 */
-    TEVIX_FILTER_TEMP_COMP = 14,   /* temperature compensation of calibrated distance */
+    TEVIX_FILTER_MIN_AMP = 4,       /* u16 amplitude threshold */
+    TEVIX_FILTER_AUTO_INTG = 5,     /* u16 saturation ratio threshold, per mille */
+    TEVIX_FILTER_CONSISTENCY = 6,   /* u16 value written to the device on failure */
+    TEVIX_FILTER_TEMP_MONITOR = 7,  /* u16 */
+    TEVIX_FILTER_HDR = 8,           /* u16[0], u16[1]: two integration times */
+    TEVIX_FILTER_OFFSET = 9,        /* s16 offset in mm */
+    TEVIX_FILTER_SPORT_MODE = 10,   /* u8 level 0..2 */
+    TEVIX_FILTER_SYS_CALIB = 11,    /* scale and offset read from the device */
+    TEVIX_FILTER_GRAY_SCALE = 12,   /* u16 divisor (0 taken as 1) */
+    TEVIX_FILTER_FLYING_PIXEL = 13, /* u8 level, at most 31 */
+    TEVIX_FILTER_TEMP_COMP = 14,    /* temperature compensation of calibrated distance */
     TEVIX_FILTER_COUNT = 15,
 };
 

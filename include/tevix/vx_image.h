@@ -2,8 +2,8 @@
 #ifndef TEVIX_VX_IMAGE_H
 #define TEVIX_VX_IMAGE_H
 
+#include "vx_cmap.h"
 #include "vx_filter.h"
 #include "vx_pcl.h"
-#include "vx_cmap.h"
 
 #endif

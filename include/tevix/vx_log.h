@@ -72,8 +72,8 @@ TEVIX_API void vx_log_reload(vx_log_t *ctx, int truncate) TEVIX_NOEXCEPT;
 
 /* Formatted message with the prefix "YYYYMMDD hh:mm:ss.mmm[thread][tag]". tag NULL: the
  * context's default tag. No newline is added. */
-TEVIX_API void vx_log(vx_log_t *ctx, uint32_t level, const char *tag, const char *fmt, ...)
-    TEVIX_NOEXCEPT TEVIX_PRINTF(4, 5);
+TEVIX_API void vx_log(vx_log_t *ctx, uint32_t level, const char *tag, const char *fmt,
+                      ...) TEVIX_NOEXCEPT TEVIX_PRINTF(4, 5);
 
 /* As vx_log; with raw set no prefix is made (colour is still applied on a terminal). */
 TEVIX_API void vx_log_fprintf(vx_log_t *ctx, uint32_t level, int raw, const char *tag,
