@@ -225,3 +225,36 @@ TEST_F(e2e, callback_delivery_and_unplug) {
     e2e_env::cam()->replug();
     tevix::plat::sleep_ms(500);
 }
+
+TEST_F(e2e, transfer_timeouts_accumulate_over_data_and_stop_with_minus_5) {
+    tevix_dev_t *dev = open_listed();
+    ASSERT_NE(dev, nullptr);
+    ASSERT_EQ(tevix_cap_start(dev), 1);
+    std::vector<uint8_t> raw(8u << 20);
+    auto pull = [&] {
+        return tevix_cap_get_frames(dev, 1, raw.data(), static_cast<uint32_t>(raw.size()), nullptr);
+    };
+    ASSERT_EQ(pull(), 1);
+    // The camera holds every transfer: the 16 in flight time out together (8.5 s each round).
+    e2e_env::cam()->hold_in(true);
+    auto wait_timeouts = [&](uint64_t n) {
+        for (int i = 0; i < 300 && e2e_env::cam()->stats().discards < n; ++i)
+            tevix::plat::sleep_ms(100);
+    };
+    wait_timeouts(16);
+    EXPECT_EQ(tevix_cap_is_ongoing(dev), 1);
+    // Data in between does not reset the count.
+    e2e_env::cam()->hold_in(false);
+    int n = 0;
+    for (int i = 0; i < 20 && n != 1; ++i) n = pull();
+    EXPECT_EQ(n, 1);
+    e2e_env::cam()->hold_in(true);
+    int result = 0;
+    auto t0 = tevix::plat::mono_ms();
+    while (result >= 0 && tevix::plat::mono_ms() - t0 < 40000) result = pull();
+    EXPECT_EQ(result, TEVIX_ERR_CAP_TIMEOUT);
+    EXPECT_EQ(tevix_cap_is_ongoing(dev), 0);
+    e2e_env::cam()->hold_in(false);
+    tevix_cap_stop(dev);
+    tevix_dev_close(dev);
+}
