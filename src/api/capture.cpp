@@ -244,7 +244,6 @@ int _tevix_cap_get_frames(tevix_dev_t *dev, uint32_t frame_num, uint8_t *buf, ui
             return err;
         }
     }
-    uint32_t delivered = 0;
     for (;;) {
         bool timed_out = false;
         {
@@ -263,13 +262,12 @@ int _tevix_cap_get_frames(tevix_dev_t *dev, uint32_t frame_num, uint8_t *buf, ui
                 }
             }
         }
-        delivered += _cap_handle_rdy_data(dev);
+        _cap_handle_rdy_data(dev);
         if (timed_out || s->req.full || s->req.got >= s->req.max || s->stop_req || timeout_ms == 0)
             break;
     }
     s->req.active = false;
     int result = static_cast<int>(s->req.got);
-    (void)delivered;
     if (s->capturing != 1) {
         VX_LOG_AS(VX_LOG_DBG, caller, "[%s]device is not capturing\n");
         result = TEVIX_ERR_CAP_WRONG_STATE;
