@@ -149,7 +149,7 @@ void camera::reset() {
         fw_ = firmware(cfg_);
         _hooks();
         hold_ = halted_ = hold_ctrl_ = false;
-        error_n_ = garbage_n_ = drop_n_ = corrupt_n_ = 0;
+        stall_n_ = error_n_ = garbage_n_ = drop_n_ = corrupt_n_ = 0;
         reenum_at_ = replug_at_ = 0;
         _stop();
         tap_ = nullptr;
@@ -201,7 +201,9 @@ void camera::_pump() {
     bool consumed = false;
     while (!in_pending_.empty()) {
         urb u = in_pending_.front();
-        if (halted_) {
+        if (halted_ || stall_n_) {
+            if (stall_n_) --stall_n_;
+            ++st_.stalls;
             in_pending_.pop_front();
             _finish(u, -EPIPE, 0);
             continue;
@@ -425,6 +427,12 @@ void camera::hold_in(bool on) {
 void camera::stall() {
     std::lock_guard lk(m_);
     halted_ = true;
+    _pump();
+}
+
+void camera::stall_next(uint32_t n) {
+    std::lock_guard lk(m_);
+    stall_n_ = n;
     _pump();
 }
 

@@ -138,6 +138,7 @@ struct usb_stats {
     uint64_t urbs_done = 0;    // URBs reaped by the host
     uint64_t discards = 0;     // URBs the host cancelled (or timed out)
     uint64_t clear_halts = 0;  // CLEAR_HALT requests
+    uint64_t stalls = 0;       // bulk-in URBs ended with a stall
     uint64_t bytes_in = 0;     // stream bytes delivered
     uint64_t frames = 0;       // frames emitted
     uint32_t pending_in = 0;   // bulk-in URBs waiting for data now
@@ -167,6 +168,7 @@ class camera {
     void hold_control(bool on);           // control requests get no answer
     void hold_in(bool on);                // bulk-in URBs get no data: the host's timeout ends them
     void stall();                         // the endpoint halts until CLEAR_HALT
+    void stall_next(uint32_t n);          // next n bulk-in URBs end with a stall (-EPIPE)
     void error_next(uint32_t n);          // next n bulk-in URBs end with -EPROTO
     void garbage_next(uint32_t bytes);    // garbage bytes before the next frame
     void drop_next(uint32_t chunks);      // next n chunks of stream bytes are lost
@@ -228,7 +230,7 @@ class camera {
     bool halted_ = false;
     bool hold_ = false;
     bool hold_ctrl_ = false;
-    uint32_t error_n_ = 0, garbage_n_ = 0, drop_n_ = 0, corrupt_n_ = 0;
+    uint32_t stall_n_ = 0, error_n_ = 0, garbage_n_ = 0, drop_n_ = 0, corrupt_n_ = 0;
     uint64_t reenum_at_ = 0, replug_at_ = 0;  // monotonic ms of a pending re-enumeration
     bool quit_ = false;
     usb_stats st_;

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -257,6 +258,123 @@ TEST_F(e2e, transfer_timeouts_accumulate_over_data_and_stop_with_minus_5) {
     EXPECT_EQ(result, TEVIX_ERR_CAP_TIMEOUT);
     EXPECT_EQ(tevix_cap_is_ongoing(dev), 0);
     e2e_env::cam()->hold_in(false);
+    tevix_cap_stop(dev);
+    tevix_dev_close(dev);
+}
+
+TEST_F(e2e, only_seventeen_consecutive_stalls_stop_the_capture) {
+    tevix_dev_t *dev = open_listed();
+    ASSERT_NE(dev, nullptr);
+    ASSERT_EQ(tevix_cap_start(dev), 1);
+    std::vector<uint8_t> raw(8u << 20);
+    auto pull = [&] {
+        return tevix_cap_get_frames(dev, 1, raw.data(), static_cast<uint32_t>(raw.size()), nullptr);
+    };
+    ASSERT_EQ(pull(), 1);
+    tevix::emu::camera *cam = e2e_env::cam();
+    auto stall = [&](uint32_t n) {
+        const uint64_t target = cam->stats().stalls + n;
+        cam->stall_next(n);
+        for (int i = 0; i < 100 && cam->stats().stalls < target; ++i) tevix::plat::sleep_ms(20);
+        EXPECT_EQ(cam->stats().stalls, target);
+    };
+    // 16 stalls, data, 16 stalls: the count restarts with every piece of data.
+    for (int round = 0; round < 2; ++round) {
+        stall(16);
+        for (int i = 0; i < 5; ++i) ASSERT_EQ(pull(), 1) << "round " << round << " frame " << i;
+        EXPECT_EQ(tevix_cap_is_ongoing(dev), 1);
+    }
+    EXPECT_GE(cam->stats().clear_halts, 32u);  // the host clears the halt after each stall
+    // The 17th in a row stops it: a pull reports the stall once.
+    stall(17);
+    int result = 1;
+    for (int i = 0; i < 50 && result >= 0; ++i) result = pull();
+    EXPECT_EQ(result, TEVIX_ERR_CAP_STALL);
+    EXPECT_EQ(tevix_cap_is_ongoing(dev), 0);
+    tevix_cap_stop(dev);
+    // A new start clears the count.
+    ASSERT_EQ(tevix_cap_start(dev), 1);
+    stall(16);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(pull(), 1);
+    tevix_cap_stop(dev);
+    tevix_dev_close(dev);
+}
+
+namespace {
+std::mutex g_err_m;
+std::vector<std::pair<int, uint32_t>> g_errs;
+std::atomic<int> g_err_answer{1};
+int _note_error(tevix_dev_t *, int code, uint32_t extra) {
+    std::lock_guard lk(g_err_m);
+    g_errs.emplace_back(code, extra);
+    return g_err_answer.load();
+}
+std::vector<std::pair<int, uint32_t>> _errors() {
+    std::lock_guard lk(g_err_m);
+    return g_errs;
+}
+}  // namespace
+
+TEST_F(e2e, lost_stream_bytes_are_reported_as_discards_and_a_false_answer_silences_pulls) {
+    tevix_dev_t *dev = open_listed();
+    ASSERT_NE(dev, nullptr);
+    tevix_cap_cfg_t cfg{};
+    tevix_cap_config_get(dev, &cfg);
+    cfg.on_cap_err = _note_error;
+    ASSERT_EQ(tevix_cap_config_set(dev, &cfg), 1);
+    {
+        std::lock_guard lk(g_err_m);
+        g_errs.clear();
+    }
+    g_err_answer = 1;
+    ASSERT_EQ(tevix_cap_start(dev), 1);
+    std::vector<uint8_t> raw(8u << 20);
+    auto pull = [&] {
+        return tevix_cap_get_frames(dev, 1, raw.data(), static_cast<uint32_t>(raw.size()), nullptr);
+    };
+    ASSERT_EQ(pull(), 1);
+    tevix::emu::camera *cam = e2e_env::cam();
+    // One lost chunk cuts a frame (two when it spans a frame's end): each report is 3 with the
+    // discarded total so far.
+    auto lose_and_pull = [&] {
+        cam->drop_next(1);
+        const size_t before = _errors().size();
+        for (int i = 0; i < 30 && _errors().size() == before; ++i) EXPECT_GE(pull(), 0);
+        for (int i = 0; i < 5; ++i) EXPECT_GE(pull(), 0);
+        return _errors().size() - before;
+    };
+    for (int loss = 1; loss <= 3; ++loss) {
+        ASSERT_GE(lose_and_pull(), 1u) << "loss " << loss;
+        auto errs = _errors();
+        for (size_t i = 0; i < errs.size(); ++i) {
+            EXPECT_EQ(errs[i].first, TEVIX_ERR_CAP_FRAME_DISCARD);
+            if (i) {
+                EXPECT_GT(errs[i].second, errs[i - 1].second);  // the total, not the difference
+            }
+        }
+        EXPECT_GE(errs.back().second, static_cast<uint32_t>(loss));
+        EXPECT_EQ(tevix_cap_is_ongoing(dev), 1);
+    }
+
+    // The host answers false: every later pull delivers nothing, though the camera streams on.
+    g_err_answer = 0;
+    cam->drop_next(1);
+    const size_t before = _errors().size();
+    for (int i = 0; i < 30 && _errors().size() == before; ++i) pull();
+    ASSERT_GT(_errors().size(), before);
+    const uint64_t frames_then = cam->stats().frames;
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(pull(), 0);
+        tevix::plat::sleep_ms(30);
+    }
+    EXPECT_EQ(tevix_cap_get_frame(dev, raw.data(), static_cast<uint32_t>(raw.size()), nullptr), 0);
+    EXPECT_GT(cam->stats().frames, frames_then);
+
+    // Until the next start.
+    g_err_answer = 1;
+    tevix_cap_stop(dev);
+    ASSERT_EQ(tevix_cap_start(dev), 1);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(pull(), 1);
     tevix_cap_stop(dev);
     tevix_dev_close(dev);
 }
