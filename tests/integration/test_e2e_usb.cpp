@@ -378,3 +378,52 @@ TEST_F(e2e, lost_stream_bytes_are_reported_as_discards_and_a_false_answer_silenc
     tevix_cap_stop(dev);
     tevix_dev_close(dev);
 }
+
+// Three threads on one camera: one pulls, one sets parameters while frames flow, and one closes
+// while a pull waits for data that the camera holds back.
+TEST_F(e2e, pulls_sets_and_a_close_from_three_threads) {
+    tevix_dev_t *dev = open_listed();
+    ASSERT_NE(dev, nullptr);
+    ASSERT_EQ(tevix_cap_start(dev), 1);
+    std::atomic<int> pulled{0}, last{1}, sets_ok{0};
+    std::atomic<bool> waiting{false}, stop_sets{false};
+    std::thread puller([&] {
+        std::vector<uint8_t> raw(8u << 20);
+        int n = 1;
+        while (n > 0) {  // while data flows every pull gets its frame; the close ends the last
+            waiting = true;
+            n = tevix_cap_get_frames(dev, 1, raw.data(), static_cast<uint32_t>(raw.size()),
+                                     nullptr);
+            waiting = false;
+            if (n > 0) pulled += n;
+        }
+        last = n;
+    });
+    std::thread setter([&] {
+        for (uint32_t i = 0; !stop_sets; ++i) {
+            tevix_param_item_t intg = _u32_item(TEVIX_PARAM_INTG1, 200 + i % 100, 0, 2);
+            if (tevix_param_batch_set(dev, &intg, 1) == 1) ++sets_ok;
+        }
+    });
+    for (int i = 0; i < 200 && (pulled < 30 || sets_ok < 30); ++i) tevix::plat::sleep_ms(20);
+    stop_sets = true;
+    setter.join();
+    EXPECT_GE(pulled.load(), 30);
+    EXPECT_GE(sets_ok.load(), 30);
+
+    e2e_env::cam()->hold_in(true);
+    tevix::plat::sleep_ms(300);  // the puller is now inside a pull that cannot complete
+    EXPECT_TRUE(waiting.load());
+    uint64_t took = 0;
+    std::thread closer([&] {
+        const uint64_t t0 = tevix::plat::mono_ms();
+        tevix_dev_close(dev);
+        took = tevix::plat::mono_ms() - t0;
+    });
+    closer.join();
+    puller.join();
+    EXPECT_LT(took, 20000u);
+    EXPECT_LE(last.load(), 0);
+    EXPECT_EQ(dev->session, nullptr);
+    e2e_env::cam()->hold_in(false);
+}
