@@ -14,6 +14,7 @@
 #   pass finds the references first and the measuring pass includes them. ratio = this rate / the reference's rate (for times: reference time / this
 #   time), so a ratio above 1 means faster than the reference. No label, no ratio.
 # - Extra words in the label after the ref= item are ignored.
+# - The benchmark's own counters (state.counters) follow as name=value.
 # Set BENCH_BUILD_DIR to use another build directory than build/release.
 set -euo pipefail
 
@@ -58,6 +59,15 @@ def rate(b):
     if "items_per_second" in b:
         return b["items_per_second"] / 1e6, "M items/s", True
     return b["real_time"], b.get("time_unit", "ns"), False
+
+STANDARD = {"family_index", "per_family_instance_index", "repetitions", "repetition_index",
+            "threads", "iterations", "real_time", "cpu_time", "bytes_per_second",
+            "items_per_second"}
+
+def counters(b):
+    # The benchmark's own counters (state.counters), as name=value.
+    return "".join(f" {k}={v:.4g}" for k, v in b.items()
+                   if k not in STANDARD and isinstance(v, (int, float)) and not isinstance(v, bool))
 
 def ref_of(b):
     m = re.search(r"(?:^|\s)ref=(\S+)", b.get("label", ""))
@@ -110,6 +120,6 @@ for t in targets:
                 rv = rate(r)[0]
                 ratio = (value / rv) if is_rate else (rv / value)
                 line += f" ratio={ratio:.2f} vs {ref}"
-        print(line, flush=True)
+        print(line + counters(b), flush=True)
 sys.exit(status)
 PY

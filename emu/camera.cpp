@@ -152,7 +152,7 @@ void camera::reset() {
         stall_n_ = error_n_ = garbage_n_ = drop_n_ = corrupt_n_ = 0;
         reenum_at_ = replug_at_ = 0;
         _stop();
-        tap_ = nullptr;
+        tap_ = frame_tap_ = nullptr;
         st_ = usb_stats{};
     }
     replug();
@@ -232,6 +232,7 @@ void camera::_pump() {
             queue_off_ += take;
             queued_ -= take;
             if (queue_off_ == front.size()) {
+                if (frame_tap_ && !drop) frame_tap_(front);
                 queue_.pop_front();
                 queue_off_ = 0;
             }
@@ -460,6 +461,11 @@ void camera::corrupt_cksum_next(uint32_t n) {
 void camera::set_tap(std::function<void(std::span<const uint8_t>)> tap) {
     std::lock_guard lk(m_);
     tap_ = std::move(tap);
+}
+
+void camera::set_frame_tap(std::function<void(std::span<const uint8_t>)> tap) {
+    std::lock_guard lk(m_);
+    frame_tap_ = std::move(tap);
 }
 
 usb_stats camera::stats() const {

@@ -182,6 +182,9 @@ class camera {
 
     // Every stream byte delivered to the host, in order (called under the camera's lock).
     void set_tap(std::function<void(std::span<const uint8_t>)> tap);
+    // Each frame's stream bytes (or injected garbage) once the last byte is in a bulk-in URB
+    // (under the camera's lock).
+    void set_frame_tap(std::function<void(std::span<const uint8_t>)> tap);
     usb_stats stats() const;
     bool streaming() const;
 
@@ -234,7 +237,7 @@ class camera {
     uint64_t reenum_at_ = 0, replug_at_ = 0;  // monotonic ms of a pending re-enumeration
     bool quit_ = false;
     usb_stats st_;
-    std::function<void(std::span<const uint8_t>)> tap_;
+    std::function<void(std::span<const uint8_t>)> tap_, frame_tap_;
     vx_ostream_t *os_ = nullptr;
     std::vector<uint8_t> frame_;
     std::thread producer_;
