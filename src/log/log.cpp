@@ -201,6 +201,7 @@ int vx_log_cfg(vx_log_t *ctx, uint32_t target, uint32_t level, uint8_t flush) no
     // Targets beyond the three slots would write past the arrays: refused.
     if (target > VX_LOG_TARGET_THIRD) return 0;
     ctx->flush[target] = flush;
+    if (!ctx->inited) return 0;
     if (target == VX_LOG_TARGET_FILE && !ctx->fp) return 0;
     ctx->level[target] = level;
     return 1;

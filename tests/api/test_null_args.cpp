@@ -1,0 +1,1007 @@
+// Every public call fed null pointers, closed devices, zero counts and short buffers: each case
+// checks the documented result and, where one is documented, the line the call logs.
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdarg>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "api/session.h"
+#include "drivers/drv.h"
+#include "ll/dispatch.h"
+#include "test_util.h"
+#include "tevix/tevix.h"
+#include "tevix/tevix_ll.h"
+#include "tevix/tevix_param.h"
+#include "tevix/vx_image.h"
+#include "tevix/vx_log.h"
+#include "tevix/vx_stream.h"
+
+namespace {
+
+constexpr uint32_t k_w = 8, k_h = 4, k_n = k_w * k_h;
+constexpr uint16_t k_bad_format = 0xBAD;
+
+// A transport that accepts every batch and register access but opens nothing.
+int g_ll_calls = 0;
+int _count_items(tevix_ll_dev_t *, tevix_param_wire_t *, uint32_t) {
+    ++g_ll_calls;
+    return 1;
+}
+int _count_regs(tevix_ll_dev_t *, uint8_t, uint32_t, uint8_t *, uint16_t) {
+    ++g_ll_calls;
+    return 1;
+}
+const tevix_ll_ops k_link_ops = {
+    .init = [] { return 1; },
+    .uninit = nullptr,
+    .set_debug = nullptr,
+    .dev_open = [](tevix_ll_dev_t *) -> tevix_ll_dev_t * { return nullptr; },
+    .dev_open_by_fd = nullptr,
+    .dev_close = nullptr,
+    .dev_list = [](tevix_ll_dev_t *, uint32_t) -> uint32_t { return 0; },
+    .exe_cmd = nullptr,
+    .tx_data = nullptr,
+    .cap_abort = nullptr,
+    .cap_wait = nullptr,
+    .cap_start = nullptr,
+    .cap_stop = nullptr,
+    .cap_seek = nullptr,
+    .dev_reset = nullptr,
+    .reg_write = _count_regs,
+    .reg_read = _count_regs,
+    .param_set = _count_items,
+    .param_get = _count_items,
+};
+
+// A driver that decodes any frame of the right size (one failing format aside) and has a pinhole
+// lens; a second one has no lens at all.
+int32_t _decode(tevix_drv_t *, uint8_t *out, uint32_t cap, uint32_t, const uint8_t *, uint32_t,
+                const tevix_frame_info_t *info) {
+    if (info->format == k_bad_format) return -5;
+    uint32_t n = info->width * info->height;
+    if (cap < 2 * n) return -1;
+    std::memset(out, 0, 2 * n);
+    return static_cast<int32_t>(2 * n);
+}
+bool _lens(tevix_drv_t *, tevix_lens_param_t *lens, uint32_t w, uint32_t h) {
+    *lens = tevix_lens_param_t{};
+    lens->cx = w / 2.0;
+    lens->cy = h / 2.0;
+    lens->fx = lens->fy = 10.0;
+    lens->width = w;
+    lens->height = h;
+    return true;
+}
+tevix_drv_ops g_ops = [] {
+    tevix_drv_ops ops{};
+    ops.frame_decode = _decode;
+    ops.lens_param_get = _lens;
+    return ops;
+}();
+tevix_drv_ops g_blind_ops = [] {
+    tevix_drv_ops ops{};
+    ops.frame_decode = _decode;
+    return ops;
+}();
+tevix_drv_t g_drv{"test driver", "X1", &g_ops, nullptr, nullptr};
+tevix_drv_t g_blind_drv{"blind driver", "X2", &g_blind_ops, nullptr, nullptr};
+
+// One call of the sweep: its result as a number, the result it must give, and the text it must
+// log (nullptr: not checked; "": nothing at all).
+struct call_case {
+    const char *what;
+    std::function<long long()> call;
+    long long expect;
+    const char *log = nullptr;
+};
+
+long long _is_set(const void *p) {
+    return p != nullptr;
+}
+
+// Every byte of a record still zero.
+template <class T>
+bool _all_zero(const T &rec) {
+    const auto *p = reinterpret_cast<const uint8_t *>(&rec);
+    for (size_t i = 0; i < sizeof rec; ++i)
+        if (p[i]) return false;
+    return true;
+}
+
+int _frdy_calls = 0;
+void _on_frame(tevix_dev_t *, const tevix_frame_t *) {
+    ++_frdy_calls;
+}
+int _on_error(tevix_dev_t *, int, uint32_t) {
+    return 1;
+}
+
+class null_args : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        old_usb_ = tevix::ll::backend_swap(tevix::ll::k_backend_usb, &k_link_ops);
+        old_file_ = tevix::ll::backend_swap(tevix::ll::k_backend_file, &k_link_ops);
+        log_ = dir_.file("null.log");
+        ASSERT_NE(vx_log_init(nullptr, log_.c_str(), "VX"), nullptr);
+        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
+        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
+        g_ll_calls = 0;
+
+        tevix_ll_dev_t ll{};
+        ll.ops = &k_link_ops;
+        ASSERT_TRUE(tevix::api::session_attach(&dev_, ll));
+        dev_.inited = 1;
+        tevix_session *s = dev_.session;
+        s->drv = &g_drv;
+        s->fb_slots = 10;
+        s->stream = vx_stream_create(&s->fb_slots);
+        ASSERT_NE(s->stream, nullptr);
+        ASSERT_EQ(vx_cmap_init(tevix::api::default_cmap(), 1024), 0);
+
+        info_.width = k_w;
+        info_.height = k_h;
+        info_.size = k_n * 8;
+        raw_.assign(info_.size, 0);
+    }
+    void TearDown() override {
+        vx_cmap_uninit(tevix::api::default_cmap());
+        if (dev_.session) vx_stream_destroy(dev_.session->stream);
+        tevix::api::session_detach(&dev_);
+        vx_log_uninit(nullptr);
+        tevix::ll::backend_swap(tevix::ll::k_backend_usb, old_usb_);
+        tevix::ll::backend_swap(tevix::ll::k_backend_file, old_file_);
+    }
+    std::string log() { return tevix::test::read_file(log_); }
+
+    // Runs each case and checks its result and what it added to the log.
+    void sweep(const std::vector<call_case> &cases) {
+        for (const call_case &c : cases) {
+            size_t before = log().size();
+            EXPECT_EQ(c.call(), c.expect) << c.what;
+            if (!c.log) continue;
+            std::string added = log().substr(before);
+            if (c.log[0] == '\0')
+                EXPECT_EQ(added, "") << c.what;
+            else
+                EXPECT_NE(added.find(c.log), std::string::npos) << c.what << "\nlogged:\n" << added;
+        }
+    }
+
+    tevix::test::temp_dir dir_;
+    std::string log_;
+    const tevix_ll_ops *old_usb_ = nullptr, *old_file_ = nullptr;
+    tevix_dev_t dev_{};     // open over the fake transport, with the test driver
+    tevix_dev_t closed_{};  // never opened
+    tevix_frame_info_t info_{};
+    std::vector<uint8_t> raw_;
+};
+
+}  // namespace
+
+TEST(null_args_lifecycle, init_and_uninit_in_any_order) {
+    tevix::test::temp_dir dir;
+    const std::filesystem::path old = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path());
+    const tevix_ll_ops *usb = tevix::ll::backend_swap(tevix::ll::k_backend_usb, &k_link_ops);
+    const tevix_ll_ops *file = tevix::ll::backend_swap(tevix::ll::k_backend_file, &k_link_ops);
+
+    tevix_uninit();  // before any init: nothing to undo
+    tevix_log_cfg(VX_LOG_OFF, VX_LOG_OFF, 0);
+    EXPECT_FALSE(vx_log_default()->inited);
+
+    // No log path: the file is named by today's date in the working directory.
+    tevix_init(nullptr);
+    EXPECT_TRUE(vx_log_default()->inited);
+    tevix_init("");  // a second init changes nothing
+    std::string name;
+    for (const auto &e : std::filesystem::directory_iterator(dir.path()))
+        name = e.path().filename().string();
+    EXPECT_TRUE(std::regex_match(name, std::regex("tevix_20[0-9]{6}\\.log"))) << name;
+    EXPECT_EQ(tevix_path_get(), std::string(""));
+    tevix_uninit();
+    tevix_uninit();
+    EXPECT_FALSE(vx_log_default()->inited);
+    std::string text = tevix::test::read_file(dir.file(name));
+    EXPECT_EQ(text.find("---- TEVIX v1.81.4"), 1u) << text;  // after the banner's blank line
+    EXPECT_NE(text.find("---- TEVIX log END ----\n\n"), std::string::npos);
+
+    tevix::ll::backend_swap(tevix::ll::k_backend_usb, usb);
+    tevix::ll::backend_swap(tevix::ll::k_backend_file, file);
+    std::filesystem::current_path(old);
+}
+
+TEST_F(null_args, session_calls) {
+    tevix_dev_t one{}, eth{}, odd{};
+    eth.type = TEVIX_DEV_ETH;  // no transport serves it
+    odd.type = TEVIX_DEV_DEFAULT;
+    odd.inited = 1;
+    tevix_dev_info_t info;
+    char uri[64];
+    std::vector<char> tiny(4, 'X');
+    sweep({
+        {"list into nothing", [&] { return tevix_dev_list(nullptr, 3); }, 0,
+         "[tevix_dev_list]  wrong params: dev_list=(nil), dev_list_num=3 \n"},
+        {"list of a negative count", [&] { return tevix_dev_list(&one, -1); }, 0,
+         "dev_list_num=-1 \n"},
+        {"open by descriptor", [&] { return _is_set(tevix_dev_open_by_fd(-1)); }, 0,
+         "[tevix_dev_open_by_fd]tevix_dev_open_by_fd currently only support in android!\n"},
+        {"open a record no transport takes", [&] { return _is_set(tevix_dev_open(&eth)); }, 0,
+         "[tevix_dev_open]open device failed!\n"},
+        {"uri of no record", [&] { return _is_set(tevix_dev_get_uri(nullptr, uri, 64)); }, 0, ""},
+        {"uri into no buffer", [&] { return _is_set(tevix_dev_get_uri(&dev_, nullptr, 64)); }, 0},
+        {"uri into zero bytes", [&] { return _is_set(tevix_dev_get_uri(&dev_, uri, 0)); }, 0},
+        {"uri of a record never listed",
+         [&] { return _is_set(tevix_dev_get_uri(&closed_, uri, 64)); }, 0,
+         "[tevix_dev_get_uri]get uri failed : device not inited\n"},
+        {"uri of an unknown type", [&] { return _is_set(tevix_dev_get_uri(&odd, uri, 64)); }, 0,
+         "[tevix_dev_get_uri]unknown device type: 99\n"},
+        {"uri cut to a 4-byte buffer",
+         [&] { return std::strcmp(tevix_dev_get_uri(&dev_, tiny.data(), 4), "usb"); }, 0},
+        {"info of no record", [&] { return tevix_dev_get_info(nullptr, &info); }, 0},
+        {"info of a closed record", [&] { return tevix_dev_get_info(&closed_, &info); }, 0},
+        {"reset of no record", [&] { return tevix_dev_reset(nullptr, 1); }, 0,
+         "[tevix_dev_reset] Device handler Is NULL!\r\n"},
+        {"close of no record and of a closed one",
+         [&] {
+             tevix_dev_close(nullptr);
+             tevix_dev_close(&closed_);
+             return _all_zero(closed_);
+         },
+         1},
+        {"no path prefix",
+         [&] {
+             tevix_path_set(nullptr);
+             return std::strcmp(tevix_path_get(), "");
+         },
+         0, "[tevix_path_set]PATH_PREIFX: \n"},
+    });
+    // The failed open leaves the record closed, with nothing allocated.
+    EXPECT_EQ(eth.session, nullptr);
+    EXPECT_EQ(eth.api_mutex, nullptr);
+}
+
+TEST_F(null_args, capture_calls) {
+    tevix_cap_cfg_t cfg{};
+    cfg.cache_frames_cnt = 10;
+    tevix_frame_info_t info{};
+    uint8_t buf[64] = {};
+    const char *handler = " Device handler Is NULL!\r\n";
+    sweep({
+        {"frame callback of no record",
+         [&] { return tevix_cap_set_callback_on_frame_ready(nullptr, _on_frame); }, 0, handler},
+        {"error callback of a closed record",
+         [&] { return tevix_cap_set_callback_on_error(&closed_, _on_error); }, 0,
+         "[tevix_cap_set_callback_on_error] Device handler Is NULL!\r\n"},
+        {"start of no record", [&] { return tevix_cap_start(nullptr); }, 0,
+         "[tevix_cap_start] Device handler Is NULL!\r\n"},
+        {"stop of a closed record", [&] { return tevix_cap_stop(&closed_); }, 0,
+         "[tevix_cap_stop] Device handler Is NULL!\r\n"},
+        {"ongoing of no record", [&] { return tevix_cap_is_ongoing(nullptr); }, 0},
+        {"ongoing of a closed record", [&] { return tevix_cap_is_ongoing(&closed_); }, 0},
+        {"config of no record", [&] { return tevix_cap_config_set(nullptr, &cfg); }, 0},
+        {"config of a closed record", [&] { return tevix_cap_config_set(&closed_, &cfg); }, 1,
+         "[tevix_cap_config_set]Cannot set capture config when device is closed \n"},
+        {"config read of no record", [&] { return tevix_cap_config_get(nullptr, &cfg); }, 0},
+        {"config read into nothing", [&] { return tevix_cap_config_get(&dev_, nullptr); }, 0},
+        {"config read of a closed record", [&] { return tevix_cap_config_get(&closed_, &cfg); }, 0},
+        {"pull of a closed record",
+         [&] { return tevix_cap_get_frames(&closed_, 1, buf, sizeof buf, &info); }, -1,
+         "[tevix_cap_get_frames]Wrong params\n"},
+        {"pull of zero frames",
+         [&] { return tevix_cap_get_frames(&dev_, 0, buf, sizeof buf, &info); }, -1,
+         "[tevix_cap_get_frames]Wrong params\n"},
+        {"one frame of no record",
+         [&] { return tevix_cap_get_frame(nullptr, buf, sizeof buf, &info); }, -1,
+         "[tevix_cap_get_frame]Wrong params\n"},
+        {"one frame into nothing while idle",
+         [&] { return tevix_cap_get_frame(&dev_, nullptr, 0, nullptr); }, TEVIX_ERR_CAP_WRONG_STATE,
+         "[tevix_cap_get_frame]device is not capturing\n"},
+        {"snapshot of a closed record",
+         [&] { return tevix_cap_snapshot(&closed_, buf, sizeof buf, &info); }, 0,
+         "[tevix_cap_snapshot]wrong parameters\n"},
+        {"save without a record", [&] { return tevix_cap_save_frame(nullptr, buf, 0, &info); },
+         -22},
+        {"save of a closed record", [&] { return tevix_cap_save_frame(&closed_, buf, 0, &info); },
+         -22},
+        {"save of no data", [&] { return tevix_cap_save_frame(&dev_, nullptr, 0, &info); }, -22},
+        {"save without frame info", [&] { return tevix_cap_save_frame(&dev_, buf, 0, nullptr); },
+         -22},
+        {"seek of no record", [&] { return tevix_cap_seek_frame(nullptr, 0, 0); }, -1,
+         "[tevix_cap_seek_frame] Device handler Is NULL!\r\n"},
+        {"a ready list of no frames cannot start",
+         [&] {
+             tevix_cap_cfg_t none{};
+             tevix_cap_config_set(&dev_, &none);
+             return tevix_cap_start(&dev_);
+         },
+         0, " capture buffer not set or size is not correct \n"},
+    });
+    EXPECT_EQ(_frdy_calls, 0);
+    EXPECT_EQ(dev_.busy, 0);
+}
+
+TEST_F(null_args, frame_decoding_calls) {
+    std::vector<uint16_t> u16(k_n);
+    std::vector<float> f32(k_n);
+    const uint8_t *raw = raw_.data();
+    const uint32_t raw_len = info_.size;
+    tevix_frame_info_t bad = info_;
+    bad.format = k_bad_format;
+    using u16_getter = int (*)(tevix_dev_t *, uint16_t *, uint32_t, const uint8_t *, uint32_t,
+                               const tevix_frame_info_t *);
+    using f32_getter = int (*)(tevix_dev_t *, float *, uint32_t, const uint8_t *, uint32_t,
+                               const tevix_frame_info_t *);
+    // Reported names: the two plain float getters speak as their typed twins.
+    const std::vector<std::pair<u16_getter, const char *>> u16s = {
+        {tevix_frame_get_dist_raw, "tevix_frame_get_dist_raw"},
+        {tevix_frame_get_dist_u16, "tevix_frame_get_dist_u16"},
+        {tevix_frame_get_gray_u16, "tevix_frame_get_gray_u16"}};
+    const std::vector<std::pair<f32_getter, const char *>> f32s = {
+        {tevix_frame_get_dist_f32, "tevix_frame_get_dist_f32"},
+        {tevix_frame_get_distance, "tevix_frame_get_dist_f32"},
+        {tevix_frame_get_gray_f32, "tevix_frame_get_gray_f32"},
+        {tevix_frame_get_gray, "tevix_frame_get_gray_f32"}};
+    std::vector<std::string> lines;  // kept alive for the cases below
+    lines.reserve(64);
+    auto line = [&](const char *name, const std::string &text) {
+        lines.push_back(std::string("[") + name + "]" + text);
+        return lines.back().c_str();
+    };
+    std::vector<call_case> cases;
+    for (const auto &[get, name] : u16s) {
+        cases.push_back(
+            {name, [&, get = get] { return get(nullptr, u16.data(), k_n, raw, raw_len, &info_); },
+             -1, line(name, " Device handler Is NULL!\r\n")});
+        cases.push_back(
+            {name, [&, get = get] { return get(&closed_, u16.data(), k_n, raw, raw_len, &info_); },
+             -1, line(name, " Device handler Is NULL!\r\n")});
+        cases.push_back({name,
+                         [&, get = get] { return get(&dev_, nullptr, k_n, raw, raw_len, &info_); },
+                         0, line(name, "wrong dst_len: 32 (wxh=8x4)\n")});
+        cases.push_back(
+            {name, [&, get = get] { return get(&dev_, u16.data(), k_n, nullptr, raw_len, &info_); },
+             0, line(name, "raw frame length too small: datalen=256, frlen=256\n")});
+        cases.push_back({name,
+                         [&, get = get] { return get(&dev_, u16.data(), 0, raw, raw_len, &info_); },
+                         0, line(name, "wrong dst_len: 0 (wxh=8x4)\n")});
+        cases.push_back({name,
+                         [&, get = get] { return get(&dev_, u16.data(), k_n, raw, 0, &info_); }, 0,
+                         line(name, "raw frame length too small: datalen=0, frlen=256\n")});
+        cases.push_back({name,
+                         [&, get = get] { return get(&dev_, u16.data(), k_n, raw, raw_len, &bad); },
+                         0, line(name, "raw frame decode to ")});
+    }
+    for (const auto &[get, name] : f32s) {
+        cases.push_back(
+            {name, [&, get = get] { return get(nullptr, f32.data(), k_n, raw, raw_len, &info_); },
+             -1, line(name, " Device handler Is NULL!\r\n")});
+        cases.push_back({name,
+                         [&, get = get] { return get(&dev_, nullptr, k_n, raw, raw_len, &info_); },
+                         0, line(name, "wrong dst_len: 32 (wxh=8x4)\n")});
+        cases.push_back(
+            {name, [&, get = get] { return get(&dev_, f32.data(), k_n - 1, raw, raw_len, &info_); },
+             0, line(name, "wrong dst_len: 31 (wxh=8x4)\n")});
+        cases.push_back({name,
+                         [&, get = get] { return get(&dev_, f32.data(), k_n, nullptr, 0, &info_); },
+                         0, line(name, "raw frame length too small: datalen=0, frlen=256\n")});
+        cases.push_back({name,
+                         [&, get = get] { return get(&dev_, f32.data(), k_n, raw, raw_len, &bad); },
+                         0, line(name, "raw frame decode to ")});
+    }
+    sweep(cases);
+    EXPECT_EQ(dev_.busy, 0);
+}
+
+TEST_F(null_args, point_cloud_and_lens_calls) {
+    std::vector<float> dist(k_n, 1.0f), gray(k_n, 500.0f), pcl(4 * k_n, -7.0f), img(k_n, 1.0f);
+    std::vector<uint16_t> img16(k_n, 1000);
+    tevix_lens_t lens{};
+    tevix_lens_calib_cfg_t lcfg{1, 1, 0};
+    const char *arg_error = "[tevix_lens_calib_apply]lens_calib_apply argument error\n";
+    sweep({
+        {"cloud of no record",
+         [&] {
+             return tevix_frame_get_pcl(nullptr, pcl.data(), 3 * k_n, dist.data(), k_n, k_w, k_h,
+                                        nullptr);
+         },
+         0},
+        {"cloud into nothing",
+         [&] {
+             return tevix_frame_get_pcl(&dev_, nullptr, 3 * k_n, dist.data(), k_n, k_w, k_h,
+                                        nullptr);
+         },
+         0, "[tevix_frame_get_pcl]Pcl output buffer too small"},
+        {"cloud of no distances",
+         [&] {
+             return tevix_frame_get_pcl(&dev_, pcl.data(), 3 * k_n, nullptr, k_n, k_w, k_h,
+                                        nullptr);
+         },
+         0},
+        {"cloud of too few distances",
+         [&] {
+             return tevix_frame_get_pcl(&dev_, pcl.data(), 3 * k_n, dist.data(), k_n - 1, k_w, k_h,
+                                        nullptr);
+         },
+         0},
+        {"cloud without any lens",
+         [&] {
+             dev_.session->drv = &g_blind_drv;
+             int r = tevix_frame_get_pcl(&dev_, pcl.data(), 3 * k_n, dist.data(), k_n, k_w, k_h,
+                                         nullptr);
+             dev_.session->drv = &g_drv;
+             return r;
+         },
+         0, "[tevix_frame_get_pcl]Cannot generate PCL: no lens parameter in driver.\n"},
+        {"cloud of an empty image",
+         [&] { return tevix_frame_get_pcl(&dev_, pcl.data(), 0, dist.data(), 0, 0, k_h, nullptr); },
+         0},
+        {"xyzd into nothing",
+         [&] {
+             return tevix_frame_get_pcl_xyzd(&dev_, nullptr, 4 * k_n, dist.data(), k_n, k_w, k_h, 1,
+                                             0.0f, 4.0f, nullptr);
+         },
+         0,
+         "[tevix_frame_get_pcl_xyzd]Pcl output buffer too small: only 128 floats, needs 32 x 4 "
+         "floats\n"},
+        {"xyzd into three floats a point",
+         [&] {
+             return tevix_frame_get_pcl_xyzd(&dev_, pcl.data(), 3 * k_n, dist.data(), k_n, k_w, k_h,
+                                             0, 0.0f, 4.0f, nullptr);
+         },
+         0, "only 96 floats, needs 32 x 4 floats\n"},
+        {"xyzd of no distances",
+         [&] {
+             return tevix_frame_get_pcl_xyzd(&dev_, pcl.data(), 4 * k_n, nullptr, k_n, k_w, k_h, 1,
+                                             0.0f, 4.0f, nullptr);
+         },
+         0},
+        {"xyzd of a closed record",
+         [&] {
+             return tevix_frame_get_pcl_xyzd(&closed_, pcl.data(), 4 * k_n, dist.data(), k_n, k_w,
+                                             k_h, 0, 0.0f, 4.0f, nullptr);
+         },
+         0},
+        {"xyzi of no distances",
+         [&] {
+             return tevix_frame_get_pcl_xyzi(&dev_, pcl.data(), 4 * k_n, nullptr, k_n, gray.data(),
+                                             k_n, k_w, k_h, 0, nullptr);
+         },
+         0},
+        {"xyzi below the balance range",
+         [&] {
+             return tevix_frame_get_pcl_xyzi(&dev_, pcl.data(), 4 * k_n, dist.data(), k_n,
+                                             gray.data(), k_n, k_w, k_h, -1025, nullptr);
+         },
+         0, "[tevix_frame_get_pcl_xyzi] wrong ir_balance value: -1025\n"},
+        {"xyzi into too few floats",
+         [&] {
+             return tevix_frame_get_pcl_xyzi(&dev_, pcl.data(), 4 * k_n - 1, dist.data(), k_n,
+                                             gray.data(), k_n, k_w, k_h, 0, nullptr);
+         },
+         0, "[tevix_frame_get_pcl_xyzi]Pcl output buffer too small: only 127 floats"},
+        {"lens switches of no record", [&] { return tevix_lens_calib_config_set(nullptr, &lcfg); },
+         0},
+        {"lens switches from nothing", [&] { return tevix_lens_calib_config_set(&dev_, nullptr); },
+         0},
+        {"lens switches read of no record",
+         [&] { return _is_set(tevix_lens_calib_config_get(nullptr)); }, 0},
+        {"lens switches read of a closed record",
+         [&] { return _is_set(tevix_lens_calib_config_get(&closed_)); }, 0},
+        {"apply on no record",
+         [&] {
+             return tevix_lens_calib_apply(nullptr, img.data(), k_n, img.data(), k_n, 1, 0, &info_,
+                                           nullptr);
+         },
+         0, arg_error},
+        {"apply on a closed record",
+         [&] {
+             return tevix_lens_calib_apply_gray_u16(&closed_, img16.data(), k_n, img16.data(), k_n,
+                                                    &info_, nullptr);
+         },
+         0, arg_error},
+        {"distances into nothing",
+         [&] {
+             return tevix_lens_calib_apply_dist_f32(&dev_, nullptr, k_n, img.data(), k_n, 0, &info_,
+                                                    nullptr);
+         },
+         0, arg_error},
+        {"distances from nothing",
+         [&] {
+             return tevix_lens_calib_apply_dist_u16(&dev_, img16.data(), k_n, nullptr, k_n, 1,
+                                                    &info_, nullptr);
+         },
+         0, arg_error},
+        {"grey without frame info",
+         [&] {
+             return tevix_lens_calib_apply_gray_f32(&dev_, img.data(), k_n, img.data(), k_n,
+                                                    nullptr, nullptr);
+         },
+         0, arg_error},
+        {"grey from a short source",
+         [&] {
+             return tevix_lens_calib_apply_gray_u16(&dev_, img16.data(), k_n, img16.data(), k_n - 1,
+                                                    &info_, nullptr);
+         },
+         0,
+         "[tevix_lens_calib_apply]lens_calib_apply dst_len or src_len too small: dst_len=32, "
+         "src_len=31\n"},
+        {"distances into a short destination",
+         [&] {
+             return tevix_lens_calib_apply_dist_f32(&dev_, img.data(), 0, img.data(), k_n, 2,
+                                                    &info_, nullptr);
+         },
+         0, "dst_len=0, src_len=32\n"},
+        {"lens of no record", [&] { return tevix_lens_param_get(nullptr, &lens); }, 0},
+        {"lens into nothing", [&] { return tevix_lens_param_get(&dev_, nullptr); }, 0},
+        {"lens written from nothing", [&] { return tevix_lens_param_set(&dev_, nullptr); }, 0},
+        {"lens written to a closed record", [&] { return tevix_lens_param_set(&closed_, &lens); },
+         0},
+    });
+    for (float v : pcl) ASSERT_EQ(v, -7.0f);  // no refused call wrote a point
+    for (float v : img) ASSERT_EQ(v, 1.0f);
+    EXPECT_EQ(g_ll_calls, 0);  // nothing went to the device
+    EXPECT_EQ(dev_.busy, 0);
+
+    // A grey image shorter than the cloud colours its first points only; the rest stay black.
+    ASSERT_EQ(tevix_frame_get_pcl_xyzi(&dev_, pcl.data(), 4 * k_n, dist.data(), k_n, gray.data(), 1,
+                                       k_w, k_h, 0, nullptr),
+              static_cast<int>(k_n));
+    EXPECT_GT(pcl[3], 0.0f);
+    EXPECT_EQ(pcl[7], 0.0f);
+    ASSERT_EQ(tevix_frame_get_pcl_xyzi(&dev_, pcl.data(), 4 * k_n, dist.data(), k_n, nullptr, k_n,
+                                       k_w, k_h, 0, nullptr),
+              static_cast<int>(k_n));
+    EXPECT_EQ(pcl[3], 0.0f);
+}
+
+TEST_F(null_args, colour_calls) {
+    const uint16_t src16[2] = {100, 200};
+    const float srcf[2] = {0.5f, 1.0f};
+    std::vector<uint8_t> out(8, 0xEE);
+    const uint32_t palette = tevix_cmap_palette_get();
+    sweep({
+        {"palette beyond the last", [&] { return tevix_cmap_palette_set(64); }, 0},
+        {"palette kept", [&] { return tevix_cmap_palette_get(); }, palette},
+        {"u16 colours of nothing",
+         [&] { return tevix_cmap_dist_u16_to_RGB(out.data(), 8, nullptr, 2, 0, 0, 1000, nullptr); },
+         -22},
+        {"f32 colours into nothing",
+         [&] { return tevix_cmap_dist_f32_to_RGB(nullptr, 8, srcf, 2, 0, 0.0f, 4.0f, nullptr); },
+         -22},
+        {"f32 colours of nothing",
+         [&] {
+             return tevix_cmap_dist_f32_to_RGB(out.data(), 8, nullptr, 2, 0, 0.0f, 4.0f, nullptr);
+         },
+         -22},
+        {"f32 colours in format 8",
+         [&] { return tevix_cmap_dist_f32_to_RGB(out.data(), 8, srcf, 2, 8, 0.0f, 4.0f, nullptr); },
+         -22},
+        {"u16 colours into less than a pixel",
+         [&] {
+             return tevix_cmap_dist_u16_to_RGB(out.data(), 2, src16, 2, TEVIX_PIX_RGB, 0, 1000,
+                                               nullptr);
+         },
+         0},
+        {"f32 colours into less than a 4-byte pixel",
+         [&] {
+             return tevix_cmap_dist_f32_to_RGB(out.data(), 3, srcf, 2, TEVIX_PIX_ARGB, 0.0f, 4.0f,
+                                               nullptr);
+         },
+         0},
+        {"u16 colours of no pixels",
+         [&] {
+             return tevix_cmap_dist_u16_to_RGB(out.data(), 8, src16, 0, TEVIX_PIX_BGR, 0, 1000,
+                                               nullptr);
+         },
+         0},
+        {"infrared into nothing",
+         [&] { return tevix_cmap_gray_u16_to_IR(nullptr, 2, src16, 2, 640); }, 0},
+        {"infrared of nothing",
+         [&] { return tevix_cmap_gray_u16_to_IR(out.data(), 2, nullptr, 2, 640); }, 0},
+        {"f32 infrared into nothing",
+         [&] { return tevix_cmap_gray_f32_to_IR(nullptr, 2, srcf, 2, 640); }, 0},
+        {"f32 infrared of no pixels",
+         [&] { return tevix_cmap_gray_f32_to_IR(out.data(), 2, srcf, 0, 640); }, 0},
+    });
+    for (uint8_t b : out) EXPECT_EQ(b, 0xEE);
+}
+
+TEST_F(null_args, parameter_calls) {
+    uint32_t values[2] = {};
+    tevix_param_item_t item{};
+    sweep({
+        {"get of no record", [&] { return tevix_param_batch_get(nullptr, &item, 1); }, 0,
+         "[tevix_param_batch_get] Device handler Is NULL!\r\n"},
+        {"set of missing items", [&] { return tevix_param_batch_set(&dev_, nullptr, 2); }, 0},
+        {"get of missing items", [&] { return tevix_param_batch_get(&dev_, nullptr, 2); }, 0},
+        {"register write of no record",
+         [&] { return tevix_reg_batch_write(nullptr, 1, 0, values, 2); }, 0,
+         "[tevix_reg_batch_write] Device handler Is NULL!\r\n"},
+        {"register read into nothing",
+         [&] { return tevix_reg_batch_read(&dev_, 1, 0, nullptr, 2); }, 0,
+         "[tevix_reg_batch_read]target=1,reg_base=0,reg_cnt=2,val_buf=(nil)\n"},
+        {"filter on for no record: silent",
+         [&] { return tevix_filter_enable(nullptr, TEVIX_FILTER_MIN_AMP, nullptr); }, -1, ""},
+        {"filter off for no record: silent",
+         [&] { return tevix_filter_disable(nullptr, TEVIX_FILTER_MIN_AMP); }, -1, ""},
+    });
+    EXPECT_EQ(g_ll_calls, 0);  // no refused call reached the device
+    // An empty batch or zero registers still go to the device, which answers.
+    EXPECT_EQ(tevix_param_batch_get(&dev_, nullptr, 0), 1);
+    EXPECT_EQ(tevix_reg_batch_read(&dev_, 1, 0, nullptr, 0), 1);
+    EXPECT_EQ(g_ll_calls, 2);
+    EXPECT_EQ(dev_.busy, 0);
+}
+
+// Records that were never opened, handed to the real transports: nothing runs, nothing is kept.
+// The USB transport refuses every call; the replay transport answers commands, registers and
+// parameters with success whatever the state, as it does for an open recording.
+TEST_F(null_args, transport_calls_on_records_never_opened) {
+    uint8_t data[16] = {};
+    tevix_param_wire_t wire[2] = {};
+    for (const tevix_ll_ops *ops : {&usb_ll_ops, &file_ll_ops}) {
+        tevix_ll_dev_t rec{};
+        rec.ops = ops;
+        const bool usb = ops == &usb_ll_ops;
+        SCOPED_TRACE(usb ? "usb" : "file");
+        const long long accepts = usb ? 0 : 1;
+        sweep({
+            {"command", [&] { return tevix_ll_exe_cmd(&rec, 0, 0xCC, 0, data, 16, 10); }, accepts},
+            {"bulk data", [&] { return tevix_ll_tx_data(&rec, data, 16) <= 0; }, 1},
+            {"start", [&] { return tevix_ll_cap_start(&rec, 0, nullptr, nullptr); }, 0},
+            {"stop", [&] { return tevix_ll_cap_stop(&rec); }, 0},
+            {"seek", [&] { return tevix_ll_cap_seek(&rec, 1, 0); }, -1},
+            {"reset", [&] { return tevix_ll_dev_reset(&rec, 1); }, 0},
+            {"register write", [&] { return tevix_ll_reg_write(&rec, 1, 0, data, 2); }, accepts},
+            {"register read", [&] { return tevix_ll_reg_read(&rec, 1, 0, data, 2); }, accepts},
+            {"parameters set", [&] { return tevix_ll_param_set(&rec, wire, 2); }, accepts},
+            {"parameters get", [&] { return tevix_ll_param_get(&rec, nullptr, 2); }, accepts},
+            {"abort, wait and close",
+             [&] {
+                 tevix_ll_cap_abort(&rec);
+                 tevix_ll_cap_wait(&rec);
+                 tevix_ll_dev_close(&rec);
+                 return _is_set(rec.priv);
+             },
+             0},
+        });
+    }
+    // A recording record without a file name opens nothing and keeps no state.
+    tevix_ll_dev_t rec{};
+    rec.if_type = TEVIX_LL_IF_FILE;
+    rec.ops = &file_ll_ops;
+    EXPECT_EQ(tevix_ll_dev_open(&rec), nullptr);
+    EXPECT_EQ(rec.priv, nullptr);
+    EXPECT_EQ(tevix_ll_dev_open_by_fd(&rec, 3), nullptr);
+}
+
+TEST_F(null_args, calibration_file_calls) {
+    tevix_param_handle_t handle{};
+    tevix_lens_param_t lens{};
+    lens.cx = 1.5;
+    char buf[64];
+    std::vector<char> tiny(6, 'X');
+    tevix_dev_t dev{};
+    std::string prefix = dir_.path().string() + "/";
+    dev.path_prefix = prefix.c_str();
+    {
+        std::FILE *f = std::fopen(dir_.file("lens_param.txt").c_str(), "w");
+        ASSERT_NE(f, nullptr);
+        std::fputs("160 120 200 200 0.1 0.01 320 240\n", f);
+        std::fclose(f);
+    }
+    sweep({
+        {"open into no handle",
+         [&] { return tevix_param_open_file(nullptr, dir_.file("x.bin").c_str()); }, 0},
+        {"open of no path", [&] { return tevix_param_open_file(&handle, nullptr) + handle.opened; },
+         0, "[tevix_param_open_file]open calib bin failed: \n"},
+        {"close of no handle and of a closed one",
+         [&] {
+             tevix_param_close(nullptr);
+             tevix_param_close(&handle);
+             return _all_zero(handle);
+         },
+         1},
+        {"container name of no record",
+         [&] {
+             return std::strcmp(tevix_get_param_absolute_name(nullptr, buf, sizeof buf),
+                                "tevix_param_0.bin");
+         },
+         0},
+        {"container name into nothing",
+         [&] { return _is_set(tevix_get_param_absolute_name(&dev, nullptr, 64)); }, 0},
+        {"container name into zero bytes",
+         [&] { return tevix_get_param_absolute_name(&dev, tiny.data(), 0)[0]; }, 'X'},
+        {"container name cut to six bytes",
+         [&] {
+             dev.path_prefix = nullptr;
+             int r = std::strcmp(tevix_get_param_absolute_name(&dev, tiny.data(), 6), "tevix");
+             dev.path_prefix = prefix.c_str();
+             return r;
+         },
+         0},
+        {"lens name of no record",
+         [&] {
+             return std::strcmp(tevix_lens_param_filename(nullptr, buf, 64, 0, 1),
+                                "lens_param_0.txt");
+         },
+         0},
+        {"lens name into nothing",
+         [&] { return _is_set(tevix_lens_param_filename(&dev, nullptr, 64, 1, 1)); }, 0},
+        {"lens name into one byte",
+         [&] { return std::strlen(tevix_lens_param_filename(&dev, buf, 1, 1, 0)); }, 0},
+        {"binary lens of no name",
+         [&] { return _is_set(tevix_param_len_bin_load(nullptr, nullptr)); }, 0,
+         "[tevix_param_len_bin_load] Load : skipped\n"},
+        {"free of nothing",
+         [&] {
+             tevix_param_len_bin_free(nullptr);
+             return 0;
+         },
+         0},
+        {"text lens into no record",
+         [&] { return tevix_param_load_len_2d_file(&dev, nullptr, "lens_param.txt"); }, 0,
+         "[tevix_param_load_len_2d_file] Load lens_param.txt: skipped\n"},
+        {"text lens of no name",
+         [&] { return tevix_param_load_len_2d_file(nullptr, &lens, nullptr); }, 0},
+    });
+    EXPECT_EQ(lens.cx, 1.5);  // a failed load leaves the record untouched
+    EXPECT_EQ(tevix_param_load_len_2d_file(&dev, &lens, "lens_param.txt"), 1);
+    EXPECT_EQ(lens.width, 320u);
+}
+
+namespace {
+void _vlog(vx_log_t *ctx, const char *fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    vx_log_vfprintf(ctx, VX_LOG_ERR, 1, nullptr, fmt, args);
+    va_end(args);
+}
+}  // namespace
+
+TEST_F(null_args, log_calls) {
+    vx_log_t off{};  // never initialised
+    vx_log_t mine{};
+    std::string path = dir_.file("mine.log");
+    ASSERT_NE(vx_log_init(&mine, path.c_str(), "ME"), nullptr);
+    vx_log_cfg(&mine, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
+    vx_log_cfg(&mine, VX_LOG_TARGET_FILE, VX_LOG_DBG, 1);  // every write reaches the file at once
+    const uint8_t bytes[3] = {'a', 'b', 'c'};
+    auto size = [&] { return static_cast<long long>(tevix::test::read_file(path).size()); };
+    sweep({
+        {"console level of a context never started",
+         [&] { return vx_log_cfg(&off, VX_LOG_TARGET_CONSOLE, VX_LOG_ERR, 1); }, 0},
+        {"the flush switch is kept all the same", [&] { return off.flush[0]; }, 1},
+        {"file level of a context never started",
+         [&] { return vx_log_cfg(&off, VX_LOG_TARGET_FILE, VX_LOG_ERR, 0); }, 0},
+        {"third level of a context never started",
+         [&] { return vx_log_cfg(&off, VX_LOG_TARGET_THIRD, VX_LOG_ERR, 0); }, 0},
+        {"a target beyond the three", [&] { return vx_log_cfg(&mine, 3, VX_LOG_ERR, 1); }, 0},
+        {"rotation, reload and uninit of a context never started",
+         [&] {
+             vx_log_rotate_enable(&off, "backup.log", 10);
+             vx_log_rotate_disable(&off);
+             vx_log_reload(&off, 1);
+             vx_log_uninit(&off);
+             vx_log_uninit(&off);
+             return _all_zero(off);
+         },
+         1},
+        {"rotation without a backup path leaves the file in place",
+         [&] {
+             vx_log_rotate_enable(&mine, nullptr, 1);
+             vx_log(&mine, VX_LOG_ERR, "T", "more than one byte\n");
+             vx_log_rotate_disable(&mine);
+             return size() > 1;
+         },
+         1},
+        {"messages without a format",
+         [&] {
+             long long before = size();
+             vx_log_raw(&mine, VX_LOG_ERR, nullptr);
+             _vlog(&mine, nullptr);
+             return size() - before;
+         },
+         0},
+        {"dumps of nothing",
+         [&] {
+             long long before = size();
+             vx_log_hex(&mine, VX_LOG_ERR, bytes, 0, 1);
+             vx_log_hex(&mine, VX_LOG_ERR, bytes, -3, 1);
+             vx_log_memstr(&mine, VX_LOG_ERR, bytes, 0, 64, 0);
+             vx_log_memstr(&mine, VX_LOG_ERR, bytes, 3, 0, 0);
+             vx_log_memstr(&mine, VX_LOG_ERR, nullptr, 3, 64, 0);
+             return size() - before;
+         },
+         0},
+        {"a quoted dump cut at four bytes of text",
+         [&] {
+             long long before = size();
+             vx_log_memstr(&mine, VX_LOG_ERR, bytes, 3, 4, 0);
+             return size() - before;
+         },
+         3},
+    });
+    vx_log_uninit(&mine);
+}
+
+TEST_F(null_args, stream_calls) {
+    uint32_t cfg = 3, got = 0;
+    vx_stream_t *s = vx_stream_create(&cfg);
+    ASSERT_NE(s, nullptr);
+    vx_ostream_t *os = vx_ostream_create();
+    ASSERT_NE(os, nullptr);
+    uint8_t on = 1, out = 0;
+    vx_ostream_set_cfg(os, &on);
+    uint8_t hdr[36];
+    vx_frame_desc_t desc{};
+    desc.frlen = 8;
+    const uint8_t payload[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    std::vector<uint8_t> wire(36 + 8);
+    uint8_t dst[8] = {};
+    sweep({
+        {"reset of no header maker",
+         [&] {
+             vx_ostream_reset(nullptr);
+             vx_ostream_destroy(nullptr);
+             return 0;
+         },
+         0},
+        {"header maker settings from nothing",
+         [&] {
+             vx_ostream_set_cfg(os, nullptr);
+             vx_ostream_set_cfg(nullptr, &out);
+             return *vx_ostream_get_cfg(os, &out);
+         },
+         1},
+        {"header maker settings into nothing",
+         [&] { return _is_set(vx_ostream_get_cfg(os, nullptr)); }, 0},
+        {"header of a negative length",
+         [&] { return vx_ostream_mkhdr(os, hdr, &desc, nullptr, -1); }, -1},
+        {"assembler settings from nothing",
+         [&] {
+             vx_stream_set_cfg(s, nullptr);
+             return *vx_stream_get_cfg(s, &got);
+         },
+         3},
+        {"hash of no bytes", [&] { return vx_stream_hash16(payload, 0, 0xBEEF); }, 0xBEEF},
+        {"feed of no bytes", [&] { return vx_stream_feed_input(s, payload, 0); }, 0},
+        {"one frame, fetched into a negative size",
+         [&] {
+             vx_ostream_mkhdr(os, wire.data(), &desc, reinterpret_cast<const uint32_t *>(payload),
+                              8);
+             std::memcpy(wire.data() + 36, payload, 8);
+             vx_stream_feed_input(s, wire.data(), static_cast<uint32_t>(wire.size()));
+             return vx_stream_fetch_frames(s, dst, -5, 1, nullptr, false);
+         },
+         1},
+    });
+    for (uint8_t b : dst) EXPECT_EQ(b, 0);
+    vx_ostream_destroy(os);
+    vx_stream_destroy(s);
+}
+
+TEST_F(null_args, image_routine_calls) {
+    std::vector<uint16_t> img(k_n, 1234), copy(img);
+    std::vector<float> pts(4 * k_n, -1.0f), fimg(k_n, 2.0f);
+    const float intr[4] = {4.0f, 2.0f, 10.0f, 10.0f};
+    const double coef[2] = {0.1, 0.01};
+    vx_lens_t lens{4.0, 2.0, 10.0, 10.0, coef, 2, k_w, k_h};
+    vx_lens_t no_coef = lens;
+    no_coef.dcoef = nullptr;
+    vx_calib_len_map_t map{};
+    vx_bpf2d_iir_t bpf{};
+    vx_cmap_t cm{};
+    ASSERT_EQ(vx_cmap_init(&cm, 0), 0);  // an empty table is allowed
+    uint8_t plane[4] = {9, 9, 9, 9};
+    sweep({
+        {"bilateral filter of no context",
+         [&] { return vx_bpf2d_iir_init(nullptr, k_w, k_h, 0.1f, 0.1f, 0, 100); }, 0},
+        {"bilateral filter of a context never made",
+         [&] {
+             vx_bpf2d_iir(&bpf, img.data(), img.data(), k_w, k_h);
+             return img == copy;
+         },
+         1, "[vx_bpf2d_iir]wrong parameters: init=0x0, cur=8x4\n"},
+        {"median of no rows", [&] { return vx_median2d_u16(img.data(), k_w, 0, 3); }, 0},
+        {"median of a 4-wide kernel", [&] { return vx_median2d_u16(img.data(), k_w, k_h, 4); }, 0},
+        {"flying pixels of nothing", [&] { return vx_flypix_u16_k3(nullptr, k_w, k_h, 3); }, 0},
+        {"flying pixels of no columns", [&] { return vx_flypix_u16_k5(img.data(), 0, k_h, 3); }, 0},
+        {"holes of nothing", [&] { return vx_fhole_u16_k3(nullptr, k_w, k_h, 0); }, 0},
+        {"gaussian of no rows", [&] { return vx_gauss2d_iir_u16(img.data(), k_w, 0, 0.1f); }, 0},
+        {"map into nothing", [&] { return vx_calib_len_init_map(nullptr, &lens, k_w, k_h); }, 0},
+        {"map of no lens", [&] { return vx_calib_len_init_map(&map, nullptr, k_w, k_h); }, 0},
+        {"map of missing coefficients",
+         [&] { return vx_calib_len_init_map(&map, &no_coef, k_w, k_h); }, 0},
+        {"map of no size", [&] { return vx_calib_len_init_map(&map, &lens, 0, k_h); }, 0},
+        {"map update of nothing", [&] { return vx_calib_len_update_map(nullptr, &lens, k_w, k_h); },
+         0},
+        {"map update of no lens", [&] { return vx_calib_len_update_map(&map, nullptr, k_w, k_h); },
+         0},
+        {"undistort through a map never built",
+         [&] { return vx_calib_len_undistort_u16(&map, img.data(), img.data(), k_w, k_h); }, 0},
+        {"undistort into nothing",
+         [&] {
+             bool built = vx_calib_len_init_map(&map, &lens, k_w, k_h);
+             return built && !vx_calib_len_undistort_f32(&map, nullptr, fimg.data(), k_w, k_h, 1);
+         },
+         1},
+        {"undistort of another size",
+         [&] { return vx_calib_len_undistort_u16(&map, img.data(), img.data(), k_w, k_h + 1); }, 0},
+        {"map freed twice",
+         [&] {
+             vx_calib_len_uninit_map(&map);
+             vx_calib_len_uninit_map(&map);
+             vx_calib_len_uninit_map(nullptr);
+             return _all_zero(map);
+         },
+         1},
+        {"points into nothing",
+         [&] {
+             return vx_pcl_get_xyzd_f32(nullptr, fimg.data(), nullptr, k_w, k_h, intr, nullptr, 0,
+                                        0);
+         },
+         -22},
+        {"points of no distances",
+         [&] {
+             return vx_pcl_get_xyzd_u16(pts.data(), nullptr, nullptr, k_w, k_h, intr, nullptr, 0,
+                                        0);
+         },
+         -22},
+        {"points without intrinsics",
+         [&] {
+             return vx_pcl_get_xyzd_u16(pts.data(), img.data(), nullptr, k_w, k_h, nullptr, nullptr,
+                                        0, 1);
+         },
+         -22},
+        {"points of no columns",
+         [&] {
+             return vx_pcl_get_xyzd_f32(pts.data(), fimg.data(), nullptr, 0, k_h, intr, nullptr, 0,
+                                        0);
+         },
+         0},
+        {"points of negative rows",
+         [&] {
+             return vx_pcl_get_xyzd_u16(pts.data(), img.data(), nullptr, k_w, -1, intr, fimg.data(),
+                                        0, 0);
+         },
+         0},
+        {"range of no colour map",
+         [&] {
+             vx_cmap_set_range(nullptr, 0.0f, 1.0f);
+             return vx_cmap_get_palette(nullptr);
+         },
+         0},
+        {"colour from no colour map", [&] { return vx_cmap_get_color(nullptr, 5); }, 0},
+        {"colour from an empty table", [&] { return vx_cmap_get_color(&cm, 5); }, 0},
+        {"colours with no stride",
+         [&] { return vx_cmap_u16_to_rgb(&cm, img.data(), 1, plane, plane, plane, 0, 0, 9, 0); },
+         -22},
+        {"colours of no pixels",
+         [&] { return vx_cmap_f32_to_rgb(&cm, fimg.data(), 0, plane, plane, plane, 1, 0, 9, 1); },
+         0},
+        {"equalisation into no bins",
+         [&] { return vx_cmap_histeq_u16(img.data(), img.data(), k_n, 0, 5000, 0, 0); }, -22},
+        {"equalisation of no pixels",
+         [&] { return vx_cmap_histeq_f32(fimg.data(), fimg.data(), 0, 0.0f, 1.0f, 4, 1); }, 0},
+        {"conversion of no elements",
+         [&] {
+             return vx_conv_u16_u8(plane, img.data(), 0, 0) +
+                    vx_conv_f32_u8(plane, fimg.data(), -4, 1.0f);
+         },
+         0},
+    });
+    EXPECT_EQ(img, copy);
+    for (float v : pts) EXPECT_EQ(v, -1.0f);
+    for (float v : fimg) EXPECT_EQ(v, 2.0f);
+    for (uint8_t b : plane) EXPECT_EQ(b, 9);
+    vx_cmap_uninit(&cm);
+}
