@@ -1,6 +1,7 @@
 // Camera subcommands of the tevix tool: info, param, reg, filter, capture.
 #include "cmd_camera.h"
 
+#include <strings.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "api/session.h"
+#include "drivers/drv.h"
 #include "tevix/tevix.h"
 #include "tool_lib.h"
 
@@ -42,7 +45,7 @@ constexpr param_name k_param_names[] = {
 
 std::optional<uint32_t> _param_id(const std::string &text) {
     for (const auto &p : k_param_names)
-        if (text == p.name) return p.id;
+        if (strcasecmp(text.c_str(), p.name) == 0) return p.id;  // "fps" as well as "FPS"
     char *end = nullptr;
     unsigned long v = std::strtoul(text.c_str(), &end, 0);
     if (text.empty() || *end != '\0' || v > 255) return std::nullopt;
@@ -77,6 +80,12 @@ int _cmd_info(const camera_cmds &c) {
     std::printf("versions     software %u, boot loader %u, hardware %u\n", dev->version[0],
                 dev->version[1], dev->version[2]);
     std::printf("sensor       %ux%u\n", info.roi_limits[0], info.roi_limits[1]);
+    // The tool is built with the library, so it may read the session's driver row.
+    const tevix_drv_t *drv = dev->session ? dev->session->drv : nullptr;
+    if (drv)
+        std::printf("driver       %s (chip %s)\n", drv->desc, drv->chip);
+    else
+        std::printf("driver       none\n");
     tevix_lens_t lens{};
     if (tevix_lens_param_get(dev, &lens)) {
         std::printf("lens         %ux%u cx %.3f cy %.3f fx %.3f fy %.3f\n", lens.width, lens.height,
