@@ -23,17 +23,22 @@ namespace {
 constexpr uint32_t kNone = UINT32_MAX;  // prev_idx / prev_fridx unknown
 constexpr uint32_t kHdr = VX_STREAM_HDR_SIZE;
 constexpr uint32_t kNodeHdr = 48;
+// Fetched and dropped nodes are kept for reuse, so that a steady capture allocates no frame memory:
+// a large buffer malloc'ed on the feeding thread and freed on the fetching one every frame leaves
+// the allocator's per-thread arenas fragmented and resident memory creeping up.
+constexpr uint32_t kSpareMax = 4;
 
 tevix::stream::node_alloc_fn g_node_alloc = nullptr;
 
-// One frame: links, descriptor, fill state, then cap data bytes in the same allocation.
+// One frame: links, descriptor, fill state, then room data bytes in the same allocation (cap of
+// them in use: a reused node may be larger than its frame).
 struct fr_node {
     fr_node *next;
     fr_node *prev;
     vx_frame_desc_t desc;
     uint32_t filled;
     uint32_t cap;
-    uint32_t pad;
+    uint32_t room;
 
     uint8_t *data() { return reinterpret_cast<uint8_t *>(this) + kNodeHdr; }
     bool full() const { return filled >= cap; }
@@ -106,8 +111,10 @@ inline uint32_t _get(const counter &c) {
 struct vx_stream {
     std::atomic<uint32_t> cfg{0};
     std::shared_mutex lock;
-    fr_list ready;  // complete frames, oldest first; under lock
-    fr_list asm_;   // frames being filled; feeder only
+    fr_list ready;             // complete frames, oldest first; under lock
+    fr_list asm_;              // frames being filled; feeder only
+    fr_node *spare = nullptr;  // nodes for reuse, linked by next; under lock
+    uint32_t n_spare = 0;
     union {
         uint8_t hdr_buf[kHdr];
         vx_stream_hdr_t hdr;
@@ -130,6 +137,50 @@ void tevix::stream::set_node_alloc(node_alloc_fn fn) {
 
 namespace {
 
+// Keeps nodes of chain as spares up to the limit; returns the rest. The caller holds the lock.
+fr_node *_stash_locked(vx_stream *s, fr_node *chain) {
+    while (chain && s->n_spare < kSpareMax) {
+        fr_node *next = chain->next;
+        chain->next = s->spare;
+        s->spare = chain;
+        ++s->n_spare;
+        chain = next;
+    }
+    return chain;
+}
+
+void _recycle(vx_stream *s, fr_node *chain) {
+    if (!chain) return;
+    {
+        std::unique_lock lk(s->lock);
+        chain = _stash_locked(s, chain);
+    }
+    _free_chain(chain);
+}
+
+// A node with room for frlen bytes: a spare when one fits, else a new allocation.
+fr_node *_node_get(vx_stream *s, uint32_t frlen) {
+    fr_node *n = nullptr;
+    {
+        std::unique_lock lk(s->lock);
+        if (s->spare) {
+            n = s->spare;
+            s->spare = n->next;
+            --s->n_spare;
+        }
+    }
+    if (n && n->room >= frlen) return n;
+    std::free(n);
+    const size_t bytes = size_t{frlen} + kNodeHdr;
+    n = static_cast<fr_node *>(g_node_alloc ? g_node_alloc(bytes) : std::malloc(bytes));
+    if (!n) {
+        VX_ERR("[%s]malloc failed: %d bytes\n", static_cast<int>(bytes));
+        return nullptr;
+    }
+    n->room = frlen;
+    return n;
+}
+
 bool _hdr_valid(const uint8_t *p) {
     vx_stream_hdr_t h;
     std::memcpy(&h, p, sizeof h);
@@ -150,7 +201,7 @@ void _discard_cur_frame(vx_stream *s) {
     _add(s->st.discarded, 1);
     VX_TRC("[%s]discard frame: idx = %d\n", n->desc.fridx);
     s->asm_.unlink(n);
-    std::free(n);
+    _recycle(s, n);
 }
 
 void _count_completed(vx_stream *s) {
@@ -170,13 +221,10 @@ void _fr_node_add_data(vx_stream *s, const uint8_t *p, uint32_t n) {
     }
     const uint32_t frlen = s->hdr.desc.frlen;
     while (n) {
-        const size_t bytes = size_t{frlen} + kNodeHdr;
-        auto *node =
-            static_cast<fr_node *>(g_node_alloc ? g_node_alloc(bytes) : std::malloc(bytes));
+        fr_node *node = _node_get(s, frlen);
         if (!node) {
             // Without room the rest of this frame cannot be kept; skip to the next frame start
             // instead of filling a later node with the middle of this one.
-            VX_ERR("[%s]malloc failed: %d bytes\n", static_cast<int>(bytes));
             _add(s->st.discarded_bytes, n);
             s->need_bound = 1;
             return;
@@ -184,7 +232,6 @@ void _fr_node_add_data(vx_stream *s, const uint8_t *p, uint32_t n) {
         node->desc = s->hdr.desc;
         node->desc.fridx = static_cast<uint16_t>(s->hdr.desc.fridx + s->pkt_done);
         node->cap = frlen;
-        node->pad = 0;
         const uint32_t k = std::min(frlen, n);
         std::memcpy(node->data(), p, k);
         node->filled = k;
@@ -234,7 +281,7 @@ void _fr_list_refresh(vx_stream *s) {
         _add(s->st.overflow, 1);
         _add(s->st.discarded_bytes, it->desc.frlen);
     }
-    _free_chain(dropped);
+    _recycle(s, dropped);
 }
 
 struct sync_result {
@@ -401,6 +448,14 @@ extern "C" void vx_stream_reset(vx_stream_t *stream) noexcept {
     vx_stream *s = stream;
     _free_chain(s->asm_.head);
     s->asm_ = fr_list{};
+    fr_node *spare;
+    {
+        std::unique_lock lk(s->lock);
+        spare = s->spare;
+        s->spare = nullptr;
+        s->n_spare = 0;
+    }
+    _free_chain(spare);
     std::memset(s->hdr_buf, 0, sizeof s->hdr_buf);
     s->hdr.idx = 0xFFFF;
     s->hdr_fill = 0;
@@ -511,6 +566,7 @@ extern "C" uint32_t vx_stream_fetch_frames(vx_stream_t *stream, uint8_t *dst, in
         uint32_t i = 0;
         for (fr_node *it = taken; it; it = it->next, ++i) copy_out(it, i == 0);
         _add(s->st.ready, 0u - i);
+        taken = _stash_locked(s, taken);
     }
     _free_chain(taken);
     return n;
