@@ -165,14 +165,24 @@ int _to_rgb(uint8_t *dst, uint32_t dst_len, const T *src, uint32_t src_len, uint
     return static_cast<int>(n);
 }
 
+// Integer part of a grey sample. Negative and NaN samples count as 0; samples beyond any
+// integer saturate instead of reaching an undefined conversion.
+int64_t _whole(uint16_t v) {
+    return v;
+}
+int64_t _whole(float v) {
+    if (!(v > 0.0f)) return 0;
+    return v < 1e15f ? static_cast<int64_t>(v) : int64_t{1} << 50;
+}
+
 template <class T>
 int _gray_to_ir(uint8_t *dst, const T *src, uint32_t src_len, int balance) {
     if (!dst || !src || src_len < 1) return 0;
     uint64_t sum = 0, count = 0;
     for (uint32_t i = 0; i < src_len; ++i) {
-        int64_t v = static_cast<int64_t>(src[i]);
+        int64_t v = _whole(src[i]);
         if (v < 32768) {
-            sum += static_cast<uint64_t>(std::max<int64_t>(v, 0));
+            sum += static_cast<uint64_t>(v);
             ++count;
         }
     }
@@ -180,7 +190,7 @@ int _gray_to_ir(uint8_t *dst, const T *src, uint32_t src_len, int balance) {
     int64_t divisor = 1;
     if (mean > balance - 640) divisor = mean - (balance - 640);
     for (uint32_t i = 0; i < src_len; ++i) {
-        int64_t v = std::max<int64_t>(static_cast<int64_t>(src[i]), 0);
+        int64_t v = _whole(src[i]);
         dst[i] = static_cast<uint8_t>(std::min<int64_t>(v * 128 / divisor, 255));
     }
     return static_cast<int>(src_len);

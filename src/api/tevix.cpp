@@ -145,8 +145,10 @@ void _format_uri(const tevix_dev_t *dev, char *buf, size_t size) {
                           dev->addr.usb.addr);
             break;
         case TEVIX_DEV_ETH:
-            std::snprintf(buf, size, "eth://%u:%u@%s", dev->addr.eth.dev_num,
-                          dev->addr.eth.access_num, dev->addr.eth.addr);
+            // A 16-character address fills its field with no terminator.
+            std::snprintf(buf, size, "eth://%u:%u@%.*s", dev->addr.eth.dev_num,
+                          dev->addr.eth.access_num, static_cast<int>(sizeof dev->addr.eth.addr),
+                          dev->addr.eth.addr);
             break;
         case TEVIX_DEV_FILE:
             std::snprintf(buf, size, "file://%s", dev->addr.file.path ? dev->addr.file.path : "");

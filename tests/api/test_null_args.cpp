@@ -2,6 +2,7 @@
 // checks the documented result and, where one is documented, the line the call logs.
 #include <unistd.h>
 
+#include <climits>
 #include <cmath>
 #include <cstdarg>
 #include <cstring>
@@ -223,6 +224,12 @@ TEST_F(null_args, session_calls) {
     eth.type = TEVIX_DEV_ETH;  // no transport serves it
     odd.type = TEVIX_DEV_DEFAULT;
     odd.inited = 1;
+    tevix_dev_t wide{};  // an Ethernet address that fills its whole field, no terminator
+    wide.type = TEVIX_DEV_ETH;
+    wide.inited = 1;
+    std::memcpy(wide.addr.eth.addr, "0123456789abcdef", 16);
+    wide.addr.eth.dev_num = 7;
+    wide.addr.eth.access_num = 9;
     tevix_dev_info_t info;
     char uri[64];
     std::vector<char> tiny(4, 'X');
@@ -262,6 +269,19 @@ TEST_F(null_args, session_calls) {
              return std::strcmp(tevix_path_get(), "");
          },
          0, "[tevix_path_set]PATH_PREIFX: \n"},
+        {"uri of a 16-character Ethernet address",
+         [&] {
+             return std::strcmp(tevix_dev_get_uri(&wide, uri, 64), "eth://7:9@0123456789abcdef");
+         },
+         0},
+        {"open a file URI without a path",
+         [&] { return _is_set(tevix_dev_open_by_uri("file://")); }, 0,
+         "[tevix_dev_open_by_uri]wrong URI: file://\n"},
+        {"open a USB URI without an address",
+         [&] { return _is_set(tevix_dev_open_by_uri("usb://")); }, 0,
+         "[tevix_dev_open_by_uri]wrong URI: usb://\n"},
+        {"name of the lowest code",
+         [&] { return std::strcmp(tevix_error_name(INT_MIN), "**UNKNOWN**"); }, 0},
     });
     // The failed open leaves the record closed, with nothing allocated.
     EXPECT_EQ(eth.session, nullptr);
@@ -608,6 +628,14 @@ TEST_F(null_args, colour_calls) {
          [&] { return tevix_cmap_gray_u16_to_IR(out.data(), 2, nullptr, 2, 640); }, 0},
         {"f32 infrared into nothing",
          [&] { return tevix_cmap_gray_f32_to_IR(nullptr, 2, srcf, 2, 640); }, 0},
+        {"f32 infrared of samples beyond any integer",
+         [&] {
+             const float odd[4] = {NAN, INFINITY, 1e30f, -INFINITY};
+             uint8_t ir[4] = {7, 7, 7, 7};
+             int n = tevix_cmap_gray_f32_to_IR(ir, 4, odd, 4, 640);
+             return n == 4 && ir[0] == 0 && ir[1] == 255 && ir[2] == 255 && ir[3] == 0;
+         },
+         1},
         {"f32 infrared of no pixels",
          [&] { return tevix_cmap_gray_f32_to_IR(out.data(), 2, srcf, 0, 640); }, 0},
     });
@@ -681,6 +709,27 @@ TEST_F(null_args, transport_calls_on_records_never_opened) {
     EXPECT_EQ(tevix_ll_dev_open(&rec), nullptr);
     EXPECT_EQ(rec.priv, nullptr);
     EXPECT_EQ(tevix_ll_dev_open_by_fd(&rec, 3), nullptr);
+
+    // With no backend in the list, the library-wide calls find nobody to ask.
+    tevix::ll::backend_swap(tevix::ll::k_backend_usb, nullptr);
+    tevix::ll::backend_swap(tevix::ll::k_backend_file, nullptr);
+    tevix_ll_dev_t list[2] = {}, any{};
+    sweep({
+        {"start without backends", [&] { return tevix_ll_init(); }, 0,
+         "[tevix_ll_init]ll_init failed: ll[0]\n"},
+        {"debug level and stop without backends",
+         [&] {
+             tevix_ll_set_debug(5);
+             tevix_ll_uninit();
+             return 0;
+         },
+         0, ""},
+        {"list without backends", [&] { return tevix_ll_dev_list(list, 2) + list[0].is_listed; },
+         0},
+        {"open without backends", [&] { return _is_set(tevix_ll_dev_open(&any)); }, 0},
+        {"open by descriptor without backends",
+         [&] { return _is_set(tevix_ll_dev_open_by_fd(&any, 3)); }, 0},
+    });
 }
 
 TEST_F(null_args, calibration_file_calls) {
@@ -811,6 +860,12 @@ TEST_F(null_args, log_calls) {
              return size() - before;
          },
          0},
+        {"a prefixed message of no tag and no format",
+         [&] {
+             vx_log_fprintf(nullptr, VX_LOG_ERR, 0, nullptr, nullptr);
+             return 0;
+         },
+         0, "][VX]"},
         {"dumps of nothing",
          [&] {
              long long before = size();
@@ -911,6 +966,12 @@ TEST_F(null_args, image_routine_calls) {
              return img == copy;
          },
          1, "[vx_bpf2d_iir]wrong parameters: init=0x0, cur=8x4\n"},
+        {"bilateral context freed before it was made",
+         [&] {
+             vx_bpf2d_iir_uninit(&bpf);
+             return _all_zero(bpf);
+         },
+         1},
         {"median of no rows", [&] { return vx_median2d_u16(img.data(), k_w, 0, 3); }, 0},
         {"median of a 4-wide kernel", [&] { return vx_median2d_u16(img.data(), k_w, k_h, 4); }, 0},
         {"flying pixels of nothing", [&] { return vx_flypix_u16_k3(nullptr, k_w, k_h, 3); }, 0},
