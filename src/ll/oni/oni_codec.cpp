@@ -100,11 +100,28 @@ int64_t _z16_decode(std::span<const uint8_t> in, size_t cap, Emit &&emit) {
         const uint16_t v = static_cast<uint16_t>(e << 8 | in[i++]);
         return put(v);
     };
+    auto run = [&](uint8_t b) -> bool {
+        const uint32_t copies = 2u * (b - 0xE0u);
+        for (uint32_t k = 0; k < copies && n < cap; ++k)
+            if (!put(last)) return false;
+        return true;
+    };
     while (i < in.size()) {
         const uint8_t b = in[i++];
         if (b < 0xE0) {
-            if (!put(static_cast<uint16_t>(last - ((b >> 4) - 6)))) return -1;
             const uint8_t lo = b & 0x0F;
+            // Padding is the last byte of a frame. OpenNI's recorders write a pending run after
+            // it although the run's pixels came before the padded one: restore their order.
+            if (lo == 0x0D && i < in.size() &&
+                std::all_of(in.begin() + static_cast<std::ptrdiff_t>(i), in.end(),
+                            [](uint8_t r) { return r >= 0xE0 && r < 0xFF; })) {
+                const auto padded = static_cast<uint16_t>(last - ((b >> 4) - 6));
+                while (i < in.size())
+                    if (!run(in[i++])) return -1;
+                if (!put(padded)) return -1;
+                break;
+            }
+            if (!put(static_cast<uint16_t>(last - ((b >> 4) - 6)))) return -1;
             if (lo == 0x0F) {
                 if (!escape()) return -1;
             } else if (lo != 0x0D) {
@@ -112,10 +129,8 @@ int64_t _z16_decode(std::span<const uint8_t> in, size_t cap, Emit &&emit) {
             }
         } else if (b == 0xFF) {
             if (!escape()) return -1;
-        } else {
-            const uint32_t copies = 2u * (b - 0xE0u);
-            for (uint32_t k = 0; k < copies && n < cap; ++k)
-                if (!put(last)) return -1;
+        } else if (!run(b)) {
+            return -1;
         }
         if (n >= cap) break;
     }

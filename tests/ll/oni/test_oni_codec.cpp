@@ -60,10 +60,12 @@ TEST(OniCodec, WorkedExamplesEncodeToTheExactBytes) {
 }
 
 TEST(OniCodec, DecoderAcceptsTheWrongEndOrderAndBoundsOutput) {
-    // Padding before the run, as OpenNI2's encoder writes it: the run then repeats the last value.
+    // Padding before the run, as OpenNI2's encoder writes it: the run's pixels still come first.
     const bytes odd = {0x06, 0x00, 0x00, 0x00, 0xde, 0x03, 0xe8, 0x03, 0xe9, 0x03,
                        0xeb, 0x03, 0x88, 0x13, 0x02, 0x00, 0x55, 0x97, 0x1d, 0xe1};
-    EXPECT_EQ(_decode16zt(odd, 8), (pixels{1000, 1001, 1003, 990, 0, 5000, 5000, 5000}));
+    EXPECT_EQ(_decode16zt(odd, 8), (pixels{1000, 1001, 1003, 990, 0, 0, 0, 5000}));
+    // Padding followed by anything but runs is not that order: decoded as it stands.
+    EXPECT_EQ(_decode16z({0x07, 0x00, 0x5d, 0x66}, 4), (pixels{7, 8, 8, 8}));
     // A long run never writes past the output.
     EXPECT_EQ(_decode16z({0x07, 0x00, 0xef, 0xef, 0xef}, 5), pixels(5, 7));
     // Tolerated nibbles 13/14 in the high half and escape byte 0x80 (+64).
