@@ -229,6 +229,15 @@ uint32_t _data_node(const oni::reader &rd) {
     return 0;
 }
 
+// The camera's time word: hours in bits 0..4, minutes 5..10, seconds 11..16, microseconds / 64
+// above; here the recorded time of day (UTC) of the frame.
+uint32_t _time_word(uint64_t ts_us) {
+    const uint64_t sec = ts_us / 1000000 % 86400;
+    const uint64_t usec = ts_us % 1000000;
+    return static_cast<uint32_t>(sec / 3600 | (sec / 60 % 60) << 5 | (sec % 60) << 11 |
+                                 (usec / 64) << 17);
+}
+
 void _build_header(const file_priv &p, uint8_t hdr[36], uint32_t frame_no, uint32_t len,
                    uint64_t ts_us) {
     vx_stream_hdr_t h{};
@@ -241,7 +250,7 @@ void _build_header(const file_priv &p, uint8_t hdr[36], uint32_t frame_no, uint3
     if (p.desc.frame_fmt < 256) {
         h.desc.width = static_cast<uint16_t>(p.desc.width);
         h.desc.height = static_cast<uint16_t>(p.desc.height);
-        h.desc.time = static_cast<uint32_t>(ts_us / 1000);
+        h.desc.time = _time_word(ts_us);
     }
     h.flags0 = VX_STREAM_FLAG0_BOUND;
     std::memcpy(hdr, &h, sizeof h);

@@ -23,6 +23,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr uint32_t k_w = 16, k_h = 8, k_frames = 6;
+constexpr uint64_t k_t0_us = 1700000000123456ull;  // 2023-11-14 22:13:20.123456 UTC
 
 std::vector<uint8_t> _raw_frame(uint32_t k) {
     std::vector<uint8_t> f(k_w * k_h * 2);
@@ -90,7 +91,8 @@ class FileReplay : public testing::Test {
         w->write_general(id, "VX_FILEDATA_CALIB", "data", 4);
         for (uint32_t k = 0; k < k_frames; ++k) {
             const auto f = _raw_frame(k);
-            ASSERT_TRUE(w->write_data(id, f.data(), static_cast<uint32_t>(f.size()), 0));
+            ASSERT_TRUE(w->write_data(id, f.data(), static_cast<uint32_t>(f.size()),
+                                      k_t0_us + k * 40000ull));
         }
         ASSERT_TRUE(w->finish());
         dev_.if_type = TEVIX_LL_IF_FILE;
@@ -177,6 +179,12 @@ TEST_F(FileReplay, SyncModeDeliversOneFramePerWaitThenEndsOnce) {
         EXPECT_EQ(h.desc.frfmt, 7);
         EXPECT_EQ(h.desc.width, k_w);
         EXPECT_EQ(h.desc.height, k_h);
+        // The recorded time of day in the camera's time word.
+        const uint64_t usec = 123456 + k * 40000;
+        EXPECT_EQ(h.desc.time & 0x1F, 22u);
+        EXPECT_EQ(h.desc.time >> 5 & 0x3F, 13u);
+        EXPECT_EQ(h.desc.time >> 11 & 0x3F, 20u);
+        EXPECT_EQ(h.desc.time >> 17, usec / 64);
         EXPECT_EQ(h.flags0, VX_STREAM_FLAG0_BOUND);
         EXPECT_EQ(h.hdr_cksum, vx_stream_hash16(hdr.data.data(), 34, 0));
         EXPECT_EQ(frame.status, 0);
