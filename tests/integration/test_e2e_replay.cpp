@@ -1,0 +1,263 @@
+// Record and replay end to end: a capture from the virtual camera over the real libusb is
+// recorded, and the recording, opened as a "file://" device, gives back the same raw frames,
+// frame information and distance images, ends once, loops and seeks through the public calls.
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ll/oni/oni.h"
+#include "scene/scene.h"
+#include "test_util.h"
+#include "tevix/tevix.h"
+#include "tevix/vx_log.h"
+#include "vcam.h"
+
+namespace {
+
+constexpr uint32_t k_freq = 20000000;
+constexpr uint32_t k_w = 320, k_h = 240, k_n = k_w * k_h;
+constexpr uint32_t k_frames = 30;
+
+// The testbed must exist before the library starts libusb, and go after the last close.
+class replay_env : public ::testing::Environment {
+  public:
+    void SetUp() override {
+        tb_ = std::make_unique<tevix::emu::testbed>();
+        tevix::emu::scene_config sc;
+        sc.freq_hz = k_freq;
+        tevix::emu::camera_config cfg;
+        cfg.fps = 60;
+        tb_->add(cfg, std::make_unique<tevix::emu::scene_renderer>(sc, 2));
+        tevix_init(std::getenv("E2E_LOG") ? std::getenv("E2E_LOG") : "");
+        tevix_log_cfg(7, std::getenv("E2E_LOG") ? 0 : 7, 7);
+    }
+    void TearDown() override {
+        tevix_uninit();
+        tb_.reset();
+    }
+
+  private:
+    std::unique_ptr<tevix::emu::testbed> tb_;
+};
+::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new replay_env);
+
+// What the live capture delivered, frame by frame.
+struct captured {
+    std::vector<uint8_t> raw;
+    tevix_frame_info_t info;
+    std::vector<uint16_t> dist;
+};
+
+std::mutex g_err_mtx;
+std::vector<int> g_errors;
+int _note_error(tevix_dev_t *, int code, uint32_t) {
+    std::lock_guard lk(g_err_mtx);
+    g_errors.push_back(code);
+    return 1;
+}
+std::vector<int> _errors() {
+    std::lock_guard lk(g_err_mtx);
+    return g_errors;
+}
+
+// Records k_frames frames once; every test replays that recording.
+class e2e_replay : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        dir_ = new tevix::test::temp_dir();
+        path_ = dir_->file("capture.oni");
+        live_ = new std::vector<captured>();
+        rec_ts_ = new std::vector<uint64_t>();
+        record();
+    }
+    static void TearDownTestSuite() {
+        delete live_;
+        delete rec_ts_;
+        delete dir_;
+    }
+
+    static void record() {
+        tevix_dev_t list[4] = {};
+        ASSERT_EQ(tevix_dev_list(list, 4), 1);
+        tevix_dev_t *dev = tevix_dev_open(&list[0]);
+        ASSERT_NE(dev, nullptr);
+        tevix_param_item_t f{};
+        f.id = TEVIX_PARAM_MOD_FREQ;
+        f.len = 4;
+        f.value.u32[0] = k_freq;
+        EXPECT_EQ(tevix_param_batch_set(dev, &f, 1), 1);
+        tevix_cap_cfg_t cfg{};
+        tevix_cap_config_get(dev, &cfg);
+        cfg.save_replay = 1;
+        cfg.save_dist = 1;
+        cfg.save_file = path_.c_str();
+        ASSERT_EQ(tevix_cap_config_set(dev, &cfg), 1);
+        ASSERT_EQ(tevix_cap_start(dev), 1);
+        std::vector<uint8_t> buf(8u << 20);
+        for (uint32_t k = 0; k < k_frames; ++k) {
+            captured c{};
+            const int n = tevix_cap_get_frames(dev, 1, buf.data(),
+                                               static_cast<uint32_t>(buf.size()), &c.info);
+            ASSERT_EQ(n, 1) << "frame " << k << ": " << tevix_error_name(n);
+            ASSERT_GT(c.info.size, 0u);
+            c.raw.assign(buf.begin(), buf.begin() + c.info.size);
+            c.dist.resize(k_n);
+            ASSERT_EQ(tevix_frame_get_dist_u16(dev, c.dist.data(), k_n, c.raw.data(), c.info.size,
+                                               &c.info),
+                      static_cast<int>(k_n));
+            live_->push_back(std::move(c));
+        }
+        ASSERT_EQ(tevix_cap_stop(dev), 1);
+        tevix_dev_close(dev);
+        auto rd = tevix::oni::reader::open(path_.c_str(), nullptr, nullptr);
+        ASSERT_NE(rd, nullptr);
+        const uint32_t node = rd->find_node("VX_REPLAY");
+        while (node && rd->read_frame(node) == 1) rec_ts_->push_back(rd->last().timestamp);
+        ASSERT_EQ(rec_ts_->size(), k_frames);
+    }
+
+    void SetUp() override {
+        ASSERT_EQ(live_->size(), k_frames) << "the recording failed";
+        ASSERT_EQ(rec_ts_->size(), k_frames);
+        std::lock_guard lk(g_err_mtx);
+        g_errors.clear();
+    }
+
+    // Opens the recording in sync mode (one frame per pull) with the error callback set.
+    tevix_dev_t *open_replay(uint32_t replay_mode) {
+        tevix_dev_t *dev = tevix_dev_open_by_uri(("file://" + path_).c_str());
+        EXPECT_NE(dev, nullptr);
+        if (!dev) return nullptr;
+        tevix_param_item_t sync{};
+        sync.id = TEVIX_PARAM_FPS;
+        sync.len = 4;
+        EXPECT_EQ(tevix_param_batch_set(dev, &sync, 1), 1);
+        tevix_cap_cfg_t cfg{};
+        tevix_cap_config_get(dev, &cfg);
+        cfg.on_cap_err = _note_error;
+        cfg.file_replay_mode = replay_mode;
+        EXPECT_EQ(tevix_cap_config_set(dev, &cfg), 1);
+        return dev;
+    }
+
+    // Pulls one frame and checks it is recorded frame k: the live capture's bytes and distance
+    // image. Its information comes from the replay's stream header: the recording's frame number
+    // (from 1) as index, the recorded time of day, the frame's size and geometry.
+    void expect_frame(tevix_dev_t *dev, uint32_t k) {
+        SCOPED_TRACE("recorded frame " + std::to_string(k + 1));
+        const captured &want = (*live_)[k];
+        std::vector<uint8_t> buf(8u << 20);
+        tevix_frame_info_t info{};
+        const int n =
+            tevix_cap_get_frames(dev, 1, buf.data(), static_cast<uint32_t>(buf.size()), &info);
+        ASSERT_EQ(n, 1) << tevix_error_name(n);
+        ASSERT_EQ(info.size, want.info.size);
+        EXPECT_EQ(std::memcmp(buf.data(), want.raw.data(), info.size), 0);
+        EXPECT_EQ(info.index, k + 1);
+        EXPECT_EQ(info.format, want.info.format);
+        EXPECT_EQ(info.width, want.info.width);
+        EXPECT_EQ(info.height, want.info.height);
+        EXPECT_EQ(info.depth, want.info.depth);
+        const uint64_t ts = (*rec_ts_)[k];
+        EXPECT_EQ(info.ts_sec % 86400, ts / 1000000 % 86400);
+        EXPECT_EQ(info.ts_usec, ts % 1000000 / 64 * 64);
+        std::vector<uint16_t> dist(k_n);
+        ASSERT_EQ(tevix_frame_get_dist_u16(dev, dist.data(), k_n, buf.data(), info.size, &info),
+                  static_cast<int>(k_n));
+        EXPECT_TRUE(dist == want.dist) << "distance image differs";
+    }
+
+    static inline tevix::test::temp_dir *dir_ = nullptr;
+    static inline std::string path_;
+    static inline std::vector<captured> *live_ = nullptr;
+    static inline std::vector<uint64_t> *rec_ts_ = nullptr;  // recorded timestamps, microseconds
+};
+
+}  // namespace
+
+TEST_F(e2e_replay, recording_holds_every_raw_frame_and_distance_image) {
+    // The camera numbers its frames itself: one after another, whatever the pulls kept.
+    for (uint32_t k = 1; k < k_frames; ++k)
+        EXPECT_GT(static_cast<uint16_t>((*live_)[k].info.index - (*live_)[k - 1].info.index), 0)
+            << k;
+
+    auto rd = tevix::oni::reader::open(path_.c_str(), nullptr, nullptr);
+    ASSERT_NE(rd, nullptr);
+    const uint32_t raw = rd->find_node("VX_REPLAY"), dist = rd->find_node("VX_DEPTH");
+    ASSERT_NE(raw, 0u);
+    ASSERT_NE(dist, 0u);
+    EXPECT_EQ(rd->node_at(raw)->desc.frames, k_frames);
+    EXPECT_EQ(rd->node_at(dist)->desc.frames, k_frames);
+    for (uint32_t k = 0; k < k_frames; ++k) {
+        ASSERT_EQ(rd->read_frame(raw), 1);
+        EXPECT_EQ(rd->last().frame_no, k + 1);
+        const auto payload = rd->last().payload;
+        ASSERT_EQ(payload.size(), (*live_)[k].raw.size());
+        EXPECT_EQ(std::memcmp(payload.data(), (*live_)[k].raw.data(), payload.size()), 0) << k;
+    }
+    EXPECT_EQ(rd->read_frame(raw), 0);
+    ASSERT_TRUE(rd->rewind());
+    std::vector<uint16_t> px;
+    for (uint32_t k = 0; k < k_frames; ++k) {
+        ASSERT_EQ(rd->read_frame(dist), 1);
+        ASSERT_EQ(rd->decode_frame(dist, rd->last().payload, px), static_cast<int64_t>(k_n));
+        EXPECT_TRUE(px == (*live_)[k].dist) << "distance frame " << k;
+    }
+}
+
+TEST_F(e2e_replay, sync_replay_gives_the_capture_back_then_ends_once) {
+    tevix_dev_t *dev = open_replay(0);
+    ASSERT_NE(dev, nullptr);
+    ASSERT_EQ(tevix_cap_start(dev), 1);
+    for (uint32_t k = 0; k < k_frames; ++k) {
+        expect_frame(dev, k);
+        if (HasFatalFailure()) break;
+    }
+    std::vector<uint8_t> buf(8u << 20);
+    const int end =
+        tevix_cap_get_frames(dev, 1, buf.data(), static_cast<uint32_t>(buf.size()), nullptr);
+    // The end of the recording reaches the error callback once; the pulls deliver nothing.
+    EXPECT_EQ(end, 0);
+    EXPECT_EQ(_errors(), std::vector<int>{TEVIX_ERR_CAP_EOF});
+    EXPECT_EQ(tevix_cap_get_frames(dev, 1, buf.data(), static_cast<uint32_t>(buf.size()), nullptr),
+              0);
+    EXPECT_EQ(_errors().size(), 1u);
+    tevix_cap_stop(dev);
+    tevix_dev_close(dev);
+}
+
+TEST_F(e2e_replay, loop_mode_wraps_to_the_first_frame) {
+    tevix_dev_t *dev = open_replay(1);
+    ASSERT_NE(dev, nullptr);
+    ASSERT_EQ(tevix_cap_start(dev), 1);
+    for (uint32_t k = 0; k < k_frames + 2; ++k) {
+        expect_frame(dev, k % k_frames);
+        if (HasFatalFailure()) break;
+    }
+    EXPECT_TRUE(_errors().empty());
+    tevix_cap_stop(dev);
+    tevix_dev_close(dev);
+}
+
+TEST_F(e2e_replay, seek_delivers_that_frame_next) {
+    tevix_dev_t *dev = open_replay(0);
+    ASSERT_NE(dev, nullptr);
+    ASSERT_EQ(tevix_cap_start(dev), 1);
+    expect_frame(dev, 0);
+    EXPECT_EQ(tevix_cap_seek_frame(dev, 17, 0), 17);
+    expect_frame(dev, 17);
+    expect_frame(dev, 18);
+    EXPECT_EQ(tevix_cap_seek_frame(dev, static_cast<uint32_t>(-5), 1), 14);  // back from 19
+    expect_frame(dev, 14);
+    EXPECT_EQ(tevix_cap_seek_frame(dev, 0, 0), 0);
+    expect_frame(dev, 0);
+    EXPECT_EQ(tevix_cap_seek_frame(dev, 1000, 0),
+              static_cast<int>(k_frames));  // clamped: at the end
+    tevix_cap_stop(dev);
+    tevix_dev_close(dev);
+}
