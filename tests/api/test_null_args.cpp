@@ -580,6 +580,19 @@ TEST_F(null_args, point_cloud_and_lens_calls) {
                                        k_w, k_h, 0, nullptr),
               static_cast<int>(k_n));
     EXPECT_EQ(pcl[3], 0.0f);
+
+    // Clouds into outputs of exactly the floats they need, for widths around the groups of four.
+    for (uint32_t w = 1; w <= 9; ++w) {
+        const uint32_t n = w * 3;
+        std::vector<float> d(n, 1.5f), out3(3 * n + 4, -9.0f), out4(4 * n + 4, -9.0f);
+        EXPECT_EQ(tevix_frame_get_pcl(&dev_, out3.data(), 3 * n, d.data(), n, w, 3, nullptr),
+                  static_cast<int>(n));
+        EXPECT_EQ(tevix_frame_get_pcl_xyzd(&dev_, out4.data(), 4 * n, d.data(), n, w, 3, 1, 0.0f,
+                                           4.0f, nullptr),
+                  static_cast<int>(n));
+        for (uint32_t i = 3 * n; i < out3.size(); ++i) ASSERT_EQ(out3[i], -9.0f) << w;
+        for (uint32_t i = 4 * n; i < out4.size(); ++i) ASSERT_EQ(out4[i], -9.0f) << w;
+    }
 }
 
 TEST_F(null_args, colour_calls) {
@@ -640,6 +653,29 @@ TEST_F(null_args, colour_calls) {
          [&] { return tevix_cmap_gray_f32_to_IR(out.data(), 2, srcf, 0, 640); }, 0},
     });
     for (uint8_t b : out) EXPECT_EQ(b, 0xEE);
+
+    // Destinations sized exactly for the pixels: every format fills them and nothing beyond.
+    constexpr uint32_t k_bytes[8] = {3, 4, 3, 4, 4, 4, 4, 4};
+    for (uint32_t fmt = 0; fmt < 8; ++fmt) {
+        for (uint32_t px : {1u, 2u, 5u, 6u, 17u, 300u}) {
+            std::vector<uint16_t> s16(px);
+            std::vector<float> sf(px);
+            for (uint32_t i = 0; i < px; ++i) {
+                s16[i] = static_cast<uint16_t>(i * 7);
+                sf[i] = static_cast<float>(i) * 0.01f;
+            }
+            const uint32_t len = k_bytes[fmt] * px;
+            std::vector<uint8_t> d(len + 16, 0x5A);
+            EXPECT_EQ(
+                tevix_cmap_dist_u16_to_RGB(d.data(), len, s16.data(), px, fmt, 0, 2000, nullptr),
+                static_cast<int>(px));
+            EXPECT_EQ(
+                tevix_cmap_dist_f32_to_RGB(d.data(), len, sf.data(), px, fmt, 0.0f, 2.0f, nullptr),
+                static_cast<int>(px));
+            for (uint32_t i = len; i < d.size(); ++i)
+                ASSERT_EQ(d[i], 0x5A) << "format " << fmt << ", " << px << " pixels";
+        }
+    }
 }
 
 TEST_F(null_args, parameter_calls) {
