@@ -128,8 +128,9 @@ class e2e_replay : public ::testing::Test {
         g_errors.clear();
     }
 
-    // Opens the recording in sync mode (one frame per pull) with the error callback set.
-    tevix_dev_t *open_replay(uint32_t replay_mode) {
+    // Opens the recording in sync mode (one frame per pull) with the error callback set, and
+    // starts the replay.
+    tevix_dev_t *start_replay(uint32_t replay_mode) {
         tevix_dev_t *dev = tevix_dev_open_by_uri(("file://" + path_).c_str());
         EXPECT_NE(dev, nullptr);
         if (!dev) return nullptr;
@@ -142,7 +143,13 @@ class e2e_replay : public ::testing::Test {
         cfg.on_cap_err = _note_error;
         cfg.file_replay_mode = replay_mode;
         EXPECT_EQ(tevix_cap_config_set(dev, &cfg), 1);
+        EXPECT_EQ(tevix_cap_start(dev), 1);
         return dev;
+    }
+
+    // Pulls `count` frames, which are the recording's from the first, wrapping after the last.
+    void expect_frames(tevix_dev_t *dev, uint32_t count) {
+        for (uint32_t k = 0; k < count && !HasFatalFailure(); ++k) expect_frame(dev, k % k_frames);
     }
 
     // Pulls one frame and checks it is recorded frame k: the live capture's bytes and distance
@@ -211,13 +218,9 @@ TEST_F(e2e_replay, recording_holds_every_raw_frame_and_distance_image) {
 }
 
 TEST_F(e2e_replay, sync_replay_gives_the_capture_back_then_ends_once) {
-    tevix_dev_t *dev = open_replay(0);
+    tevix_dev_t *dev = start_replay(0);
     ASSERT_NE(dev, nullptr);
-    ASSERT_EQ(tevix_cap_start(dev), 1);
-    for (uint32_t k = 0; k < k_frames; ++k) {
-        expect_frame(dev, k);
-        if (HasFatalFailure()) break;
-    }
+    expect_frames(dev, k_frames);
     std::vector<uint8_t> buf(8u << 20);
     const int end =
         tevix_cap_get_frames(dev, 1, buf.data(), static_cast<uint32_t>(buf.size()), nullptr);
@@ -232,22 +235,17 @@ TEST_F(e2e_replay, sync_replay_gives_the_capture_back_then_ends_once) {
 }
 
 TEST_F(e2e_replay, loop_mode_wraps_to_the_first_frame) {
-    tevix_dev_t *dev = open_replay(1);
+    tevix_dev_t *dev = start_replay(1);
     ASSERT_NE(dev, nullptr);
-    ASSERT_EQ(tevix_cap_start(dev), 1);
-    for (uint32_t k = 0; k < k_frames + 2; ++k) {
-        expect_frame(dev, k % k_frames);
-        if (HasFatalFailure()) break;
-    }
+    expect_frames(dev, k_frames + 2);
     EXPECT_TRUE(_errors().empty());
     tevix_cap_stop(dev);
     tevix_dev_close(dev);
 }
 
 TEST_F(e2e_replay, seek_delivers_that_frame_next) {
-    tevix_dev_t *dev = open_replay(0);
+    tevix_dev_t *dev = start_replay(0);
     ASSERT_NE(dev, nullptr);
-    ASSERT_EQ(tevix_cap_start(dev), 1);
     expect_frame(dev, 0);
     EXPECT_EQ(tevix_cap_seek_frame(dev, 17, 0), 17);
     expect_frame(dev, 17);
