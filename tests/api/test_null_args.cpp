@@ -1,7 +1,5 @@
 // Every public call fed null pointers, closed devices, zero counts and short buffers: each case
 // checks the documented result and, where one is documented, the line the call logs.
-#include <unistd.h>
-
 #include <climits>
 #include <cmath>
 #include <cstdarg>
@@ -280,6 +278,19 @@ TEST_F(null_args, session_calls) {
         {"open a USB URI without an address",
          [&] { return _is_set(tevix_dev_open_by_uri("usb://")); }, 0,
          "[tevix_dev_open_by_uri]wrong URI: usb://\n"},
+        {"open a URI of no scheme", [&] { return _is_set(tevix_dev_open_by_uri("://")); }, 0,
+         "[tevix_dev_open_by_uri]wrong URI: ://\n"},
+        {"open an Ethernet URI of no number",
+         [&] { return _is_set(tevix_dev_open_by_uri("eth://@")); }, 0,
+         "[tevix_dev_open_by_uri]wrong URI: eth://@\n"},
+        {"open URIs longer than any path",
+         [&] {
+             std::string any = "x://" + std::string(1000, 'a');
+             std::string file = "file://" + std::string(300, 'b');
+             return _is_set(tevix_dev_open_by_uri(any.c_str())) +
+                    _is_set(tevix_dev_open_by_uri(file.c_str()));
+         },
+         0, "[tevix_dev_open]open device failed!\n"},
         {"name of the lowest code",
          [&] { return std::strcmp(tevix_error_name(INT_MIN), "**UNKNOWN**"); }, 0},
     });
