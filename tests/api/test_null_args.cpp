@@ -983,6 +983,11 @@ TEST_F(null_args, stream_calls) {
          1},
     });
     for (uint8_t b : dst) EXPECT_EQ(b, 0);
+    // The frame fetched into no room left the ready list all the same.
+    vx_stream_state_t st{};
+    ASSERT_EQ(vx_stream_get_state(s, &st), &st);
+    EXPECT_EQ(st.completed, 1u);
+    EXPECT_EQ(st.ready, 0u);
     vx_ostream_destroy(os);
     vx_stream_destroy(s);
 }
@@ -1096,12 +1101,27 @@ TEST_F(null_args, image_routine_calls) {
          [&] { return vx_cmap_histeq_u16(img.data(), img.data(), k_n, 0, 5000, 0, 0); }, -22},
         {"equalisation of no pixels",
          [&] { return vx_cmap_histeq_f32(fimg.data(), fimg.data(), 0, 0.0f, 1.0f, 4, 1); }, 0},
-        {"conversion of no elements",
+        {"palette of a colour map never made",
          [&] {
-             return vx_conv_u16_u8(plane, img.data(), 0, 0) +
-                    vx_conv_f32_u8(plane, fimg.data(), -4, 1.0f);
+             vx_cmap_t bare{};
+             return vx_cmap_set_palette(&bare, 3) && vx_cmap_get_palette(&bare) == 3;
          },
-         0},
+         1},
+        {"conversions of no elements",
+         [&] {
+             uint16_t w16[1] = {5};
+             uint32_t w32[1] = {5};
+             float wf[1] = {5.0f};
+             int sum = vx_conv_u16_u8(plane, img.data(), 0, 0) +
+                       vx_conv_u16_f32(wf, img.data(), -1, 1.0f) +
+                       vx_conv_u16_u32(w32, img.data(), -1, 1) +
+                       vx_conv_f32_u8(plane, fimg.data(), -4, 1.0f) +
+                       vx_conv_f32_u16(w16, fimg.data(), 0, 1.0f) +
+                       vx_conv_f32_u32(w32, fimg.data(), INT_MIN, 1.0f) +
+                       vx_conv_u32_f32(wf, w32, -1, 1.0f);
+             return sum == 0 && w16[0] == 5 && w32[0] == 5 && wf[0] == 5.0f;
+         },
+         1},
     });
     EXPECT_EQ(img, copy);
     for (float v : pts) EXPECT_EQ(v, -1.0f);
