@@ -26,7 +26,7 @@ constexpr uint32_t kNodeHdr = 48;
 // Fetched and dropped nodes are kept for reuse, so that a steady capture allocates no frame memory:
 // a large buffer malloc'ed on the feeding thread and freed on the fetching one every frame leaves
 // the allocator's per-thread arenas fragmented and resident memory creeping up.
-constexpr uint32_t kSpareMax = 4;
+constexpr uint32_t kSpareMax = 2;
 
 tevix::stream::node_alloc_fn g_node_alloc = nullptr;
 
