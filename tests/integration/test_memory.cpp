@@ -29,6 +29,16 @@
 
 namespace {
 
+// Sanitizer runtimes keep freed memory in quarantine and map shadow memory: resident figures mean
+// nothing there, while the run still checks the capture path and the node reuse.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool k_sanitized = true;
+#elif defined(__has_feature)
+constexpr bool k_sanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+constexpr bool k_sanitized = false;
+#endif
+
 std::atomic<uint64_t> g_node_allocs{0};
 
 void *_counting_alloc(size_t bytes) {
@@ -36,14 +46,18 @@ void *_counting_alloc(size_t bytes) {
     return std::malloc(bytes);
 }
 
-double _rss_mib() {
-    malloc_trim(0);
+double _resident_mib() {
     long pages = 0, resident = 0;
     std::FILE *f = std::fopen("/proc/self/statm", "r");
     if (!f) return 0;
     if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
     std::fclose(f);
     return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / 1048576.0;
+}
+
+double _rss_mib() {
+    malloc_trim(0);
+    return _resident_mib();
 }
 
 // Heap in use across all arenas, for the log: real growth shows here, allocator slack does not.
@@ -82,7 +96,9 @@ TEST(memory, capture_costs_little_and_stays_flat) {
     const double warm = _rss_mib();
     std::printf("resident: library %.1f MiB, capturing %.1f MiB (+%.1f MiB)\n", base, warm,
                 warm - base);
-    EXPECT_LE(warm - base, 32.0);
+    if (!k_sanitized) {
+        EXPECT_LE(warm - base, 32.0);
+    }
 
     const char *env = std::getenv("TEVIX_MEMORY_SECONDS");
     const uint64_t seconds = env ? std::strtoull(env, nullptr, 10) : 600;
@@ -115,9 +131,12 @@ TEST(memory, capture_costs_little_and_stays_flat) {
         }
         if (now >= next_log) {
             next_log += 60000;
-            std::printf("  %3llu s: %.1f MiB resident, %.1f MiB heap in use\n",
-                        static_cast<unsigned long long>((now - start) / 1000), _rss_mib(),
-                        _heap_mib());
+            const double untrimmed = _resident_mib();
+            std::printf(
+                "  %3llu s: %.1f MiB resident (%.1f MiB before the trim), %.1f MiB heap "
+                "in use\n",
+                static_cast<unsigned long long>((now - start) / 1000), _rss_mib(), untrimmed,
+                _heap_mib());
         }
     }
     ASSERT_LT(settled, 1e9);
@@ -128,7 +147,9 @@ TEST(memory, capture_costs_little_and_stays_flat) {
         "%.1f MiB); %llu frame-node allocations after settling\n",
         static_cast<unsigned long long>(frames), static_cast<unsigned long long>(seconds), last,
         settled, last - settled, peak, static_cast<unsigned long long>(allocs));
-    EXPECT_LE(last - settled, 2.0);
+    if (!k_sanitized) {
+        EXPECT_LE(last - settled, 2.0);
+    }
     // A steady capture refills the assembler's few nodes; a lagging pull may add some.
     EXPECT_LT(allocs * 10, frames - settled_frames);
     tevix_cap_stop(dev);
