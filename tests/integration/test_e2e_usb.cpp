@@ -78,7 +78,13 @@ class e2e : public ::testing::Test {
         EXPECT_EQ(tevix_param_batch_set(dev, &f, 1), 1);
         return dev;
     }
+    // One frame into the fixture's buffer: the pull's result.
+    int pull_one(tevix_dev_t *dev) {
+        return tevix_cap_get_frames(dev, 1, raw_.data(), static_cast<uint32_t>(raw_.size()),
+                                    nullptr);
+    }
     tevix_dev_t list_[4] = {};
+    std::vector<uint8_t> raw_ = std::vector<uint8_t>(8u << 20);
 };
 
 }  // namespace
@@ -218,10 +224,8 @@ TEST_F(e2e, callback_delivery_and_unplug) {
     cfg.on_cap_err = _stop_on_error;
     tevix_cap_config_set(dev, &cfg);
     e2e_env::cam()->unplug();
-    std::vector<uint8_t> raw(8u << 20);
     int n = 1;
-    for (int i = 0; i < 50 && n > 0; ++i)
-        n = tevix_cap_get_frames(dev, 1, raw.data(), static_cast<uint32_t>(raw.size()), nullptr);
+    for (int i = 0; i < 50 && n > 0; ++i) n = pull_one(dev);
     EXPECT_LE(n, 0);
     EXPECT_LT(g_last_error.load(), 0) << "last pull " << n;
     tevix_dev_close(dev);
@@ -233,10 +237,7 @@ TEST_F(e2e, transfer_timeouts_accumulate_over_data_and_stop_with_minus_5) {
     tevix_dev_t *dev = open_listed();
     ASSERT_NE(dev, nullptr);
     ASSERT_EQ(tevix_cap_start(dev), 1);
-    std::vector<uint8_t> raw(8u << 20);
-    auto pull = [&] {
-        return tevix_cap_get_frames(dev, 1, raw.data(), static_cast<uint32_t>(raw.size()), nullptr);
-    };
+    auto pull = [&] { return pull_one(dev); };
     ASSERT_EQ(pull(), 1);
     // The camera holds every transfer: the 16 in flight time out together (8.5 s each round).
     e2e_env::cam()->hold_in(true);
@@ -266,10 +267,7 @@ TEST_F(e2e, only_seventeen_consecutive_stalls_stop_the_capture) {
     tevix_dev_t *dev = open_listed();
     ASSERT_NE(dev, nullptr);
     ASSERT_EQ(tevix_cap_start(dev), 1);
-    std::vector<uint8_t> raw(8u << 20);
-    auto pull = [&] {
-        return tevix_cap_get_frames(dev, 1, raw.data(), static_cast<uint32_t>(raw.size()), nullptr);
-    };
+    auto pull = [&] { return pull_one(dev); };
     ASSERT_EQ(pull(), 1);
     tevix::emu::camera *cam = e2e_env::cam();
     auto stall = [&](uint32_t n) {
@@ -328,10 +326,7 @@ TEST_F(e2e, lost_stream_bytes_are_reported_as_discards_and_a_false_answer_silenc
     }
     g_err_answer = 1;
     ASSERT_EQ(tevix_cap_start(dev), 1);
-    std::vector<uint8_t> raw(8u << 20);
-    auto pull = [&] {
-        return tevix_cap_get_frames(dev, 1, raw.data(), static_cast<uint32_t>(raw.size()), nullptr);
-    };
+    auto pull = [&] { return pull_one(dev); };
     ASSERT_EQ(pull(), 1);
     tevix::emu::camera *cam = e2e_env::cam();
     // One lost chunk cuts a frame (two when it spans a frame's end): each report is 3 with the
@@ -367,7 +362,8 @@ TEST_F(e2e, lost_stream_bytes_are_reported_as_discards_and_a_false_answer_silenc
         EXPECT_EQ(pull(), 0);
         tevix::plat::sleep_ms(30);
     }
-    EXPECT_EQ(tevix_cap_get_frame(dev, raw.data(), static_cast<uint32_t>(raw.size()), nullptr), 0);
+    EXPECT_EQ(tevix_cap_get_frame(dev, raw_.data(), static_cast<uint32_t>(raw_.size()), nullptr),
+              0);
     EXPECT_GT(cam->stats().frames, frames_then);
 
     // Until the next start.
