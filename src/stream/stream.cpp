@@ -174,7 +174,8 @@ fr_node *_node_get(vx_stream *s, uint32_t frlen) {
     const size_t bytes = size_t{frlen} + kNodeHdr;
     n = static_cast<fr_node *>(g_node_alloc ? g_node_alloc(bytes) : std::malloc(bytes));
     if (!n) {
-        VX_ERR("[%s]malloc failed: %d bytes\n", static_cast<int>(bytes));
+        VX_LOG_AS(VX_LOG_ERR, "_fr_node_add_data", "[%s]malloc failed: %d bytes\n",
+                  static_cast<int>(bytes));
         return nullptr;
     }
     n->room = frlen;
