@@ -657,3 +657,47 @@ TEST_F(StreamTest, ConcurrentFeederAndFetcher) {
 }
 
 }  // namespace
+
+TEST_F(StreamTest, FetchedNodesAreReusedAndNeverTooSmall) {
+    static std::atomic<int> allocs{0};
+    tevix::stream::set_node_alloc([](size_t n) -> void * {
+        ++allocs;
+        return std::malloc(n);
+    });
+    allocs = 0;
+    auto s = make_stream(4);
+    // Frame by frame with a fetch in between: the first nodes come back and are refilled.
+    for (uint16_t i = 0; i < 50; ++i) {
+        stream_builder b;
+        b.frame(i, 40, 16);
+        feed(s.get(), b.bytes());
+        const auto got = fetch_all(s.get());
+        ASSERT_EQ(got.size(), 1u);
+        expect_frame(got[0], i, 40);
+    }
+    EXPECT_LE(allocs.load(), 2);
+    // Larger frames after smaller ones need new nodes; smaller ones fit the spares.
+    for (uint32_t len : {400u, 4000u, 8u, 4000u}) {
+        stream_builder b;
+        b.frame(7, len, 100);
+        feed(s.get(), b.bytes());
+        const auto got = fetch_all(s.get());
+        ASSERT_EQ(got.size(), 1u);
+        expect_frame(got[0], 7, len);
+    }
+    // Overflow drops and discarded partial frames return their nodes too.
+    stream_builder b;
+    for (uint16_t i = 0; i < 8; ++i) b.frame(i, 4000, 1000);
+    b.bytes().resize(b.bytes().size() - 1036);  // frame 7 lacks its last packet
+    const int before = allocs.load();
+    feed(s.get(), b.bytes());
+    stream_builder more;
+    more.frame(8, 4000, 4000);
+    feed(s.get(), more.bytes());
+    tevix::stream::set_node_alloc(nullptr);
+    EXPECT_LE(allocs.load() - before, 4);  // a node per frame makes 9
+    const auto got = fetch_all(s.get());
+    ASSERT_EQ(got.size(), 4u);
+    for (size_t k = 0; k < got.size(); ++k)
+        expect_frame(got[k], static_cast<uint16_t>(k == 3 ? 8 : 4 + k), 4000);
+}
