@@ -233,6 +233,7 @@ void camera::_pump() {
             queued_ -= take;
             if (queue_off_ == front.size()) {
                 if (frame_tap_ && !drop) frame_tap_(front);
+                if (spare_pkt_.capacity() < front.capacity()) spare_pkt_.swap(front);
                 queue_.pop_front();
                 queue_off_ = 0;
             }
@@ -356,7 +357,7 @@ void camera::_producer() {
         }
         queued_ += pkt.size();
         queue_.push_back(std::move(pkt));
-        pkt = {};
+        pkt.swap(spare_pkt_);  // reuse a sent packet's buffer rather than allocate per frame
         ++st_.frames;
         _pump();
     }

@@ -225,6 +225,7 @@ class camera {
     std::deque<urb> ctrl_held_;
     std::deque<urb> done_;
     std::deque<std::vector<uint8_t>> queue_;
+    std::vector<uint8_t> spare_pkt_;  // a sent packet's buffer, refilled by the producer
     size_t queue_off_ = 0;
     size_t queued_ = 0;
     bool streaming_ = false;
