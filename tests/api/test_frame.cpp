@@ -103,10 +103,6 @@ TEST_F(api_frame, getters_check_sizes_and_convert_units) {
                                    static_cast<uint32_t>(raw_.size()), &info_),
               static_cast<int>(n));
     for (uint32_t i = 0; i < n; ++i) EXPECT_EQ(f[i], static_cast<float>(i));
-
-    tevix_dev_t closed{};
-    EXPECT_EQ(tevix_frame_get_dist_u16(&closed, u16.data(), n, raw_.data(), 256, &info_), -1);
-    EXPECT_EQ(tevix_frame_get_distance(nullptr, f.data(), n, raw_.data(), 256, &info_), -1);
 }
 
 TEST_F(api_frame, point_clouds_use_the_driver_lens_and_check_lengths) {

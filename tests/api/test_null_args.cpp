@@ -703,6 +703,22 @@ TEST_F(null_args, parameter_calls) {
          [&] { return tevix_filter_enable(nullptr, TEVIX_FILTER_MIN_AMP, nullptr); }, -1, ""},
         {"filter off for no record: silent",
          [&] { return tevix_filter_disable(nullptr, TEVIX_FILTER_MIN_AMP); }, -1, ""},
+        {"set of no record", [&] { return tevix_param_batch_set(nullptr, &item, 1); }, 0,
+         "[tevix_param_batch_set] Device handler Is NULL!\r\n"},
+        {"set of a closed record", [&] { return tevix_param_batch_set(&closed_, &item, 1); }, 0,
+         "[tevix_param_batch_set] Device handler Is NULL!\r\n"},
+        {"get of a closed record", [&] { return tevix_param_batch_get(&closed_, &item, 1); }, 0,
+         "[tevix_param_batch_get] Device handler Is NULL!\r\n"},
+        {"register write of a closed record",
+         [&] { return tevix_reg_batch_write(&closed_, 1, 0, values, 1); }, 0,
+         "[tevix_reg_batch_write] Device handler Is NULL!\r\n"},
+        {"register read of a closed record",
+         [&] { return tevix_reg_batch_read(&closed_, 1, 0, values, 1); }, 0,
+         "[tevix_reg_batch_read] Device handler Is NULL!\r\n"},
+        {"filter on for a closed record",
+         [&] { return tevix_filter_enable(&closed_, TEVIX_FILTER_MIN_AMP, nullptr); }, -1},
+        {"filter off for a closed record",
+         [&] { return tevix_filter_disable(&closed_, TEVIX_FILTER_MIN_AMP); }, -1},
     });
     EXPECT_EQ(g_ll_calls, 0);  // no refused call reached the device
     // An empty batch or zero registers still go to the device, which answers.

@@ -255,24 +255,3 @@ TEST_F(api_param, filter_without_a_driver_leaves_the_busy_count_raised) {
                   "[tevix_filter_enable]cannot find driver for device: product=NODASHES\n"),
               std::string::npos);
 }
-
-TEST(api_param_closed, every_call_refuses_a_closed_or_missing_device) {
-    tevix::test::temp_dir dir;
-    std::string log = dir.file("api.log");
-    ASSERT_NE(vx_log_init(nullptr, log.c_str(), "VX"), nullptr);
-    vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
-    tevix_dev_t closed{};
-    tevix_param_item_t it{};
-    uint32_t v = 0;
-    EXPECT_EQ(tevix_param_batch_set(nullptr, &it, 1), 0);
-    EXPECT_EQ(tevix_param_batch_set(&closed, &it, 1), 0);
-    EXPECT_EQ(tevix_param_batch_get(&closed, &it, 1), 0);
-    EXPECT_EQ(tevix_reg_batch_write(&closed, 1, 0, &v, 1), 0);
-    EXPECT_EQ(tevix_reg_batch_read(&closed, 1, 0, &v, 1), 0);
-    EXPECT_EQ(tevix_filter_enable(&closed, 1, nullptr), -1);
-    EXPECT_EQ(tevix_filter_disable(&closed, 1), -1);
-    vx_log_uninit(nullptr);
-    std::string text = tevix::test::read_file(log);
-    EXPECT_NE(text.find("[tevix_param_batch_set] Device handler Is NULL!\r\n"), std::string::npos);
-    EXPECT_NE(text.find("[tevix_reg_batch_read] Device handler Is NULL!\r\n"), std::string::npos);
-}
