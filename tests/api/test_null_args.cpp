@@ -15,6 +15,7 @@
 #include "api/session.h"
 #include "drivers/drv.h"
 #include "ll/dispatch.h"
+#include "pinhole_lens.h"
 #include "test_util.h"
 #include "tevix/tevix.h"
 #include "tevix/tevix_ll.h"
@@ -70,19 +71,10 @@ int32_t _decode(tevix_drv_t *, uint8_t *out, uint32_t cap, uint32_t, const uint8
     std::memset(out, 0, 2 * n);
     return static_cast<int32_t>(2 * n);
 }
-bool _lens(tevix_drv_t *, tevix_lens_param_t *lens, uint32_t w, uint32_t h) {
-    *lens = tevix_lens_param_t{};
-    lens->cx = w / 2.0;
-    lens->cy = h / 2.0;
-    lens->fx = lens->fy = 10.0;
-    lens->width = w;
-    lens->height = h;
-    return true;
-}
 tevix_drv_ops g_ops = [] {
     tevix_drv_ops ops{};
     ops.frame_decode = _decode;
-    ops.lens_param_get = _lens;
+    ops.lens_param_get = tevix::test::pinhole_lens;
     return ops;
 }();
 tevix_drv_ops g_blind_ops = [] {
