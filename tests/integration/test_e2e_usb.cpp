@@ -195,10 +195,23 @@ std::atomic<int> g_frdy{0};
 void _count_frame(tevix_dev_t *, const tevix_frame_t *f) {
     if (f->info.size > 0) ++g_frdy;
 }
-std::atomic<int> g_last_error{0};
-int _stop_on_error(tevix_dev_t *, int code, uint32_t) {
-    g_last_error = code;
-    return 0;
+// The error callback notes every report and answers g_err_answer.
+std::mutex g_err_m;
+std::vector<std::pair<int, uint32_t>> g_errs;
+std::atomic<int> g_err_answer{1};
+int _note_error(tevix_dev_t *, int code, uint32_t extra) {
+    std::lock_guard lk(g_err_m);
+    g_errs.emplace_back(code, extra);
+    return g_err_answer.load();
+}
+std::vector<std::pair<int, uint32_t>> _errors() {
+    std::lock_guard lk(g_err_m);
+    return g_errs;
+}
+void _reset_errors(int answer) {
+    std::lock_guard lk(g_err_m);
+    g_errs.clear();
+    g_err_answer = answer;
 }
 }  // namespace
 
@@ -221,13 +234,16 @@ TEST_F(e2e, callback_delivery_and_unplug) {
 
     // Unplugged while capturing: pulls end with an error, and close still returns.
     cfg.on_cap_frdy = nullptr;
-    cfg.on_cap_err = _stop_on_error;
+    cfg.on_cap_err = _note_error;
+    _reset_errors(0);
     tevix_cap_config_set(dev, &cfg);
     e2e_env::cam()->unplug();
     int n = 1;
     for (int i = 0; i < 50 && n > 0; ++i) n = pull_one(dev);
     EXPECT_LE(n, 0);
-    EXPECT_LT(g_last_error.load(), 0) << "last pull " << n;
+    const auto errs = _errors();
+    ASSERT_FALSE(errs.empty()) << "last pull " << n;
+    EXPECT_LT(errs.back().first, 0) << "last pull " << n;
     tevix_dev_close(dev);
     e2e_env::cam()->replug();
     tevix::plat::sleep_ms(500);
@@ -298,21 +314,6 @@ TEST_F(e2e, only_seventeen_consecutive_stalls_stop_the_capture) {
     tevix_dev_close(dev);
 }
 
-namespace {
-std::mutex g_err_m;
-std::vector<std::pair<int, uint32_t>> g_errs;
-std::atomic<int> g_err_answer{1};
-int _note_error(tevix_dev_t *, int code, uint32_t extra) {
-    std::lock_guard lk(g_err_m);
-    g_errs.emplace_back(code, extra);
-    return g_err_answer.load();
-}
-std::vector<std::pair<int, uint32_t>> _errors() {
-    std::lock_guard lk(g_err_m);
-    return g_errs;
-}
-}  // namespace
-
 TEST_F(e2e, lost_stream_bytes_are_reported_as_discards_and_a_false_answer_silences_pulls) {
     tevix_dev_t *dev = open_listed();
     ASSERT_NE(dev, nullptr);
@@ -320,11 +321,7 @@ TEST_F(e2e, lost_stream_bytes_are_reported_as_discards_and_a_false_answer_silenc
     tevix_cap_config_get(dev, &cfg);
     cfg.on_cap_err = _note_error;
     ASSERT_EQ(tevix_cap_config_set(dev, &cfg), 1);
-    {
-        std::lock_guard lk(g_err_m);
-        g_errs.clear();
-    }
-    g_err_answer = 1;
+    _reset_errors(1);
     ASSERT_EQ(tevix_cap_start(dev), 1);
     auto pull = [&] { return pull_one(dev); };
     ASSERT_EQ(pull(), 1);
