@@ -13,6 +13,10 @@ packages=(
   libopenni2-dev libopenni2-0
   libpng-dev libstb-dev
   binutils
+  # ROS 1 node and its test: roscore, rospy, rosbag, message types and generators
+  ros-core-dev libroscpp-dev libsensor-msgs-dev libdiagnostic-msgs-dev python3-rospy
+  python3-rosbag python3-roslaunch python3-rostopic python3-sensor-msgs python3-diagnostic-msgs
+  python3-gencpp python3-genpy python3-numpy python3-pytest
 )
 
 missing=()
