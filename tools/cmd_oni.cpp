@@ -1,4 +1,5 @@
 // oni info FILE: header, nodes and every property of a recording.
+// oni repair IN [OUT]: a recording whose writer never finished made playable again.
 // oni export FILE --node NAME --frame N --out PATH: one frame as raw little-endian u16 pixels, a
 // colour PNG (PATH ending in .png), or as stored for codecs that are not 16-bit depth (JPEG).
 #include "cmd_oni.h"
@@ -27,9 +28,11 @@ struct oni_args {
     std::string file;
     std::string node;
     std::string out;
+    std::string repaired;
     int64_t frame = 0;
     CLI::App *info = nullptr;
     CLI::App *exp = nullptr;
+    CLI::App *repair = nullptr;
 } g_args;
 
 // Console diagnostics only when asked for, for the command's duration.
@@ -287,6 +290,42 @@ int _cmd_export(const oni_args &a) {
     return k_ok;
 }
 
+// Default name of a repaired copy: "rec.oni" -> "rec.repaired.oni".
+std::string _repaired_name(const std::string &in) {
+    const size_t dot = in.rfind('.');
+    const size_t slash = in.rfind('/');
+    const bool ext = dot != std::string::npos && (slash == std::string::npos || dot > slash);
+    return (ext ? in.substr(0, dot) : in) + ".repaired.oni";
+}
+
+int _cmd_repair(const oni_args &a) {
+    const std::string out = a.repaired.empty() ? _repaired_name(a.file) : a.repaired;
+    oni::scan_result found;
+    const int64_t frames = oni::repair(a.file.c_str(), out.c_str(), &found);
+    if (frames < 0) {
+        std::fprintf(stderr, "oni: cannot repair %s: %s (-v for details)\n", a.file.c_str(),
+                     found.stop.empty() ? "the output cannot be written" : found.stop.c_str());
+        return k_failed;
+    }
+    if (found.finished) {
+        std::printf("%s is a finished recording: %s is a copy of it\n", a.file.c_str(),
+                    out.c_str());
+        return k_ok;
+    }
+    for (size_t i = 0; i < found.nodes.size() && found.nodes[i].used; ++i) {
+        const oni::scan_node &n = found.nodes[i];
+        std::printf("  node %zu \"%s\": %zu frames, %u properties\n", i + 1, n.name.c_str(),
+                    n.frames.size(), n.properties);
+    }
+    const uint64_t dropped = found.file_size - found.valid_end;
+    std::printf("repaired %s into %s: %" PRId64 " frames kept", a.file.c_str(), out.c_str(),
+                frames);
+    if (dropped)
+        std::printf(", the last %" PRIu64 " bytes dropped (%s)", dropped, found.stop.c_str());
+    std::printf("\n");
+    return k_ok;
+}
+
 }  // namespace
 
 CLI::App *tool_add_oni(CLI::App &app) {
@@ -305,6 +344,11 @@ CLI::App *tool_add_oni(CLI::App &app) {
         ->add_option("--out", g_args.out,
                      "output: raw little-endian u16 pixels, or a colour PNG (*.png)")
         ->required();
+    g_args.repair = cmd->add_subcommand(
+        "repair", "make a recording whose writer never finished playable (every whole frame)");
+    g_args.repair->add_option("IN", g_args.file, "unfinished recording")->required();
+    g_args.repair->add_option("OUT", g_args.repaired,
+                              "repaired recording (default IN with .repaired.oni; may be IN)");
     return cmd;
 }
 
@@ -312,5 +356,6 @@ int tool_run_oni(CLI::App *, int verbosity) {
     log_scope log(verbosity);
     if (g_args.info->parsed()) return _cmd_info(g_args.file);
     if (g_args.exp->parsed()) return _cmd_export(g_args);
+    if (g_args.repair->parsed()) return _cmd_repair(g_args);
     return k_usage;
 }

@@ -1,6 +1,8 @@
 // Writes the seed files of fuzz/corpus/oni/ with the library's own writer: small recordings with
-// each codec, every property kind and a few frames.
+// each codec, every property kind and a few frames; and of fuzz/corpus/oni_repair/ the same
+// recordings as they stand before the writer finishes them.
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -11,7 +13,7 @@ namespace oni = tevix::oni;
 namespace {
 
 bool _write(const std::string &path, uint32_t codec, uint32_t w, uint32_t h, uint32_t frames,
-            bool device) {
+            bool device, const std::string &unfinished) {
     auto wr = oni::writer::create(path.c_str());
     if (!wr) return false;
     if (device) {
@@ -32,6 +34,12 @@ bool _write(const std::string &path, uint32_t codec, uint32_t w, uint32_t h, uin
         if (!wr->write_data(id, px.data(), static_cast<uint32_t>(px.size() * 2), 1000 * (k + 1)))
             return false;
     }
+    if (!unfinished.empty()) {
+        std::error_code ec;
+        std::filesystem::copy_file(path, unfinished,
+                                   std::filesystem::copy_options::overwrite_existing, ec);
+        if (ec) return false;
+    }
     return wr->finish();
 }
 
@@ -39,9 +47,12 @@ bool _write(const std::string &path, uint32_t codec, uint32_t w, uint32_t h, uin
 
 int main(int argc, char **argv) {
     const std::string dir = argc > 1 ? std::string(argv[1]) + "/" : "";
-    const bool ok = _write(dir + "depth_16zt.oni", oni::k_codec_16zt, 8, 6, 3, true) &&
-                    _write(dir + "depth_none.oni", oni::k_codec_none, 4, 3, 2, false) &&
-                    _write(dir + "no_frames.oni", oni::k_codec_16zt, 4, 4, 0, true);
+    const std::string rep = argc > 2 ? std::string(argv[2]) + "/" : "";
+    const bool ok = _write(dir + "depth_16zt.oni", oni::k_codec_16zt, 8, 6, 3, true,
+                           rep.empty() ? "" : rep + "depth_16zt.oni") &&
+                    _write(dir + "depth_none.oni", oni::k_codec_none, 4, 3, 2, false,
+                           rep.empty() ? "" : rep + "depth_none.oni") &&
+                    _write(dir + "no_frames.oni", oni::k_codec_16zt, 4, 4, 0, true, "");
     if (!ok) std::fprintf(stderr, "oni_corpus_gen: writing failed\n");
     return ok ? 0 : 1;
 }

@@ -299,6 +299,18 @@ TEVIX_API int tevix_filter_enable(tevix_dev_t *dev, uint32_t filter_id,
                                   const tevix_filter_arg_t *filter_arg) TEVIX_NOEXCEPT;
 TEVIX_API int tevix_filter_disable(tevix_dev_t *dev, uint32_t filter_id) TEVIX_NOEXCEPT;
 
+/*
+ * Extensions beyond the camera interface proper.
+ */
+
+/* Recovers a recording whose writer never finished (a killed process, a power loss): every whole
+ * frame and property of in_path is kept byte for byte, the cut tail is dropped, and the node
+ * headers, seek tables and end record are written, into out_path (which may be in_path: the file
+ * is then repaired in place). A finished recording is copied as it is. Returns the number of
+ * frames recovered over all streams, or -1 when in_path is no recording with whole node headers
+ * or out_path cannot be written (the reason goes to the log). Extension. */
+TEVIX_API int64_t tevix_oni_repair(const char *in_path, const char *out_path) TEVIX_NOEXCEPT;
+
 TEVIX_EXTERN_C_END
 
 #ifdef __cplusplus

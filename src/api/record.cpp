@@ -140,6 +140,7 @@ void record_start(tevix_dev_t *dev) {
     w.write_int(n, "VX_DEV_MAX_FPS", s->max_fps);
     w.write_int(n, "VX_DEV_MAX_INTG_US", s->max_intg_us);
     _embed_calib(dev, s);
+    w.flush(true);
 }
 
 void record_stop(tevix_session *s) {
@@ -184,3 +185,11 @@ int record_save_frame(tevix_dev_t *dev, const uint8_t *data, uint32_t len,
 }
 
 }  // namespace tevix::api
+
+int64_t tevix_oni_repair(const char *in_path, const char *out_path) noexcept {
+    if (!in_path || !out_path) {
+        VX_ERR("[%s]Wrong params\n");
+        return -1;
+    }
+    return tevix::oni::repair(in_path, out_path);
+}

@@ -183,6 +183,44 @@ struct stream_desc {
     uint32_t fps = 0;
 };
 
+// What a scan of a recording found: its whole records from the start up to the first record
+// that is cut short or damaged. A recording whose writer never finished (a killed process, a
+// power loss) has no seek tables, no end record and zero counts in its headers, but every record
+// the writer completed is intact; the scan is what a repair rebuilds the missing parts from.
+struct scan_node {
+    bool used = false;
+    std::string name;
+    uint32_t type = 0, codec = 0;
+    uint64_t added_pos = 0;  // its node-added record
+    uint64_t begin_pos = 0;  // its node-data-begin record, 0 when none
+    uint64_t min_ts = 0, max_ts = 0;
+    std::vector<seek_entry> frames;  // every whole new-data record
+    uint32_t properties = 0;
+};
+
+struct scan_result {
+    uint64_t file_size = 0;
+    uint64_t valid_end = 0;  // whole records end here; bytes from here on are cut or damaged
+    bool finished = false;   // an end record was met: the file needs no repair
+    uint32_t records = 0;
+    std::string stop;              // why the scan stopped before the end of the file, or ""
+    std::vector<scan_node> nodes;  // by id - 1 (ids 1..8)
+};
+
+// Reads `size` bytes at `pos` into dst; the bytes read (short at the end of the source).
+using read_fn = size_t (*)(void *src, uint64_t pos, void *dst, size_t size);
+
+// Scans a recording with 28-byte record headers record by record. False when the source is no
+// such recording (wrong magic, the old 24-byte record form), with the reason in out.stop.
+bool scan(read_fn read, void *src, uint64_t size, scan_result &out);
+
+// Rebuilds a recording that was not finished: the whole records of `in` are kept byte for byte
+// (frames, properties and node headers), the cut or damaged tail is dropped, and the data-begin
+// records, seek tables, end record and corrected headers are written. `out` may be `in` (the file
+// is repaired in place: its tail is cut and the missing records appended). Returns the number of
+// frames recovered over all nodes, or -1 (logged) when `in` cannot be read or `out` written.
+int64_t repair(const char *in, const char *out, scan_result *found = nullptr);
+
 class writer {
   public:
     ~writer();  // finishes and closes
@@ -190,6 +228,9 @@ class writer {
     writer &operator=(const writer &) = delete;
 
     static std::unique_ptr<writer> create(const char *path);
+    // Continues an unfinished recording at `path` from its scan: the file is cut after its last
+    // whole record and the writer stands there, knowing its nodes and frames. Null on failure.
+    static std::unique_ptr<writer> resume(const char *path, const scan_result &found);
 
     // Node id (1..8) or -1. Writes the node, its standard properties and node-state-ready.
     int add_node(const char *name, const stream_desc &desc, uint32_t codec);
@@ -201,6 +242,9 @@ class writer {
     bool write_data(int node_id, const void *data, uint32_t size, uint64_t timestamp);
     // Data begin of idle nodes, node removed, seek tables, end, corrected headers; then closes.
     bool finish();
+    // Hands what the writer holds to the operating system, so that a process that dies keeps
+    // every record written so far; with sync also to the disk, for a power loss.
+    bool flush(bool sync);
 
   private:
     struct wnode {
@@ -227,6 +271,7 @@ class writer {
     bool failed_ = false;
     std::vector<wnode> nodes_;
     std::vector<uint8_t> zbuf_;
+    uint64_t synced_ms_ = 0;
 };
 
 }  // namespace tevix::oni

@@ -1,6 +1,12 @@
 // ONI writer. The layout follows what OpenNI2's player needs: node added, its properties and
 // node-state-ready, a data-begin before the node's first frame, and on finish node removed, one
 // seek table per node (frames + 1 entries), end, and the node headers rewritten in place.
+//
+// A recording must survive its process: node headers and each frame are handed to the operating
+// system as soon as they are written, and the disk is synchronised about once a second, so that
+// a crash leaves whole records that repair() turns back into a playable file.
+#include <unistd.h>
+
 #include <chrono>
 #include <cstring>
 
@@ -33,6 +39,14 @@ struct bytes {
         return raw(s, n);
     }
 };
+
+constexpr uint64_t k_sync_interval_ms = 1000;
+
+uint64_t _mono_ms() {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                     std::chrono::steady_clock::now().time_since_epoch())
+                                     .count());
+}
 
 uint64_t _now_us() {
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
@@ -71,6 +85,43 @@ std::unique_ptr<writer> writer::create(const char *path) {
     }
     w->pos_ = sizeof h;
     return w;
+}
+
+std::unique_ptr<writer> writer::resume(const char *path, const scan_result &found) {
+    std::unique_ptr<writer> w(new (std::nothrow) writer());
+    if (!w) return nullptr;
+    w->fp_ = path ? std::fopen(path, "rb+") : nullptr;
+    if (!w->fp_ || ftruncate(fileno(w->fp_), static_cast<off_t>(found.valid_end)) != 0 ||
+        fseeko(w->fp_, static_cast<off_t>(found.valid_end), SEEK_SET) != 0) {
+        VX_ERR("[%s]open file failed: %s\n", path ? path : "(null)");
+        return nullptr;
+    }
+    w->pos_ = found.valid_end;
+    for (const scan_node &s : found.nodes) {
+        if (!s.used) break;
+        wnode n;
+        n.name = s.name;
+        n.desc.type = s.type;
+        n.codec = s.codec;
+        n.added_pos = s.added_pos;
+        n.begin_pos = s.begin_pos;
+        n.last_data_pos = s.frames.empty() ? 0 : s.frames.back().pos;
+        n.min_ts = s.min_ts;
+        n.max_ts = s.max_ts;
+        n.frames = s.frames;
+        w->nodes_.push_back(std::move(n));
+    }
+    return w;
+}
+
+bool writer::flush(bool sync) {
+    if (!fp_) return false;
+    bool ok = std::fflush(fp_) == 0;
+    if (sync) {
+        ok = fdatasync(fileno(fp_)) == 0 && ok;
+        synced_ms_ = _mono_ms();
+    }
+    return ok;
 }
 
 writer::wnode *writer::node_of(int id) {
@@ -147,7 +198,8 @@ int writer::add_node(const char *name, const stream_desc &desc, uint32_t codec) 
              write_general(nid, "xnCropping", crop, sizeof crop);
         if (!ok) return -1;
     }
-    if (!put_record(static_cast<uint32_t>(rec::node_state_ready), id, {}, {}, 0, nullptr))
+    if (!put_record(static_cast<uint32_t>(rec::node_state_ready), id, {}, {}, 0, nullptr) ||
+        !flush(true))
         return -1;
     return nid;
 }
@@ -215,7 +267,8 @@ bool writer::write_data(int node_id, const void *data, uint32_t size, uint64_t t
     if (n->frames.empty() || ts < n->min_ts) n->min_ts = ts;
     if (ts > n->max_ts) n->max_ts = ts;
     n->frames.push_back({ts, 0, at});
-    return true;
+    // Only whole records reach the file: a process that dies now loses no finished frame.
+    return flush(_mono_ms() - synced_ms_ >= k_sync_interval_ms);
 }
 
 bool writer::finish() {
