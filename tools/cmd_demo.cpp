@@ -4,12 +4,11 @@
 #include "cmd_demo.h"
 
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <vector>
 
-#include "png_out.h"
+#include "frame_export.h"
 #include "tevix/tevix.h"
 #include "tool_lib.h"
 
@@ -18,7 +17,6 @@ namespace {
 constexpr int k_exit_ok = 0;
 constexpr int k_exit_failed = 1;
 constexpr uint32_t k_frame_buf = 8u << 20;
-constexpr uint16_t k_depth_max_mm = 6000;  // colour range of the depth picture
 
 // Captures for the given time while the engine records every raw frame into file.
 bool _capture_and_record(const demo_cmd &d, const std::string &file) {
@@ -58,24 +56,6 @@ bool _capture_and_record(const demo_cmd &d, const std::string &file) {
     return frames > 0;
 }
 
-bool _write_ply(const std::string &path, const std::vector<float> &xyz, uint32_t n) {
-    uint32_t valid = 0;
-    for (uint32_t i = 0; i < n; ++i)
-        if (xyz[3 * i + 2] > 0.0f && std::isfinite(xyz[3 * i + 2])) ++valid;
-    std::FILE *fp = std::fopen(path.c_str(), "wb");
-    if (!fp) return false;
-    std::fprintf(fp,
-                 "ply\nformat ascii 1.0\ncomment tevix point cloud, metres\nelement vertex %u\n"
-                 "property float x\nproperty float y\nproperty float z\nend_header\n",
-                 valid);
-    for (uint32_t i = 0; i < n; ++i) {
-        const float *p = &xyz[3 * i];
-        if (p[2] > 0.0f && std::isfinite(p[2]))
-            std::fprintf(fp, "%.4f %.4f %.4f\n", p[0], p[1], p[2]);
-    }
-    return std::fclose(fp) == 0;
-}
-
 // Replays the recording and exports one frame.
 bool _replay_and_export(const demo_cmd &d, const std::string &file) {
     tool_device recording("file://" + file);
@@ -96,37 +76,19 @@ bool _replay_and_export(const demo_cmd &d, const std::string &file) {
         std::fprintf(stderr, "demo: the recording delivered no frame\n");
         return false;
     }
-    const uint32_t w = info.width, h = info.height, n = w * h;
-    std::printf("replayed  frame #%u of %s: %ux%u, format %u\n", info.index, file.c_str(), w, h,
-                info.format);
-
-    std::vector<uint16_t> dist(n), gray(n);
-    if (tevix_frame_get_dist_u16(rec, dist.data(), n, raw.data(), info.size, &info) <= 0 ||
-        tevix_frame_get_gray_u16(rec, gray.data(), n, raw.data(), info.size, &info) <= 0) {
-        std::fprintf(stderr, "demo: the frame does not decode\n");
-        return false;
-    }
+    std::printf("replayed  frame #%u of %s: %ux%u, format %u\n", info.index, file.c_str(),
+                info.width, info.height, info.format);
     std::filesystem::path out(d.out);
-    std::vector<uint8_t> rgb(3 * n), ir(n);
-    tevix_cmap_dist_u16_to_RGB(rgb.data(), 3 * n, dist.data(), n, TEVIX_PIX_RGB, 0, k_depth_max_mm,
-                               nullptr);
-    tevix_cmap_gray_u16_to_IR(ir.data(), n, gray.data(), n, 640);
-    std::string depth_png = (out / "depth.png").string(), ir_png = (out / "ir.png").string();
-    std::string ply = (out / "points.ply").string();
-    if (!png_write(depth_png, rgb.data(), w, h, 3) || !png_write(ir_png, ir.data(), w, h, 1)) {
-        std::fprintf(stderr, "demo: cannot write the pictures into %s\n", d.out.c_str());
+    const export_paths paths{(out / "depth.png").string(), (out / "ir.png").string(),
+                             (out / "points.ply").string()};
+    std::string err;
+    if (!export_frame(rec, raw, info, paths, err)) {
+        std::fprintf(stderr, "demo: %s\n", err.c_str());
         return false;
     }
-    std::vector<float> metres(n), xyz(3 * n);
-    tevix_frame_get_dist_f32(rec, metres.data(), n, raw.data(), info.size, &info);
-    if (tevix_frame_get_pcl(rec, xyz.data(), 3 * n, metres.data(), n, w, h, nullptr) <= 0 ||
-        !_write_ply(ply, xyz, n)) {
-        std::fprintf(stderr, "demo: cannot write the point cloud\n");
-        return false;
-    }
-    std::printf("depth     %s (colour, 0..%u mm)\n", depth_png.c_str(), k_depth_max_mm);
-    std::printf("infrared  %s\n", ir_png.c_str());
-    std::printf("points    %s\n", ply.c_str());
+    std::printf("depth     %s (colour, 0..%u mm)\n", paths.depth.c_str(), k_export_depth_max_mm);
+    std::printf("infrared  %s\n", paths.ir.c_str());
+    std::printf("points    %s\n", paths.points.c_str());
     return true;
 }
 

@@ -30,6 +30,7 @@ struct oni_args {
     std::string out;
     std::string repaired;
     int64_t frame = 0;
+    bool all = false;
     CLI::App *info = nullptr;
     CLI::App *exp = nullptr;
     CLI::App *repair = nullptr;
@@ -88,25 +89,63 @@ std::string _node_label(const oni::reader &r, uint32_t id) {
     return n ? n->name : "node " + std::to_string(id);
 }
 
-void _print_property(oni::reader *r, uint32_t kind, const char *name, const void *v, uint32_t size,
-                     void *) {
-    std::printf("  [%s] %-7s %s = ", _node_label(*r, r->last().node_id).c_str(), _kind_name(kind),
-                name);
-    if (kind == 3) {
-        uint64_t x;
-        std::memcpy(&x, v, 8);
-        std::printf("%" PRIu64 "\n", x);
-    } else if (kind == 4) {
+// A property value as the listing shows it.
+std::string _value_text(uint32_t kind, const std::string &v) {
+    char buf[64];
+    if (kind == 3 || kind == 4) {
+        uint64_t x = 0;
+        std::memcpy(&x, v.data(), std::min<size_t>(8, v.size()));
         double d;
-        std::memcpy(&d, v, 8);
-        std::printf("%g\n", d);
-    } else if (kind == 5) {
-        std::printf("\"%s\"\n", static_cast<const char *>(v));
-    } else {
-        std::printf("%u bytes:", size);
-        const auto *b = static_cast<const uint8_t *>(v);
-        for (uint32_t i = 0; i < size && i < 16; ++i) std::printf(" %02x", b[i]);
-        std::printf("%s\n", size > 16 ? " ..." : "");
+        std::memcpy(&d, &x, 8);
+        if (kind == 3)
+            std::snprintf(buf, sizeof buf, "%" PRIu64, x);
+        else
+            std::snprintf(buf, sizeof buf, "%g", d);
+        return buf;
+    }
+    if (kind == 5) return "\"" + std::string(v.c_str()) + "\"";
+    std::string out = std::to_string(v.size()) + " bytes:";
+    for (size_t i = 0; i < v.size() && i < 16; ++i) {
+        std::snprintf(buf, sizeof buf, " %02x", static_cast<uint8_t>(v[i]));
+        out += buf;
+    }
+    return out + (v.size() > 16 ? " ..." : "");
+}
+
+// Properties in file order; with grouping, a name repeated on a node (per-frame records such as
+// the frame information) is listed once with its count, first and last value.
+struct property_list {
+    struct entry {
+        std::string node, name, first, last;
+        uint32_t kind = 0, count = 0;
+    };
+    std::vector<entry> entries;
+    bool group = true;
+};
+
+void _note_property(oni::reader *r, uint32_t kind, const char *name, const void *v, uint32_t size,
+                    void *user) {
+    auto *list = static_cast<property_list *>(user);
+    const std::string node = _node_label(*r, r->last().node_id);
+    const std::string value(static_cast<const char *>(v), size);
+    if (list->group)
+        for (auto &e : list->entries)
+            if (e.node == node && e.name == name && e.kind == kind) {
+                e.last = value;
+                ++e.count;
+                return;
+            }
+    list->entries.push_back({node, name, value, value, kind, 1});
+}
+
+void _print_properties(const property_list &list) {
+    for (const auto &e : list.entries) {
+        std::printf("  [%s] %-7s %s", e.node.c_str(), _kind_name(e.kind), e.name.c_str());
+        if (e.count == 1)
+            std::printf(" = %s\n", _value_text(e.kind, e.first).c_str());
+        else
+            std::printf(" x%u: first = %s, last = %s\n", e.count,
+                        _value_text(e.kind, e.first).c_str(), _value_text(e.kind, e.last).c_str());
     }
 }
 
@@ -118,7 +157,7 @@ int _walk(oni::reader &r) {
     return t < 0 ? -1 : 0;
 }
 
-int _cmd_info(const std::string &path) {
+int _cmd_info(const std::string &path, bool all) {
     auto r = oni::reader::open(path.c_str(), nullptr, nullptr);
     if (!r) {
         std::fprintf(stderr, "oni: %s is not a readable ONI recording (-v for details)\n",
@@ -149,10 +188,13 @@ int _cmd_info(const std::string &path) {
         std::printf("timestamps %" PRIu64 "..%" PRIu64 ", seek table %s\n", n->desc.min_ts,
                     n->desc.max_ts, n->has_seek ? "yes" : "no");
     }
-    std::printf("properties:\n");
+    std::printf("properties:%s\n", all ? "" : " (repeated ones grouped; --all lists each)");
     r.reset();
-    r = oni::reader::open(path.c_str(), _print_property, nullptr);
+    property_list props;
+    props.group = !all;
+    r = oni::reader::open(path.c_str(), _note_property, &props);
     if (r) _walk(*r);
+    _print_properties(props);
     if (walked < 0) {
         std::fprintf(stderr, "oni: %s is damaged after its header (-v for details)\n",
                      path.c_str());
@@ -249,6 +291,23 @@ int _cmd_export(const oni_args &a) {
         n->desc.codec == oni::k_codec_16zt || n->desc.codec == oni::k_codec_16z ||
         (n->desc.codec == oni::k_codec_none && (n->desc.type == 2 || n->desc.type == 5));
     if (!sixteen) {
+        if (_ends_with(a.out, ".png")) {
+            if (n->desc.codec == oni::k_codec_jpeg)
+                std::fprintf(stderr,
+                             "oni: frame %" PRId64
+                             " of \"%s\" is stored as JPEG: write it to a "
+                             ".jpg file\n",
+                             a.frame, n->name.c_str());
+            else
+                std::fprintf(stderr,
+                             "oni: \"%s\" holds %s, not an image: a .png would only carry its "
+                             "bytes. Decode it with: tevix export %s --frame %" PRId64
+                             " --depth D.png --ir I.png --points P.ply\n",
+                             n->name.c_str(),
+                             n->name == "VX_REPLAY" ? "raw sensor frames" : "data of its own codec",
+                             a.file.c_str(), a.frame);
+            return k_failed;
+        }
         if (!_write_bytes(a.out, payload.data(), payload.size())) {
             std::fprintf(stderr, "oni: cannot write %s\n", a.out.c_str());
             return k_failed;
@@ -333,6 +392,7 @@ CLI::App *tool_add_oni(CLI::App &app) {
     cmd->require_subcommand(1);
     g_args.info = cmd->add_subcommand("info", "header, nodes and properties of a recording");
     g_args.info->add_option("FILE", g_args.file, "recording")->required();
+    g_args.info->add_flag("--all", g_args.all, "every property record, repeated ones too");
     g_args.exp = cmd->add_subcommand("export", "write one frame of a node to a file");
     g_args.exp->add_option("FILE", g_args.file, "recording")->required();
     g_args.exp->add_option("--node", g_args.node, "node name (or type: depth, image, ir)")
@@ -354,7 +414,7 @@ CLI::App *tool_add_oni(CLI::App &app) {
 
 int tool_run_oni(CLI::App *, int verbosity) {
     log_scope log(verbosity);
-    if (g_args.info->parsed()) return _cmd_info(g_args.file);
+    if (g_args.info->parsed()) return _cmd_info(g_args.file, g_args.all);
     if (g_args.exp->parsed()) return _cmd_export(g_args);
     if (g_args.repair->parsed()) return _cmd_repair(g_args);
     return k_usage;

@@ -9,6 +9,7 @@
 
 #include "cmd_camera.h"
 #include "cmd_demo.h"
+#include "cmd_export.h"
 #include "cmd_oni.h"
 #include "tevix/tevix_ll.h"
 #include "tevix/tevix_version.h"
@@ -97,6 +98,8 @@ int main(int argc, char **argv) {
     tool_add_camera(app, camera);
     demo_cmd demo;
     tool_add_demo(app, demo);
+    export_cmd exp;
+    tool_add_export(app, exp);
 
     try {
         app.parse(argc, argv);
@@ -112,8 +115,9 @@ int main(int argc, char **argv) {
     if (version->parsed()) return _cmd_version();
     if (list->parsed()) return _cmd_list(verbosity);
     if (oni->parsed()) return tool_run_oni(oni, verbosity);
-    camera.verbosity = demo.verbosity = verbosity;
+    camera.verbosity = demo.verbosity = exp.verbosity = verbosity;
     if (int r = tool_run_camera(camera); r >= 0) return r;
     if (int r = tool_run_demo(demo); r >= 0) return r;
+    if (int r = tool_run_export(exp); r >= 0) return r;
     return k_exit_usage;
 }

@@ -76,9 +76,15 @@ TEST(ToolOni, InfoShowsEveryPropertyKindOfOurFiles) {
         w->write_string(id, "VX_PRODUCT", "cam");
         const uint8_t ver[2] = {0xab, 0xcd};
         w->write_general(id, "VX_DEV_VER", ver, 2);
+        for (uint32_t k = 0; k < 3; ++k) w->write_int(id, "VX_FRAME_IDX", 7 + k);
     }
     const run_result r = _tool("oni info " + path);
     EXPECT_EQ(r.code, 0) << r.out;
+    // Per-frame properties are grouped unless every record is asked for.
+    EXPECT_TRUE(_has(r.out, "[VX_DEPTH] int     VX_FRAME_IDX x3: first = 7, last = 9")) << r.out;
+    const run_result all = _tool("oni info --all " + path);
+    EXPECT_TRUE(_has(all.out, "VX_FRAME_IDX = 7\n  [VX_DEPTH] int     VX_FRAME_IDX = 8\n"))
+        << all.out;
     EXPECT_TRUE(_has(r.out, "[VX_DEPTH] int     xnDeviceMaxDepth = 4000")) << r.out;
     EXPECT_TRUE(_has(r.out, "[VX_DEPTH] real    VX_REP_VER = 1"));
     EXPECT_TRUE(_has(r.out, "[VX_DEPTH] string  VX_PRODUCT = \"cam\""));
@@ -102,6 +108,34 @@ TEST(ToolOni, BadInputGivesExitCodesNotCrashes) {
     EXPECT_EQ(
         _tool("oni export " + sample + " --node Depth1 --frame 0 --out " + dir.file("no/x")).code,
         1);
+    // Data that is no 16-bit image never goes into a .png: a JPEG frame, raw sensor frames.
+    const run_result jpeg =
+        _tool("oni export " + sample + " --node Image1 --frame 0 --out " + dir.file("i.png"));
+    EXPECT_EQ(jpeg.code, 1);
+    EXPECT_TRUE(_has(jpeg.out, "is stored as JPEG: write it to a .jpg file")) << jpeg.out;
+    const std::string rec = dir.file("raw.oni");
+    {
+        auto w = oni::writer::create(rec.c_str());
+        ASSERT_TRUE(w);
+        oni::stream_desc d;
+        d.type = 0xFFFFFFFFu;
+        const int id = w->add_node("VX_REPLAY", d, oni::k_codec_none);
+        const uint8_t frame[6] = {1, 2, 3, 4, 5, 6};
+        ASSERT_TRUE(w->write_data(id, frame, sizeof frame, 0));
+    }
+    const run_result raw =
+        _tool("oni export " + rec + " --node VX_REPLAY --frame 0 --out " + dir.file("r.png"));
+    EXPECT_EQ(raw.code, 1);
+    EXPECT_TRUE(_has(raw.out, "holds raw sensor frames, not an image")) << raw.out;
+    EXPECT_TRUE(_has(raw.out, "tevix export " + rec + " --frame 0"));
+    EXPECT_FALSE(std::ifstream(dir.file("r.png")).good());
+    // "export" refuses wrong file kinds before it opens anything, and a recording without raw
+    // frames or a frame past its end.
+    EXPECT_EQ(_tool("export " + rec + " --depth d.jpg").code, 2);
+    EXPECT_EQ(_tool("export " + rec + " --points p.xyz").code, 2);
+    EXPECT_EQ(_tool("export " + rec).code, 2);
+    EXPECT_EQ(_tool("export " + sample + " --depth " + dir.file("d.png")).code, 1);
+    EXPECT_EQ(_tool("export " + dir.file("missing.oni") + " --depth " + dir.file("d.png")).code, 1);
 }
 
 TEST(ToolOni, ExportWritesRawPixelsPngAndStoredJpeg) {
