@@ -17,8 +17,8 @@ packages=(
   ros-core-dev libroscpp-dev libsensor-msgs-dev libdiagnostic-msgs-dev python3-rospy
   python3-rosbag python3-roslaunch python3-rostopic python3-sensor-msgs python3-diagnostic-msgs
   python3-gencpp python3-genpy python3-numpy python3-pytest
-  # exported point clouds are read back with Open3D
-  python3-open3d
+  # the Python package (pybind11 over the C interface), its examples: Open3D and OpenCV
+  python3-dev python3-pybind11 python3-open3d python3-opencv
 )
 
 missing=()

@@ -80,10 +80,9 @@ int _cmd_info(const camera_cmds &c) {
     std::printf("versions     software %u, boot loader %u, hardware %u\n", dev->version[0],
                 dev->version[1], dev->version[2]);
     std::printf("sensor       %ux%u\n", info.roi_limits[0], info.roi_limits[1]);
-    // The tool is built with the library, so it may read the session's driver row.
-    const tevix_drv_t *drv = dev->session ? dev->session->drv : nullptr;
-    if (drv)
-        std::printf("driver       %s (chip %s)\n", drv->desc, drv->chip);
+    const char *chip = nullptr;
+    if (const char *drv = tevix_dev_get_driver(dev, &chip))
+        std::printf("driver       %s (chip %s)\n", drv, chip);
     else
         std::printf("driver       none\n");
     tevix_lens_t lens{};

@@ -311,6 +311,50 @@ TEVIX_API int tevix_filter_disable(tevix_dev_t *dev, uint32_t filter_id) TEVIX_N
  * or out_path cannot be written (the reason goes to the log). Extension. */
 TEVIX_API int64_t tevix_oni_repair(const char *in_path, const char *out_path) TEVIX_NOEXCEPT;
 
+/* The description of the driver serving an open device ("EPC chip driver"), and through chip
+ * (may be NULL) its chip code ("E1"); NULL for a missing or closed device. Extension. */
+TEVIX_API const char *tevix_dev_get_driver(tevix_dev_t *dev, const char **chip) TEVIX_NOEXCEPT;
+
+/*
+ * Random access to recordings (extension): nodes, properties and stored frames of an ONI file,
+ * without a device. Node ids count from 1. A handle is used by one thread at a time.
+ */
+typedef struct tevix_oni tevix_oni_t;
+
+typedef struct tevix_oni_node {
+    uint32_t id;
+    char name[64];
+    uint32_t type;   /* 1 device, 2 depth, 3 image, 5 IR, 0xFFFFFFFF raw sensor frames */
+    uint32_t codec;  /* four characters: "NONE", "16zT", "16zP", "JPEG", ... */
+    uint32_t frames; /* frames in the seek table */
+    uint32_t width, height, fps; /* 0 when the node has no output mode */
+    uint64_t min_ts, max_ts;     /* microseconds */
+} tevix_oni_node_t;
+
+/* Property callback: node id (0 for the file), kind (3 integer as u64, 4 real as f64, 5 text
+ * with its zero, 6 raw bytes), name, value and its size. */
+typedef void (*tevix_oni_prop_cb)(uint32_t node, uint32_t kind, const char *name,
+                                  const void *value, uint32_t size, void *user);
+
+/* Opens a finished recording; NULL when it cannot be read (the reason goes to the log). */
+TEVIX_API tevix_oni_t *tevix_oni_open(const char *path) TEVIX_NOEXCEPT;
+TEVIX_API void tevix_oni_close(tevix_oni_t *rec) TEVIX_NOEXCEPT;
+/* The highest node id (nodes 1..n, some may be absent), or -1 for a NULL handle. */
+TEVIX_API int tevix_oni_node_count(tevix_oni_t *rec) TEVIX_NOEXCEPT;
+/* 1 with the node filled, 0 when there is no such node. */
+TEVIX_API int tevix_oni_node_info(tevix_oni_t *rec, uint32_t id, tevix_oni_node_t *node) TEVIX_NOEXCEPT;
+/* Calls cb for every property record of the file in order; the number of properties, or -1
+ * when the file is damaged after its header. */
+TEVIX_API int tevix_oni_properties(tevix_oni_t *rec, tevix_oni_prop_cb cb, void *user) TEVIX_NOEXCEPT;
+/* Frame `index` (from 0) of a node as stored: its size in bytes (copied when dst has room;
+ * call with dst NULL to learn the size), -1 when there is no such frame. timestamp may be NULL. */
+TEVIX_API int64_t tevix_oni_read_frame(tevix_oni_t *rec, uint32_t node, uint32_t index, void *dst,
+                                       uint64_t dst_size, uint64_t *timestamp) TEVIX_NOEXCEPT;
+/* Frame `index` of a 16-bit image node ("NONE", "16zP" or "16zT") decoded into count pixels:
+ * the pixels decoded, -1 when there is no such frame or it does not decode into dst. */
+TEVIX_API int64_t tevix_oni_decode_frame(tevix_oni_t *rec, uint32_t node, uint32_t index,
+                                         uint16_t *dst, uint64_t count) TEVIX_NOEXCEPT;
+
 TEVIX_EXTERN_C_END
 
 #ifdef __cplusplus

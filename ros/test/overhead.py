@@ -3,7 +3,7 @@
 
   ros/test/overhead.py BUILD_DIR [SECONDS]
 
-Runs the virtual camera at 30 fps (320x240) twice: once under tevix_ros_reference --live, which
+Runs the virtual camera at 30 fps (320x240) twice: once under tevix_frame_reference --live, which
 pulls and decodes distance, grey and point cloud as the node does, and once under the node with a
 subscriber on every topic. Prints both CPU shares and their difference (the node's overhead).
 """
@@ -26,7 +26,7 @@ def main():
     build = sys.argv[1]
     seconds = float(sys.argv[2]) if len(sys.argv) > 2 else 20.0
     vcam = [os.path.join(build, "emu/tevix-vcam"), "--scene", "2", "--fps", "30", "--"]
-    ref = subprocess.run(vcam + [os.path.join(build, "ros/test/tevix_ros_reference"), "--live",
+    ref = subprocess.run(vcam + [os.path.join(build, "tests/tools/tevix_frame_reference"), "--live",
                                  str(seconds)], capture_output=True, text=True, check=True)
     frames, lib_cpu = ref.stdout.split()[1], float(ref.stdout.split()[3])
 

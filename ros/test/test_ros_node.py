@@ -2,7 +2,7 @@
 the parameter service and a camera that is unplugged and comes back.
 
 Run by CTest with the distribution's interpreter; the environment names the programs:
-TEVIX_VCAM, TEVIX_ROS_NODE, TEVIX_ROS_REFERENCE.
+TEVIX_VCAM, TEVIX_ROS_NODE, TEVIX_FRAME_REFERENCE.
 """
 import os
 import signal
@@ -18,7 +18,7 @@ import pytest
 
 VCAM = os.environ["TEVIX_VCAM"]
 NODE = os.environ["TEVIX_ROS_NODE"]
-REFERENCE = os.environ["TEVIX_ROS_REFERENCE"]
+REFERENCE = os.environ["TEVIX_FRAME_REFERENCE"]
 TOPICS = ["/depth/image_raw", "/ir/image_raw", "/points", "/depth/camera_info"]
 INVALID_MM = 65500
 

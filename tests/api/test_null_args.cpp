@@ -282,7 +282,25 @@ TEST_F(null_args, session_calls) {
          0, "[tevix_dev_open]open device failed!\n"},
         {"name of the lowest code",
          [&] { return std::strcmp(tevix_error_name(INT_MIN), "**UNKNOWN**"); }, 0},
+        {"driver of no record", [&] { return _is_set(tevix_dev_get_driver(nullptr, nullptr)); }, 0,
+         "[tevix_dev_get_driver] Device handler Is NULL!\r\n"},
+        {"driver of a closed record",
+         [&] { return _is_set(tevix_dev_get_driver(&closed_, nullptr)); }, 0},
+        {"repair of no file", [&] { return tevix_oni_repair(nullptr, "x.oni"); }, -1,
+         "[tevix_oni_repair]Wrong params\n"},
+        {"repair into no file", [&] { return tevix_oni_repair("x.oni", nullptr); }, -1},
+        {"open no recording", [&] { return _is_set(tevix_oni_open(nullptr)); }, 0,
+         "[tevix_oni_open]Wrong params\n"},
+        {"nodes of no recording", [&] { return tevix_oni_node_count(nullptr); }, -1},
+        {"node of no recording", [&] { return tevix_oni_node_info(nullptr, 1, nullptr); }, 0},
+        {"properties of no recording",
+         [&] { return tevix_oni_properties(nullptr, nullptr, nullptr); }, -1},
+        {"frame of no recording",
+         [&] { return tevix_oni_read_frame(nullptr, 1, 0, nullptr, 0, nullptr); }, -1},
+        {"pixels of no recording",
+         [&] { return tevix_oni_decode_frame(nullptr, 1, 0, nullptr, 0); }, -1},
     });
+    tevix_oni_close(nullptr);
     // The failed open leaves the record closed, with nothing allocated.
     EXPECT_EQ(eth.session, nullptr);
     EXPECT_EQ(eth.api_mutex, nullptr);

@@ -223,3 +223,53 @@ TEST_F(OniRepair, DamageStopsTheScanAndBadInputIsRefused) {
 }
 
 }  // namespace
+
+namespace {
+
+void _count_prop(uint32_t node, uint32_t kind, const char *name, const void *, uint32_t size,
+                 void *user) {
+    static_cast<std::vector<std::string> *>(user)->push_back(std::to_string(node) + " " +
+                                                             std::to_string(kind) + " " + name +
+                                                             " " + std::to_string(size));
+}
+
+TEST_F(OniRepair, RecordingsOpenForRandomAccessThroughThePublicCalls) {
+    tevix_oni_t *rec = tevix_oni_open(path_.c_str());
+    ASSERT_NE(rec, nullptr);
+    EXPECT_EQ(tevix_oni_node_count(rec), 3);
+    tevix_oni_node_t n{};
+    ASSERT_EQ(tevix_oni_node_info(rec, 3, &n), 1);
+    EXPECT_STREQ(n.name, "VX_DEPTH");
+    EXPECT_EQ(n.codec, oni::k_codec_16zt);
+    EXPECT_EQ(n.frames, k_frames);
+    EXPECT_EQ(n.width * n.height, k_w * k_h);
+    EXPECT_EQ(n.min_ts, 1000u);
+    EXPECT_EQ(n.max_ts, 1000u + k_frames - 1);
+    EXPECT_EQ(tevix_oni_node_info(rec, 4, &n), 0);
+    EXPECT_EQ(tevix_oni_node_info(rec, 0, &n), 0);
+
+    std::vector<std::string> props;
+    EXPECT_EQ(tevix_oni_properties(rec, _count_prop, &props), static_cast<int>(want_.props.size()));
+    ASSERT_EQ(props.size(), want_.props.size());
+    EXPECT_EQ(props[0], "1 5 VX_PRODUCT 12");
+
+    // Frames by index in any order, raw and decoded; the size first when asked with no room.
+    uint64_t ts = 0;
+    ASSERT_EQ(tevix_oni_read_frame(rec, 2, 3, nullptr, 0, &ts), k_w * k_h * 2);
+    EXPECT_EQ(ts, 1003u);
+    std::string raw(k_w * k_h * 2, '\0');
+    ASSERT_EQ(tevix_oni_read_frame(rec, 2, 3, raw.data(), raw.size(), nullptr), k_w * k_h * 2);
+    EXPECT_EQ(raw, want_.frames[2][3]);
+    std::vector<uint16_t> px(k_w * k_h);
+    for (uint32_t k : {4u, 0u, 2u}) {
+        ASSERT_EQ(tevix_oni_decode_frame(rec, 3, k, px.data(), px.size()), k_w * k_h);
+        EXPECT_EQ(px, depth_frame(k_w, k_h, k));
+    }
+    EXPECT_EQ(tevix_oni_decode_frame(rec, 3, 0, px.data(), px.size() - 1), -1);
+    EXPECT_EQ(tevix_oni_decode_frame(rec, 3, k_frames, px.data(), px.size()), -1);
+    EXPECT_EQ(tevix_oni_read_frame(rec, 1, 0, nullptr, 0, nullptr), -1);  // the device node
+    tevix_oni_close(rec);
+    EXPECT_EQ(tevix_oni_open(dir_.file("absent.oni").c_str()), nullptr);
+}
+
+}  // namespace

@@ -1,7 +1,11 @@
-// tevix_ros_reference REC.oni OUT: the library's own output for every frame of a recording, for
-// the node's tests to compare the published messages with.
-// tevix_ros_reference --live SECONDS: pulls and decodes (distance, grey, point cloud) from the
-// first camera as the node does and prints the process CPU time, the node's overhead baseline.
+// The library's own output, for the tests of its clients (the ROS node, the Python package) to
+// compare theirs with; a plain C loop over the public interface.
+//
+// tevix_frame_reference REC.oni OUT: every frame of a recording, replayed in sync mode.
+// tevix_frame_reference --live SECONDS: pulls and decodes (distance, grey, point cloud) from the
+//   first camera and prints the process CPU time, the baseline of a client's overhead.
+// tevix_frame_reference --rate REC.oni FRAMES: pulls and decodes the distance of FRAMES frames of
+//   a recording (from its start again at its end) as fast as it can and prints frames/s.
 // Replays in sync mode (every frame, no pacing) and writes OUT as: "TVXREF1\0", u32 width, height,
 // lens record (tevix_lens_t), then per frame u32 index, ts_sec, ts_usec, u16 depth[w*h], u16
 // grey[w*h], u16 undistorted depth[w*h], f32 xyz[3*w*h].
@@ -65,9 +69,48 @@ int _live(double seconds) {
     return frames > 0 ? 0 : 1;
 }
 
+int _rate(const char *path, int frames) {
+    const std::string uri = std::string("file://") + path;
+    tevix_dev_t *dev = tevix_dev_open_by_uri(uri.c_str());
+    if (!dev) return 1;
+    tevix_param_item_t sync{};
+    sync.id = TEVIX_PARAM_FPS;
+    sync.len = 4;
+    tevix_param_batch_set(dev, &sync, 1);
+    tevix_cap_cfg_t cfg{};
+    tevix_cap_config_get(dev, &cfg);
+    cfg.file_replay_mode = 1;  // start over at the end
+    tevix_cap_config_set(dev, &cfg);
+    if (!tevix_cap_start(dev)) return 1;
+    std::vector<uint8_t> raw(8u << 20);
+    std::vector<uint16_t> depth;
+    const auto t0 = std::chrono::steady_clock::now();
+    int done = 0;
+    while (done < frames) {
+        tevix_frame_info_t info{};
+        if (tevix_cap_get_frames(dev, 1, raw.data(), raw.size(), &info) != 1) continue;
+        depth.resize(info.width * info.height);
+        if (tevix_frame_get_dist_u16(dev, depth.data(), depth.size(), raw.data(), info.size,
+                                     &info) > 0)
+            ++done;
+    }
+    const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    tevix_cap_stop(dev);
+    tevix_dev_close(dev);
+    std::printf("frames %d seconds %.4f fps %.1f\n", done, s, done / s);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
+    if (argc == 4 && std::strcmp(argv[1], "--rate") == 0) {
+        tevix_init("");
+        tevix_log_cfg(7, 7, 7);
+        const int rc = _rate(argv[2], std::atoi(argv[3]));
+        tevix_uninit();
+        return rc;
+    }
     if (argc == 3 && std::strcmp(argv[1], "--live") == 0) {
         tevix_init("");
         tevix_log_cfg(7, 7, 7);
@@ -76,7 +119,9 @@ int main(int argc, char **argv) {
         return rc;
     }
     if (argc != 3) {
-        std::fprintf(stderr, "usage: tevix_ros_reference REC.oni OUT\n");
+        std::fprintf(stderr,
+                     "usage: tevix_frame_reference REC.oni OUT | --live SECONDS | "
+                     "--rate REC.oni FRAMES\n");
         return 2;
     }
     tevix_init("");
@@ -84,7 +129,7 @@ int main(int argc, char **argv) {
     const std::string uri = std::string("file://") + argv[1];
     tevix_dev_t *dev = tevix_dev_open_by_uri(uri.c_str());
     if (!dev) {
-        std::fprintf(stderr, "tevix_ros_reference: cannot open %s\n", argv[1]);
+        std::fprintf(stderr, "tevix_frame_reference: cannot open %s\n", argv[1]);
         return 1;
     }
     tevix_param_item_t sync{};
