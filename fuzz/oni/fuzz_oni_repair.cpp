@@ -22,7 +22,7 @@ struct memory {
 
 size_t _read(void *src, uint64_t pos, void *dst, size_t size) {
     const auto *m = static_cast<const memory *>(src);
-    if (pos >= m->size) return 0;
+    if (pos >= m->size || size == 0) return 0;
     const size_t n = std::min<size_t>(size, m->size - static_cast<size_t>(pos));
     std::memcpy(dst, m->data + pos, n);
     return n;

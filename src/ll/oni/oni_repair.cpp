@@ -195,7 +195,7 @@ bool scan(read_fn read, void *src, uint64_t size, scan_result &out) {
             break;
         }
         buf.resize(field_size - k_rec_hdr);
-        if (read(src, pos + k_rec_hdr, buf.data(), buf.size()) != buf.size()) {
+        if (!buf.empty() && read(src, pos + k_rec_hdr, buf.data(), buf.size()) != buf.size()) {
             out.stop = "a record that cannot be read";
             break;
         }
