@@ -163,11 +163,9 @@ bool _epc_init(tevix_drv_t *drv, tevix_dev_t *dev) {
     drv->dev = dev;
     drv->priv = p;
 
+    // Lens data goes into the table's lens record; the undistortion map is the device's, built
+    // by the frame access for each image size it meets.
     tevix::calib::lens_load_search(dev, &drv->ops->lens, &p->lens_bin);
-    const tevix_lens_param_t &lens = drv->ops->lens;
-    const vx_lens_t vl{lens.cx,    lens.cy,      lens.fx,    lens.fy,
-                       lens.dcoef, lens.n_dcoef, lens.width, lens.height};
-    vx_calib_len_init_map(&p->lens_map, &vl, lens.width, lens.height);
 
     const uint32_t id_cmd = 250;
     uint32_t mode = 0;
@@ -218,7 +216,6 @@ void _epc_uninit(tevix_drv_t *drv) {
     std::free(p->conf_raw);
     std::free(p->dist32);
     std::free(p->work16);
-    vx_calib_len_uninit_map(&p->lens_map);
     {
         std::lock_guard<std::mutex> lock(p->calib_mtx);
         std::free(p->grey);
@@ -795,7 +792,8 @@ void _epc_on_update_mod_freq(tevix_drv_t *drv, uint32_t f0, uint32_t f1) {
     if (!p) return;
     if (f0 == 0) return;
     _mod_freq_event(p, f0, f1, false);
-    if (f1 == 0) _read_sys_calib(p, drv->dev, false, nullptr);
+    // The system calibration belongs to the frequency: read it again after every change.
+    _read_sys_calib(p, drv->dev, false, nullptr);
 }
 
 void _epc_on_update_frame_count(tevix_drv_t *drv, uint16_t count) {

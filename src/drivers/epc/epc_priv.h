@@ -111,8 +111,6 @@ struct epc_priv {
     uint16_t bpf_min_built = 0, bpf_max_built = 0;
     vx_bpf2d_iir_t bpf{};
     uint8_t bpf_ok = 0;
-
-    vx_calib_len_map_t lens_map{};
 };
 
 inline epc_priv *priv_of(tevix_drv_t *drv) {
