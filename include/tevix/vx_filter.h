@@ -84,6 +84,15 @@ TEVIX_API bool vx_median2d_u16(uint16_t *img, uint32_t width, uint32_t height,
                                uint32_t kernel) TEVIX_NOEXCEPT;
 
 /*
+ * Box filter: every valid pixel becomes the mean of the valid pixels of the kernel x kernel window
+ * centred on it (itself included), rounded to the nearest integer; invalid pixels stay as they
+ * are and count for nothing. kernel is odd, 3..31. Running sums make the cost independent of the
+ * kernel size.
+ */
+TEVIX_API bool vx_box2d_u16(uint16_t *img, uint32_t width, uint32_t height,
+                            uint32_t kernel) TEVIX_NOEXCEPT;
+
+/*
  * Flying-pixel removal. A flying pixel mixes two surfaces at an edge, so its distance lies between
  * them. For a valid pixel of distance d the margin is (d * (32 - t)) >> 8 with t = min(threshold,
  * 31): from d / 256 at 31 (strictest) to d / 8 at 0 (most lenient), so a higher threshold removes

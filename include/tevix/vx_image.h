@@ -4,6 +4,7 @@
 
 #include "vx_cmap.h"
 #include "vx_filter.h"
+#include "vx_fit.h"
 #include "vx_pcl.h"
 
 #endif

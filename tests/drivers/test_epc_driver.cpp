@@ -498,8 +498,8 @@ TEST_F(epc_fixture, SmoothingAndFlyingPixelFiltersRunInTheChain) {
     std::vector<uint16_t> want = plain, tmp(k_n);
     ASSERT_TRUE(vx_median2d_u16(want.data(), k_w, k_h, 5));
     vx_bpf2d_iir_t bpf{};
-    ASSERT_TRUE(vx_bpf2d_iir_init(&bpf, k_w, k_h, p()->bpf_ss, p()->bpf_sr, p()->bpf_min,
-                                  p()->bpf_max));
+    ASSERT_TRUE(
+        vx_bpf2d_iir_init(&bpf, k_w, k_h, p()->bpf_ss, p()->bpf_sr, p()->bpf_min, p()->bpf_max));
     vx_bpf2d_iir(&bpf, tmp.data(), want.data(), k_w, k_h);
     vx_bpf2d_iir_uninit(&bpf);
     ASSERT_TRUE(vx_fhole_u16_k3(tmp.data(), k_w, k_h, 0));

@@ -1,0 +1,1 @@
+tevix_add_test(test_fit SOURCES ${CMAKE_CURRENT_LIST_DIR}/test_fit.cpp)
