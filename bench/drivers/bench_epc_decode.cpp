@@ -1,15 +1,19 @@
 // EPC decode speed on a 320x240 4-plane scene frame: kind 0, the kind-1 chain with default
 // filters and with smoothing, grey from the planes and from the confidence cache. Each is set
 // against a straightforward scalar reference (float std::atan2 / std::sqrt per pixel), named in
-// its label for bench/run.sh.
+// its label for bench/run.sh. The reduced-layout decode and the HDR merge run at each
+// instruction-set tier against their scalar tier.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "algo/simd.h"
 #include "drivers/drv.h"
+#include "drivers/epc/epc_kernels.h"
 #include "drivers/epc_test_backend.h"
 #include "scene/scene.h"
 #include "tevix/vx_log.h"
@@ -98,6 +102,71 @@ void BM_epc_grey_cache(benchmark::State &state) {
     _fps(state, "BM_ref_grey");
 }
 BENCHMARK(BM_epc_grey_cache);
+
+// The kernels alone at each instruction-set tier against their own scalar tier: the reduced-layout
+// (2-plane) decode and the HDR merge of a 320x240 image.
+struct kernel_data {
+    std::vector<uint16_t> planes = std::vector<uint16_t>(2 * k_n);
+    std::vector<int32_t> dist = std::vector<int32_t>(k_n);
+    std::vector<uint32_t> conf = std::vector<uint32_t>(k_n);
+    kernel_data() {
+        const auto raw = tevix::emu::scene_render_frame(tevix::emu::scene_config{}, 1, 1);
+        std::memcpy(planes.data(), raw.data(), planes.size() * 2);
+    }
+};
+
+kernel_data &_kd() {
+    static kernel_data d;
+    return d;
+}
+
+void _pair(benchmark::State &state, tevix::simd::level l, const char *ref) {
+    tevix::simd::scoped_limit cap(l);
+    kernel_data &d = _kd();
+    const auto pp = tevix::epc::reduced_pair(20000000);
+    for (auto _ : state) {
+        tevix::epc::decode_pair(d.planes.data(), d.planes.data() + k_n, d.planes.data(),
+                                d.planes.data() + k_n, k_n, pp, 7494, 0, d.dist.data(),
+                                d.conf.data());
+        benchmark::ClobberMemory();
+    }
+    _fps(state, ref);
+}
+
+void _hdr(benchmark::State &state, tevix::simd::level l, const char *ref) {
+    tevix::simd::scoped_limit cap(l);
+    kernel_data &d = _kd();
+    for (auto _ : state) {
+        tevix::epc::hdr_merge(d.dist.data(), d.conf.data(), k_w, k_h);
+        benchmark::ClobberMemory();
+    }
+    _fps(state, ref);
+}
+
+void BM_epc_pair_decode(benchmark::State &s) {
+    _pair(s, tevix::simd::level::avx2, "BM_epc_pair_decode_scalar");
+}
+void BM_epc_pair_decode_sse41(benchmark::State &s) {
+    _pair(s, tevix::simd::level::sse41, "BM_epc_pair_decode_scalar");
+}
+void BM_epc_pair_decode_scalar(benchmark::State &s) {
+    _pair(s, tevix::simd::level::scalar, nullptr);
+}
+void BM_epc_hdr_merge(benchmark::State &s) {
+    _hdr(s, tevix::simd::level::avx2, "BM_epc_hdr_merge_scalar");
+}
+void BM_epc_hdr_merge_sse41(benchmark::State &s) {
+    _hdr(s, tevix::simd::level::sse41, "BM_epc_hdr_merge_scalar");
+}
+void BM_epc_hdr_merge_scalar(benchmark::State &s) {
+    _hdr(s, tevix::simd::level::scalar, nullptr);
+}
+BENCHMARK(BM_epc_pair_decode);
+BENCHMARK(BM_epc_pair_decode_sse41);
+BENCHMARK(BM_epc_pair_decode_scalar);
+BENCHMARK(BM_epc_hdr_merge);
+BENCHMARK(BM_epc_hdr_merge_sse41);
+BENCHMARK(BM_epc_hdr_merge_scalar);
 
 // Scalar references: the same outputs computed the plain way.
 void _ref_distance(const uint16_t *raw, uint16_t *out, float range) {

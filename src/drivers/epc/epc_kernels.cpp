@@ -7,9 +7,45 @@
 
 #include <immintrin.h>
 
+#include "algo/simd.h"
+#include "algo/vec.h"
+
 namespace tevix::epc {
 
 namespace {
+
+using tevix::algo::f32x4;
+using tevix::algo::f32x8;
+using tevix::simd::level;
+
+typedef int32_t i32x4 __attribute__((vector_size(16)));
+typedef int32_t i32x8 __attribute__((vector_size(32)));
+typedef uint32_t u32x4 __attribute__((vector_size(16)));
+typedef uint32_t u32x8 __attribute__((vector_size(32)));
+typedef uint16_t u16x4 __attribute__((vector_size(8)));
+typedef uint16_t u16x8v __attribute__((vector_size(16)));
+typedef uint8_t u8x4 __attribute__((vector_size(4)));
+typedef uint8_t u8x8 __attribute__((vector_size(8)));
+
+// Companion types of a 32-bit lane vector: its float, unsigned, u16 and u8 forms.
+template <class V>
+struct lanes;
+template <>
+struct lanes<i32x4> {
+    using f = f32x4;
+    using u = u32x4;
+    using h = u16x4;
+    using b = u8x4;
+    static constexpr int n = 4;
+};
+template <>
+struct lanes<i32x8> {
+    using f = f32x8;
+    using u = u32x8;
+    using h = u16x8v;
+    using b = u8x8;
+    static constexpr int n = 8;
+};
 
 // Two entries of padding so that a 32-bit gather at index 4095 stays inside the array.
 std::array<uint16_t, 4098> _build_atan_table() {
@@ -95,6 +131,160 @@ inline void _decode_pair_body(const uint16_t *__restrict pa, const uint16_t *__r
     }
 }
 
+// ---- Vector forms over GCC vector types: the SSE4.1 tier (4 lanes) and, where they need no
+// gather, the AVX2 tier (8 lanes). They perform the scalar bodies' operations lane by lane; the
+// quotient (y * 4096) / x comes from a float division corrected by one step, which is exact
+// (see the AVX2 decode), so every tier gives the scalar results bit for bit.
+
+template <class V>
+VX_INLINE V _load16(const uint16_t *p) {
+    return __builtin_convertvector(tevix::algo::load<typename lanes<V>::h>(p), V);
+}
+
+template <class V>
+VX_INLINE V _gather(const uint16_t *t, const V &q) {
+    V r;
+    for (int l = 0; l < lanes<V>::n; ++l) r[l] = t[q[l]];
+    return r;
+}
+
+// offset + T[index] of the octant reduction, for y != 0 (lanes with y == 0 are overwritten).
+template <class V>
+VX_INLINE V _octant_v(V x, V y, const uint16_t *t) {
+    using F = typename lanes<V>::f;
+    const V neg = y < 0;
+    x = neg ? -x : x;
+    y = neg ? -y : y;
+    const V base = neg ? 24576 : 8192;
+    V off = neg ? 16384 : 0;
+    const V rot = x < 1;
+    const V rx = rot ? y : x, ry = rot ? -x : y;
+    off = rot ? base : off;
+    const V fold = ry >= rx;
+    V fx = fold ? rx + ry : rx;
+    const V fy = fold ? ry - rx : ry;
+    off += fold ? 4096 : 0;
+    fx = fx < 1 ? 1 : fx;
+    const V num = fy << 12;
+    V q = __builtin_convertvector(__builtin_convertvector(num, F) / __builtin_convertvector(fx, F),
+                                  V);
+    q += q * fx > num;  // a mask of -1 where the float quotient overshot
+    return off + _gather(t, q & 4095);
+}
+
+template <class V>
+VX_INLINE V _dist_v(V phase, uint32_t range, int32_t offset_mm) {
+    using U = typename lanes<V>::u;
+    return V((U(phase) * range) >> 15) + offset_mm;
+}
+
+template <class V>
+VX_INLINE void _decode_4dcs_v(const uint16_t *raw, uint32_t n, uint32_t range, int32_t offset_mm,
+                              int32_t *dist, uint32_t *conf) {
+    constexpr int L = lanes<V>::n;
+    const uint16_t *t = g_atan.data();
+    const uint16_t *p0 = raw, *p1 = raw + n, *p2 = raw + 2 * n, *p3 = raw + 3 * n;
+    uint32_t i = 0;
+    for (; i + L <= n; i += L) {
+        const V d0 = _load16<V>(p0 + i), d1 = _load16<V>(p1 + i), d2 = _load16<V>(p2 + i),
+                d3 = _load16<V>(p3 + i);
+        const V ok = (d0 >= 2) & (d0 <= 4093) & (d1 >= 2) & (d1 <= 4093) & (d2 >= 2) &
+                     (d2 <= 4093) & (d3 >= 2) & (d3 <= 4093);
+        const V x = (d2 - d0) << 16 >> 16, y = (d3 - d1) << 16 >> 16;
+        const V c = x * x + y * y;
+        const V oct = (_octant_v(x, y, t) + 16384) & 0x7FFF;
+        const V phase = y == 0 ? (x >= 0 ? V{} + 16384 : V{}) : oct;
+        tevix::algo::store(dist + i, ok ? _dist_v(phase, range, offset_mm) : V{} + 65500);
+        tevix::algo::store(conf + i, ok ? c : V{});
+    }
+    if (i < n) _decode_4dcs_body<false>(raw + i, n, n - i, range, offset_mm, dist + i, conf + i);
+}
+
+template <class V>
+VX_INLINE void _decode_pair_v(const uint16_t *pa, const uint16_t *pb, const uint16_t *v0,
+                              const uint16_t *v1, uint32_t n, uint32_t base0, uint32_t base1,
+                              uint32_t range, int32_t offset_mm, int32_t *dist, uint32_t *conf) {
+    constexpr int L = lanes<V>::n;
+    const uint16_t *t = g_atan.data();
+    uint32_t i = 0;
+    for (; i + L <= n; i += L) {
+        const V s0 = _load16<V>(v0 + i), s1 = _load16<V>(v1 + i);
+        const V ok = (s0 != 0) & (s1 != 0) & (s0 != 4095) & (s1 != 4095);
+        const V a = 2048 - _load16<V>(pa + i), b = 2048 - _load16<V>(pb + i);
+        const V c = (a * a + b * b) >> 2;
+        const V oct = (V{} + int32_t(base0) + _octant_v(a, b, t)) & 0x7FFF;
+        const V phase = b == 0 ? (a < 0 ? V{} + int32_t(base1) : V{} + int32_t(base0)) : oct;
+        tevix::algo::store(dist + i, ok ? _dist_v(phase, range, offset_mm) : V{} + 65500);
+        tevix::algo::store(conf + i, ok ? c : V{});
+    }
+    if (i < n)
+        _decode_pair_body<false>(pa + i, pb + i, v0 + i, v1 + i, n - i, base0, base1, range,
+                                 offset_mm, dist + i, conf + i);
+}
+
+template <class V>
+VX_INLINE V _fast_sqrt_v(V v) {
+    using F = typename lanes<V>::f;
+    V p = V(__builtin_convertvector(v, F));
+    p = ((p - 0x800000) >> 1) + 0x20000000;
+    return __builtin_convertvector(F(p), V);
+}
+
+template <class V>
+VX_INLINE void _grey_4dcs_v(const uint16_t *raw, uint32_t n, uint32_t *grey) {
+    constexpr int L = lanes<V>::n;
+    const uint16_t *p0 = raw, *p1 = raw + n, *p2 = raw + 2 * n, *p3 = raw + 3 * n;
+    uint32_t i = 0;
+    for (; i + L <= n; i += L) {
+        const V d0 = _load16<V>(p0 + i) & 0xFFF, d1 = _load16<V>(p1 + i) & 0xFFF,
+                d2 = _load16<V>(p2 + i) & 0xFFF, d3 = _load16<V>(p3 + i) & 0xFFF;
+        const V ok = (d0 >= 2) & (d0 <= 4093) & (d1 >= 2) & (d1 <= 4093) & (d2 >= 2) &
+                     (d2 <= 4093) & (d3 >= 2) & (d3 <= 4093);
+        const V a = d2 - d0, b = d3 - d1;
+        tevix::algo::store(grey + i, ok ? _fast_sqrt_v((a * a + b * b) >> 2) : V{});
+    }
+    for (; i < n; ++i) {
+        const uint32_t d0 = p0[i] & 0xFFF, d1 = p1[i] & 0xFFF, d2 = p2[i] & 0xFFF,
+                       d3 = p3[i] & 0xFFF;
+        const bool ok = (d0 >= 2 && d0 < 4094) & (d1 >= 2 && d1 < 4094) & (d2 >= 2 && d2 < 4094) &
+                        (d3 >= 2 && d3 < 4094);
+        const int32_t a = static_cast<int32_t>(d2) - static_cast<int32_t>(d0);
+        const int32_t b = static_cast<int32_t>(d3) - static_cast<int32_t>(d1);
+        grey[i] = ok ? fast_sqrt(static_cast<uint32_t>(a * a + b * b) >> 2) : 0;
+    }
+}
+
+template <class V>
+VX_INLINE void _hdr_merge_v(int32_t *dist, uint32_t *conf, uint32_t w, uint32_t h) {
+    using U = typename lanes<V>::u;
+    constexpr int L = lanes<V>::n;
+    for (uint32_t g = 0; g + 3 < h; g += 4) {
+        for (uint32_t k = 0; k < 2; ++k) {
+            int32_t *da = dist + (g + k) * w, *db = dist + (g + 2 + k) * w;
+            uint32_t *ca = conf + (g + k) * w, *cb = conf + (g + 2 + k) * w;
+            uint32_t x = 0;
+            for (; x + L <= w; x += L) {
+                const U a = tevix::algo::load<U>(ca + x), b = tevix::algo::load<U>(cb + x);
+                const U pick = ((a <= b) | (a >= 4000000)) & ((b <= 4000000) | (a == 0));
+                const V d = V(pick) ? tevix::algo::load<V>(db + x) : tevix::algo::load<V>(da + x);
+                const U c = pick ? b : a;
+                tevix::algo::store(da + x, d);
+                tevix::algo::store(db + x, d);
+                tevix::algo::store(ca + x, c);
+                tevix::algo::store(cb + x, c);
+            }
+            for (; x < w; ++x) {
+                const uint32_t a = ca[x], b = cb[x];
+                const bool pick_b = (a <= b || a >= 4000000) && (b <= 4000000 || a == 0);
+                const int32_t d = pick_b ? db[x] : da[x];
+                const uint32_t c = pick_b ? b : a;
+                da[x] = db[x] = d;
+                ca[x] = cb[x] = c;
+            }
+        }
+    }
+}
+
 // Lanes where any of the four samples lies outside lo..hi.
 __attribute__((target("avx2"))) inline __m256i _outside4(__m256i d0, __m256i d1, __m256i d2,
                                                          __m256i d3, __m256i lo, __m256i hi) {
@@ -107,6 +297,33 @@ __attribute__((target("avx2"))) inline __m256i _outside4(__m256i d0, __m256i d1,
     return _mm256_or_si256(m01, m23);
 }
 
+// offset + T[index] of the octant reduction for eight lanes (the vector form of _octant).
+__attribute__((target("avx2"))) inline __m256i _octant8(__m256i x0, __m256i y0) {
+    const auto *table = reinterpret_cast<const int *>(g_atan.data());
+    const __m256i one = _mm256_set1_epi32(1), zero = _mm256_setzero_si256();
+    const __m256i c4096 = _mm256_set1_epi32(4096), c8192 = _mm256_set1_epi32(8192);
+    const __m256i c16384 = _mm256_set1_epi32(16384), mffff = _mm256_set1_epi32(0xFFFF);
+    const __m256i neg = _mm256_srai_epi32(y0, 31);
+    const __m256i x = _mm256_sub_epi32(_mm256_xor_si256(x0, neg), neg);
+    const __m256i y = _mm256_sub_epi32(_mm256_xor_si256(y0, neg), neg);
+    const __m256i base = _mm256_add_epi32(c8192, _mm256_and_si256(neg, c16384));
+    __m256i off = _mm256_and_si256(neg, c16384);
+    const __m256i rot = _mm256_cmpgt_epi32(one, x);
+    const __m256i rx = _mm256_blendv_epi8(x, y, rot);
+    const __m256i ry = _mm256_blendv_epi8(y, _mm256_sub_epi32(zero, x), rot);
+    off = _mm256_blendv_epi8(off, base, rot);
+    const __m256i fold = _mm256_xor_si256(_mm256_cmpgt_epi32(rx, ry), _mm256_set1_epi32(-1));
+    __m256i fx = _mm256_add_epi32(rx, _mm256_and_si256(fold, ry));
+    const __m256i fy = _mm256_sub_epi32(ry, _mm256_and_si256(fold, rx));
+    off = _mm256_add_epi32(off, _mm256_and_si256(fold, c4096));
+    fx = _mm256_max_epi32(fx, one);
+    const __m256i num = _mm256_slli_epi32(fy, 12);
+    __m256i q = _mm256_cvttps_epi32(_mm256_div_ps(_mm256_cvtepi32_ps(num), _mm256_cvtepi32_ps(fx)));
+    q = _mm256_add_epi32(q, _mm256_cmpgt_epi32(_mm256_mullo_epi32(q, fx), num));
+    q = _mm256_and_si256(q, _mm256_set1_epi32(4095));
+    return _mm256_add_epi32(off, _mm256_and_si256(_mm256_i32gather_epi32(table, q, 2), mffff));
+}
+
 // AVX2 form of the 4-plane loop, eight pixels per step. The quotient (y * 4096) / x comes from
 // a correctly rounded float division, which can only overshoot the integer quotient by one
 // (both operands are exact in float); one correction step makes it exact. Requires range below
@@ -115,13 +332,10 @@ __attribute__((target("avx2"))) void _decode_4dcs_avx2(const uint16_t *raw, uint
                                                        uint32_t range, int32_t offset_mm,
                                                        int32_t *dist, uint32_t *conf) {
     const uint16_t *p0 = raw, *p1 = raw + n, *p2 = raw + 2 * n, *p3 = raw + 3 * n;
-    const auto *table = reinterpret_cast<const int *>(g_atan.data());
     const __m256i lo = _mm256_set1_epi32(2), hi = _mm256_set1_epi32(4093);
-    const __m256i one = _mm256_set1_epi32(1), zero = _mm256_setzero_si256();
-    const __m256i c4096 = _mm256_set1_epi32(4096), c8192 = _mm256_set1_epi32(8192);
+    const __m256i zero = _mm256_setzero_si256();
     const __m256i c16384 = _mm256_set1_epi32(16384), m7fff = _mm256_set1_epi32(0x7FFF);
-    const __m256i mffff = _mm256_set1_epi32(0xFFFF),
-                  vr = _mm256_set1_epi32(static_cast<int>(range));
+    const __m256i vr = _mm256_set1_epi32(static_cast<int>(range));
     const __m256i voff = _mm256_set1_epi32(offset_mm);
     const __m256i vinv = _mm256_set1_epi32(static_cast<int>(k_dist_invalid));
     uint32_t i = 0;
@@ -134,27 +348,7 @@ __attribute__((target("avx2"))) void _decode_4dcs_avx2(const uint16_t *raw, uint
         const __m256i x0 = _mm256_srai_epi32(_mm256_slli_epi32(_mm256_sub_epi32(d2, d0), 16), 16);
         const __m256i y0 = _mm256_srai_epi32(_mm256_slli_epi32(_mm256_sub_epi32(d3, d1), 16), 16);
         const __m256i c = _mm256_add_epi32(_mm256_mullo_epi32(x0, x0), _mm256_mullo_epi32(y0, y0));
-        const __m256i neg = _mm256_srai_epi32(y0, 31);
-        const __m256i x = _mm256_sub_epi32(_mm256_xor_si256(x0, neg), neg);
-        const __m256i y = _mm256_sub_epi32(_mm256_xor_si256(y0, neg), neg);
-        const __m256i base = _mm256_add_epi32(c8192, _mm256_and_si256(neg, c16384));
-        __m256i off = _mm256_and_si256(neg, c16384);
-        const __m256i rot = _mm256_cmpgt_epi32(one, x);
-        const __m256i rx = _mm256_blendv_epi8(x, y, rot);
-        const __m256i ry = _mm256_blendv_epi8(y, _mm256_sub_epi32(zero, x), rot);
-        off = _mm256_blendv_epi8(off, base, rot);
-        const __m256i fold = _mm256_xor_si256(_mm256_cmpgt_epi32(rx, ry), _mm256_set1_epi32(-1));
-        __m256i fx = _mm256_add_epi32(rx, _mm256_and_si256(fold, ry));
-        const __m256i fy = _mm256_sub_epi32(ry, _mm256_and_si256(fold, rx));
-        off = _mm256_add_epi32(off, _mm256_and_si256(fold, c4096));
-        fx = _mm256_max_epi32(fx, one);
-        const __m256i num = _mm256_slli_epi32(fy, 12);
-        __m256i q =
-            _mm256_cvttps_epi32(_mm256_div_ps(_mm256_cvtepi32_ps(num), _mm256_cvtepi32_ps(fx)));
-        q = _mm256_add_epi32(q, _mm256_cmpgt_epi32(_mm256_mullo_epi32(q, fx), num));
-        q = _mm256_and_si256(q, _mm256_set1_epi32(4095));
-        const __m256i t = _mm256_and_si256(_mm256_i32gather_epi32(table, q, 2), mffff);
-        __m256i phase = _mm256_and_si256(_mm256_add_epi32(_mm256_add_epi32(off, t), c16384), m7fff);
+        __m256i phase = _mm256_and_si256(_mm256_add_epi32(_octant8(x0, y0), c16384), m7fff);
         const __m256i yz = _mm256_cmpeq_epi32(y0, zero);
         const __m256i axis = _mm256_andnot_si256(_mm256_cmpgt_epi32(zero, x0), c16384);
         phase = _mm256_blendv_epi8(phase, axis, yz);
@@ -166,23 +360,47 @@ __attribute__((target("avx2"))) void _decode_4dcs_avx2(const uint16_t *raw, uint
     if (i < n) _decode_4dcs_body<false>(raw + i, n, n - i, range, offset_mm, dist + i, conf + i);
 }
 
-// Simple per-pixel loops: the compiler vectorises them; target_clones adds an AVX2 build chosen at
-// load time. Integer arithmetic, so every build gives the same results. Its load-time resolvers
-// run before ThreadSanitizer's runtime is up, so thread-sanitized builds keep the default build.
-#if defined(__SANITIZE_THREAD__)
-#define EPC_CLONES
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define EPC_CLONES
-#endif
-#endif
-#ifndef EPC_CLONES
-#define EPC_CLONES __attribute__((target_clones("avx2", "default")))
-#endif
+// AVX2 form of the reduced-layout loop, eight pixels per step; range below 131072.
+__attribute__((target("avx2"))) void _decode_pair_avx2(const uint16_t *pa, const uint16_t *pb,
+                                                       const uint16_t *v0, const uint16_t *v1,
+                                                       uint32_t n, uint32_t base0, uint32_t base1,
+                                                       uint32_t range, int32_t offset_mm,
+                                                       int32_t *dist, uint32_t *conf) {
+    const __m256i zero = _mm256_setzero_si256(), c2048 = _mm256_set1_epi32(2048);
+    const __m256i c4095 = _mm256_set1_epi32(4095), m7fff = _mm256_set1_epi32(0x7FFF);
+    const __m256i vb0 = _mm256_set1_epi32(static_cast<int>(base0));
+    const __m256i vb1 = _mm256_set1_epi32(static_cast<int>(base1));
+    const __m256i vr = _mm256_set1_epi32(static_cast<int>(range));
+    const __m256i voff = _mm256_set1_epi32(offset_mm);
+    const __m256i vinv = _mm256_set1_epi32(static_cast<int>(k_dist_invalid));
+    uint32_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+#define EPC_LD(p) _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>((p) + i)))
+        const __m256i s0 = EPC_LD(v0), s1 = EPC_LD(v1);
+        const __m256i a = _mm256_sub_epi32(c2048, EPC_LD(pa)),
+                      b = _mm256_sub_epi32(c2048, EPC_LD(pb));
+#undef EPC_LD
+        const __m256i bad = _mm256_or_si256(
+            _mm256_or_si256(_mm256_cmpeq_epi32(s0, zero), _mm256_cmpeq_epi32(s1, zero)),
+            _mm256_or_si256(_mm256_cmpeq_epi32(s0, c4095), _mm256_cmpeq_epi32(s1, c4095)));
+        const __m256i c = _mm256_srai_epi32(
+            _mm256_add_epi32(_mm256_mullo_epi32(a, a), _mm256_mullo_epi32(b, b)), 2);
+        __m256i phase = _mm256_and_si256(_mm256_add_epi32(vb0, _octant8(a, b)), m7fff);
+        const __m256i axis = _mm256_blendv_epi8(vb0, vb1, _mm256_cmpgt_epi32(zero, a));
+        phase = _mm256_blendv_epi8(phase, axis, _mm256_cmpeq_epi32(b, zero));
+        __m256i d = _mm256_add_epi32(_mm256_srli_epi32(_mm256_mullo_epi32(phase, vr), 15), voff);
+        d = _mm256_blendv_epi8(d, vinv, bad);
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dist + i), d);
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(conf + i), _mm256_andnot_si256(bad, c));
+    }
+    if (i < n)
+        _decode_pair_body<false>(pa + i, pb + i, v0 + i, v1 + i, n - i, base0, base1, range,
+                                 offset_mm, dist + i, conf + i);
+}
 
-bool _has_avx2() {
-    static const bool yes = __builtin_cpu_supports("avx2");
-    return yes;
+// The tier of a call: the shared run-time choice, which tests cap to force the narrower ones.
+level _tier() {
+    return tevix::simd::active();
 }
 
 }  // namespace
@@ -220,10 +438,39 @@ void decode_4dcs_scalar(const uint16_t *raw, uint32_t n, uint32_t range, int32_t
         _decode_4dcs_body<true>(raw, n, n, range, offset_mm, dist, conf);
 }
 
+namespace {
+
+VX_TARGET_SSE41 void _decode_4dcs_sse41(const uint16_t *raw, uint32_t n, uint32_t range,
+                                        int32_t offset_mm, int32_t *dist, uint32_t *conf) {
+    _decode_4dcs_v<i32x4>(raw, n, range, offset_mm, dist, conf);
+}
+
+void _decode_pair_scalar(const uint16_t *pa, const uint16_t *pb, const uint16_t *v0,
+                         const uint16_t *v1, uint32_t n, uint32_t base0, uint32_t base1,
+                         uint32_t range, int32_t offset_mm, int32_t *dist, uint32_t *conf) {
+    if (range < 131072)
+        _decode_pair_body<false>(pa, pb, v0, v1, n, base0, base1, range, offset_mm, dist, conf);
+    else
+        _decode_pair_body<true>(pa, pb, v0, v1, n, base0, base1, range, offset_mm, dist, conf);
+}
+VX_TARGET_SSE41 void _decode_pair_sse41(const uint16_t *pa, const uint16_t *pb, const uint16_t *v0,
+                                        const uint16_t *v1, uint32_t n, uint32_t base0,
+                                        uint32_t base1, uint32_t range, int32_t offset_mm,
+                                        int32_t *dist, uint32_t *conf) {
+    _decode_pair_v<i32x4>(pa, pb, v0, v1, n, base0, base1, range, offset_mm, dist, conf);
+}
+
+}  // namespace
+
+// The vector forms multiply phase by range in 32 bits: ranges from 131072 mm (below 1.2 MHz)
+// take the scalar form.
 void decode_4dcs(const uint16_t *raw, uint32_t n, uint32_t range, int32_t offset_mm, int32_t *dist,
                  uint32_t *conf) {
-    if (_has_avx2() && range < 131072)
+    const level l = range < 131072 ? _tier() : level::scalar;
+    if (l == level::avx2)
         _decode_4dcs_avx2(raw, n, range, offset_mm, dist, conf);
+    else if (l == level::sse41)
+        _decode_4dcs_sse41(raw, n, range, offset_mm, dist, conf);
     else
         decode_4dcs_scalar(raw, n, range, offset_mm, dist, conf);
 }
@@ -231,12 +478,11 @@ void decode_4dcs(const uint16_t *raw, uint32_t n, uint32_t range, int32_t offset
 void decode_pair(const uint16_t *pa, const uint16_t *pb, const uint16_t *v0, const uint16_t *v1,
                  uint32_t n, const plane_pair &pp, uint32_t range, int32_t offset_mm, int32_t *dist,
                  uint32_t *conf) {
-    if (range < 131072)
-        _decode_pair_body<false>(pa, pb, v0, v1, n, pp.base0, pp.base1, range, offset_mm, dist,
-                                 conf);
-    else
-        _decode_pair_body<true>(pa, pb, v0, v1, n, pp.base0, pp.base1, range, offset_mm, dist,
-                                conf);
+    const level l = range < 131072 ? _tier() : level::scalar;
+    auto *fn = l == level::avx2    ? _decode_pair_avx2
+               : l == level::sse41 ? _decode_pair_sse41
+                                   : _decode_pair_scalar;
+    fn(pa, pb, v0, v1, n, pp.base0, pp.base1, range, offset_mm, dist, conf);
 }
 
 bool one_plane_rows(uint32_t r, uint32_t h, uint32_t *first, uint32_t *second) {
@@ -300,20 +546,94 @@ __attribute__((target("avx2"))) void _grey_4dcs_avx2(const uint16_t *raw, uint32
 
 }  // namespace
 
-void grey_4dcs(const uint16_t *raw, uint32_t n, uint32_t *grey) {
-    if (_has_avx2())
-        _grey_4dcs_avx2(raw, n, grey);
-    else
-        _grey_4dcs_scalar(raw, n, n, grey);
+namespace {
+
+VX_TARGET_SSE41 void _grey_4dcs_sse41(const uint16_t *raw, uint32_t n, uint32_t *grey) {
+    _grey_4dcs_v<i32x4>(raw, n, grey);
 }
 
-EPC_CLONES void grey_2dcs(const uint16_t *p0, const uint16_t *p1, uint32_t n, uint32_t *grey) {
+// Loops the compiler vectorises by itself: one body, built for each tier.
+VX_INLINE void _grey_2dcs_body(const uint16_t *p0, const uint16_t *p1, uint32_t n, uint32_t *grey) {
     for (uint32_t i = 0; i < n; ++i) {
         const uint32_t d0 = p0[i] & 0xFFF, d1 = p1[i] & 0xFFF;
         const int32_t a = 2048 - static_cast<int32_t>(d0), b = 2048 - static_cast<int32_t>(d1);
         grey[i] =
             (_ok12(d0) & _ok12(d1)) ? fast_sqrt(static_cast<uint32_t>(a * a + b * b) >> 2) : 0;
     }
+}
+VX_INLINE void _grey_from_conf_body(const uint32_t *conf, uint32_t n, uint16_t *grey) {
+    for (uint32_t i = 0; i < n; ++i)
+        grey[i] = static_cast<uint16_t>(std::min(fast_sqrt(conf[i]), 65535u));
+}
+VX_INLINE void _narrow_body(const int32_t *src, uint16_t *dst, uint32_t n) {
+    for (uint32_t i = 0; i < n; ++i) dst[i] = static_cast<uint16_t>(std::clamp(src[i], 0, 65535));
+}
+VX_INLINE void _range_gate_body(const uint16_t *src, uint16_t *dst, uint32_t n, uint32_t range) {
+    const int32_t hi = static_cast<int32_t>(range) - 100;
+    for (uint32_t i = 0; i < n; ++i) {
+        const int32_t d = src[i];
+        dst[i] = (d < 60001 && (d > hi || d < 101)) ? 0 : src[i];
+    }
+}
+VX_INLINE bool _consistent_body(const uint16_t *raw, uint32_t n) {
+    uint32_t c02 = 0, c13 = 0;
+    const uint16_t *p0 = raw, *p1 = raw + n, *p2 = raw + 2 * n, *p3 = raw + 3 * n;
+    for (uint32_t i = 0; i < n; ++i) {
+        const uint32_t s02 = (p0[i] & 0xFFF) + (p2[i] & 0xFFF);
+        const uint32_t s13 = (p1[i] & 0xFFF) + (p3[i] & 0xFFF);
+        c02 += (s02 >= 4017) & (s02 <= 4175);
+        c13 += (s13 >= 4017) & (s13 <= 4175);
+    }
+    const uint64_t need = static_cast<uint64_t>(n) * 60;
+    return static_cast<uint64_t>(c02) * 100 > need && static_cast<uint64_t>(c13) * 100 > need;
+}
+
+// f_scalar, f_sse41 and f_avx2 around a body, and the pick among them by tier.
+#define EPC_TIERS(name, ret, params, args)                                                        \
+    ret name##_scalar params {                                                                    \
+        return name##_body args;                                                                  \
+    }                                                                                             \
+    VX_TARGET_SSE41 ret name##_sse41 params {                                                     \
+        return name##_body args;                                                                  \
+    }                                                                                             \
+    VX_TARGET_AVX2 ret name##_avx2 params {                                                       \
+        return name##_body args;                                                                  \
+    }                                                                                             \
+    auto *name##_pick() {                                                                         \
+        const level l = _tier();                                                                  \
+        return l == level::avx2 ? name##_avx2 : l == level::sse41 ? name##_sse41 : name##_scalar; \
+    }
+EPC_TIERS(_grey_2dcs, void, (const uint16_t *p0, const uint16_t *p1, uint32_t n, uint32_t *grey),
+          (p0, p1, n, grey))
+EPC_TIERS(_grey_from_conf, void, (const uint32_t *conf, uint32_t n, uint16_t *grey),
+          (conf, n, grey))
+EPC_TIERS(_narrow, void, (const int32_t *src, uint16_t *dst, uint32_t n), (src, dst, n))
+EPC_TIERS(_range_gate, void, (const uint16_t *src, uint16_t *dst, uint32_t n, uint32_t range),
+          (src, dst, n, range))
+EPC_TIERS(_consistent, bool, (const uint16_t *raw, uint32_t n), (raw, n))
+#undef EPC_TIERS
+
+VX_TARGET_SSE41 void _hdr_merge_sse41(int32_t *dist, uint32_t *conf, uint32_t w, uint32_t h) {
+    _hdr_merge_v<i32x4>(dist, conf, w, h);
+}
+VX_TARGET_AVX2 void _hdr_merge_avx2(int32_t *dist, uint32_t *conf, uint32_t w, uint32_t h) {
+    _hdr_merge_v<i32x8>(dist, conf, w, h);
+}
+
+}  // namespace
+
+void grey_4dcs(const uint16_t *raw, uint32_t n, uint32_t *grey) {
+    const level l = _tier();
+    if (l == level::avx2)
+        _grey_4dcs_avx2(raw, n, grey);
+    else if (l == level::sse41)
+        _grey_4dcs_sse41(raw, n, grey);
+    else
+        _grey_4dcs_scalar(raw, n, n, grey);
+}
+
+void grey_2dcs(const uint16_t *p0, const uint16_t *p1, uint32_t n, uint32_t *grey) {
+    _grey_2dcs_pick()(p0, p1, n, grey);
 }
 
 void grey_1plane(const uint16_t *raw, uint32_t w, uint32_t h, uint32_t *grey) {
@@ -328,12 +648,21 @@ void grey_1plane(const uint16_t *raw, uint32_t w, uint32_t h, uint32_t *grey) {
     }
 }
 
-EPC_CLONES void grey_from_conf(const uint32_t *conf, uint32_t n, uint16_t *grey) {
-    for (uint32_t i = 0; i < n; ++i)
-        grey[i] = static_cast<uint16_t>(std::min(fast_sqrt(conf[i]), 65535u));
+void grey_from_conf(const uint32_t *conf, uint32_t n, uint16_t *grey) {
+    _grey_from_conf_pick()(conf, n, grey);
 }
 
 void hdr_merge(int32_t *dist, uint32_t *conf, uint32_t w, uint32_t h) {
+    const level l = _tier();
+    if (l == level::avx2)
+        _hdr_merge_avx2(dist, conf, w, h);
+    else if (l == level::sse41)
+        _hdr_merge_sse41(dist, conf, w, h);
+    else
+        hdr_merge_scalar(dist, conf, w, h);
+}
+
+void hdr_merge_scalar(int32_t *dist, uint32_t *conf, uint32_t w, uint32_t h) {
     for (uint32_t g = 0; g + 3 < h; g += 4) {
         for (uint32_t k = 0; k < 2; ++k) {
             int32_t *da = dist + (g + k) * w, *db = dist + (g + 2 + k) * w;
@@ -359,8 +688,8 @@ void rows_reorder(const uint32_t *src, uint32_t *dst, uint32_t w, uint32_t h) {
     if (h & 1) std::memcpy(dst + (h - 1) * w, src + (h - 1) * w, w * 4);
 }
 
-EPC_CLONES void narrow_u16(const int32_t *src, uint16_t *dst, uint32_t n) {
-    for (uint32_t i = 0; i < n; ++i) dst[i] = static_cast<uint16_t>(std::clamp(src[i], 0, 65535));
+void narrow_u16(const int32_t *src, uint16_t *dst, uint32_t n) {
+    _narrow_pick()(src, dst, n);
 }
 
 void rows_reorder_u16(const int32_t *src, uint16_t *dst, uint32_t w, uint32_t h) {
@@ -383,12 +712,8 @@ uint32_t info_hash(const tevix_frame_info_t &info) {
     return (s2 << 16) | s1;
 }
 
-EPC_CLONES void range_gate(const uint16_t *src, uint16_t *dst, uint32_t n, uint32_t range) {
-    const int32_t hi = static_cast<int32_t>(range) - 100;
-    for (uint32_t i = 0; i < n; ++i) {
-        const int32_t d = src[i];
-        dst[i] = (d < 60001 && (d > hi || d < 101)) ? 0 : src[i];
-    }
+void range_gate(const uint16_t *src, uint16_t *dst, uint32_t n, uint32_t range) {
+    _range_gate_pick()(src, dst, n, range);
 }
 
 namespace {
@@ -445,6 +770,33 @@ __attribute__((target("avx2"))) void _minamp_hyst_avx2(const uint16_t *src, uint
     if (i < n) _minamp_hyst_scalar(src + i, dst + i, conf + i, n - i, l, marks + i);
 }
 
+template <class V>
+VX_INLINE void _minamp_hyst_v(const uint16_t *src, uint16_t *dst, const uint32_t *conf, uint32_t n,
+                              const minamp_limits &l, uint8_t *marks) {
+    using U = typename lanes<V>::u;
+    using H = typename lanes<V>::h;
+    using B = typename lanes<V>::b;
+    constexpr int L = lanes<V>::n;
+    const U hi_h = U{} + (l.hi_open ? UINT32_MAX : l.hi_h);
+    uint32_t i = 0;
+    for (; i + L <= n; i += L) {
+        const U c = tevix::algo::load<U>(conf + i);
+        const U set = (c >= l.lo) & (c <= l.hi);
+        const U keep = (c >= l.lo_h) & (c <= hi_h);
+        const U old = __builtin_convertvector(tevix::algo::load<B>(marks + i), U);
+        const U m = (set & 1) | (keep & old);
+        const U s = __builtin_convertvector(tevix::algo::load<H>(src + i), U);
+        tevix::algo::store(dst + i, __builtin_convertvector(m != 0 ? s : U{}, H));
+        tevix::algo::store(marks + i, __builtin_convertvector(m, B));
+    }
+    if (i < n) _minamp_hyst_scalar(src + i, dst + i, conf + i, n - i, l, marks + i);
+}
+
+VX_TARGET_SSE41 void _minamp_hyst_sse41(const uint16_t *src, uint16_t *dst, const uint32_t *conf,
+                                        uint32_t n, const minamp_limits &l, uint8_t *marks) {
+    _minamp_hyst_v<i32x4>(src, dst, conf, n, l, marks);
+}
+
 }  // namespace
 
 void minamp(const uint16_t *src, uint16_t *dst, const uint32_t *conf, uint32_t n, uint32_t t,
@@ -463,8 +815,11 @@ void minamp(const uint16_t *src, uint16_t *dst, const uint32_t *conf, uint32_t n
     l.lo_h = static_cast<uint32_t>(std::max<int64_t>(lo - h2, 0));
     l.hi_h = static_cast<uint32_t>(std::min<int64_t>(hi + h2, UINT32_MAX));
     l.hi_open = hi + h2 >= UINT32_MAX;
-    if (_has_avx2())
+    const level tier = _tier();
+    if (tier == level::avx2)
         _minamp_hyst_avx2(src, dst, conf, n, l, marks);
+    else if (tier == level::sse41)
+        _minamp_hyst_sse41(src, dst, conf, n, l, marks);
     else
         _minamp_hyst_scalar(src, dst, conf, n, l, marks);
 }
@@ -488,18 +843,9 @@ int32_t auto_intg_step(const sample_stats &s, uint32_t threshold) {
     return (s.low < 513 && s.high < 11) ? 50 : 0;
 }
 
-EPC_CLONES bool frame_consistent(const uint16_t *raw, uint32_t n, uint32_t samples) {
+bool frame_consistent(const uint16_t *raw, uint32_t n, uint32_t samples) {
     if (samples < 8 || n == 0) return false;
-    uint32_t c02 = 0, c13 = 0;
-    const uint16_t *p0 = raw, *p1 = raw + n, *p2 = raw + 2 * n, *p3 = raw + 3 * n;
-    for (uint32_t i = 0; i < n; ++i) {
-        const uint32_t s02 = (p0[i] & 0xFFF) + (p2[i] & 0xFFF);
-        const uint32_t s13 = (p1[i] & 0xFFF) + (p3[i] & 0xFFF);
-        c02 += (s02 >= 4017) & (s02 <= 4175);
-        c13 += (s13 >= 4017) & (s13 <= 4175);
-    }
-    const uint64_t need = static_cast<uint64_t>(n) * 60;
-    return static_cast<uint64_t>(c02) * 100 > need && static_cast<uint64_t>(c13) * 100 > need;
+    return _consistent_pick()(raw, n);
 }
 
 }  // namespace tevix::epc

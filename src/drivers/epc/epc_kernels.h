@@ -1,7 +1,8 @@
 // Per-pixel kernels of the EPC pipeline: phase and grey decode of DCS planes, HDR merge, row
 // order, decode hash and the range gate. Pure functions over caller buffers so that the driver,
-// the tests and the benchmarks share them. Integer arithmetic throughout; every fast path gives
-// the same results as the scalar one.
+// the tests and the benchmarks share them. Integer arithmetic throughout; each kernel runs at
+// the instruction-set tier tevix::simd::active() names (tests cap it to reach every tier), and
+// every tier gives the scalar results bit for bit.
 #pragma once
 
 #include <cstdint>
@@ -72,6 +73,7 @@ void grey_from_conf(const uint32_t *conf, uint32_t n, uint16_t *grey);
 // HDR merge of a w x h image whose rows come in groups of four (two with the first integration
 // time, two with the second); the chosen value and confidence go to both halves.
 void hdr_merge(int32_t *dist, uint32_t *conf, uint32_t w, uint32_t h);
+void hdr_merge_scalar(int32_t *dist, uint32_t *conf, uint32_t w, uint32_t h);
 
 // Sensor row order to image order: source row 2k to H/2 - 1 - k, 2k + 1 to H/2 + k.
 void rows_reorder(const uint32_t *src, uint32_t *dst, uint32_t w, uint32_t h);
