@@ -18,7 +18,7 @@ def pytest_configure(config):
 
 @pytest.fixture(scope="session")
 def recorded(tmp_path_factory):
-    """A recording of 40 frames from the virtual camera, and those frames as Python saw them."""
+    """A recording of 100 frames from the virtual camera, and those frames as Python saw them."""
     path = str(tmp_path_factory.mktemp("rec") / "capture.oni")
     frames = []
     with tevix.open() as cam, cam.capture(record=path) as stream:
