@@ -19,6 +19,8 @@ packages=(
   python3-gencpp python3-genpy python3-numpy python3-pytest
   # the Python package (pybind11 over the C interface), its examples: Open3D and OpenCV
   python3-dev python3-pybind11 python3-open3d python3-opencv
+  # Debian packages and their checks
+  dpkg-dev lintian
 )
 
 missing=()
