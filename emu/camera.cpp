@@ -104,12 +104,7 @@ camera::camera(testbed &tb, const camera_config &cfg, std::unique_ptr<frame_sour
         g_clear_error(&err);
     }
 
-    // The device node becomes a FIFO kept full, so the host's poll for POLLOUT blocks until a URB
-    // is ready to reap.
-    const std::string node = tb_.root() + dev_node();
-    ::unlink(node.c_str());
-    if (::mkfifo(node.c_str(), 0666) == 0) fifo_ = ::open(node.c_str(), O_RDWR | O_NONBLOCK);
-    _fifo_fill();
+    _make_node();
     producer_ = std::thread([this] { _producer(); });
 }
 
@@ -169,6 +164,17 @@ std::string camera::dev_node() const {
     char p[64];
     std::snprintf(p, sizeof(p), "/dev/bus/usb/%03u/%03u", cfg_.bus, cfg_.addr);
     return p;
+}
+
+// The device node becomes a FIFO kept full, so the host's poll for POLLOUT blocks until a URB is
+// ready to reap. An unplugged camera has no node, as a real one: opening it fails.
+void camera::_make_node() {
+    const std::string node = tb_.root() + dev_node();
+    ::unlink(node.c_str());
+    if (fifo_ >= 0) ::close(fifo_);
+    fifo_ = -1;
+    if (::mkfifo(node.c_str(), 0666) == 0) fifo_ = ::open(node.c_str(), O_RDWR | O_NONBLOCK);
+    _fifo_fill();
 }
 
 void camera::_fifo_fill() {
@@ -365,6 +371,7 @@ void camera::_producer() {
 
 void camera::_unplug_locked() {
     gone_ = true;
+    ::unlink((tb_.root() + dev_node()).c_str());
     streaming_ = false;
     ++epoch_;
     queue_.clear();
@@ -400,7 +407,7 @@ void camera::replug() {
         if (!gone_) return;
         gone_ = false;
         halted_ = false;
-        _fifo_fill();
+        _make_node();
     }
     _uevent("add");
 }

@@ -204,6 +204,7 @@ class camera {
     void _pump();
     void _finish(urb u, int status, int actual);
     void _release(urb &u);
+    void _make_node();
     void _fifo_fill();
     void _fifo_signal();
     void _unplug_locked();

@@ -31,8 +31,10 @@ void _usage(FILE *f) {
     std::fprintf(f,
                  "usage: tevix-vcam [options] -- COMMAND [ARGS...]\n"
                  "Runs COMMAND with virtual USB cameras attached (seen through libusb).\n"
-                 "  -n, --cameras N       number of cameras (default 1; bus 1, ports 2.., "
-                 "addresses 2..)\n"
+                 "  -n, --cameras N       number of cameras (default 1): two a bus (buses 1..,\n"
+                 "                        ports and addresses 2 and 3), each with its own serial\n"
+                 "                        and, unless --product is given, its own chip code\n"
+                 "                        (E1, E2, E4, E5: one driver row each)\n"
                  "  -f, --fps N           frame rate (default 30; 0 = as fast as the host reads)\n"
                  "      --product TEXT    product string (default VXCAM-E1-R1)\n"
                  "      --vendor TEXT     vendor string (default \"Tevix Virtual\")\n"
@@ -58,7 +60,12 @@ struct options {
     uint32_t garbage = 0, drop = 0, corrupt = 0, busy = 0;
     std::string fail;
     long unplug_ms = -1, replug_ms = -1;
+    bool product_set = false;
 };
+
+// Chip codes of the units after the first: each picks a driver row of its own, as cameras of
+// different models do (the library serves one camera per chip code).
+constexpr const char *k_unit_chips[] = {"E1", "E2", "E4", "E5"};
 
 bool _num(const char *s, long lo, long hi, long *out) {
     char *end = nullptr;
@@ -110,7 +117,7 @@ int _parse(int argc, char **argv, options &o) {
                     return _num(optarg, 0, 10000, &v) &&
                            (o.cfg.fps = static_cast<uint32_t>(v), true);
                 case o_product:
-                    return o.cfg.product = optarg, true;
+                    return o.cfg.product = optarg, o.product_set = true, true;
                 case o_vendor:
                     return o.cfg.vendor = optarg, true;
                 case o_nocksum:
@@ -169,9 +176,11 @@ int main(int argc, char **argv) {
     tevix::emu::testbed tb;
     for (int i = 0; i < o.cameras; ++i) {
         tevix::emu::camera_config cfg = o.cfg;
-        cfg.port = static_cast<uint8_t>(2 + i);
-        cfg.addr = static_cast<uint8_t>(2 + i);
+        cfg.bus = static_cast<uint8_t>(1 + i / 2);
+        cfg.port = static_cast<uint8_t>(2 + i % 2);
+        cfg.addr = static_cast<uint8_t>(2 + i % 2);
         cfg.uid[2] += static_cast<uint32_t>(i);
+        if (!o.product_set) cfg.product = std::string("VXCAM-") + k_unit_chips[i % 4] + "-R1";
         std::unique_ptr<tevix::emu::frame_source> src;
         if (o.scene >= 0) {
 #ifdef TEVIX_VCAM_SCENE

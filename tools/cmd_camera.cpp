@@ -4,14 +4,18 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "api/session.h"
@@ -199,40 +203,45 @@ int _cmd_filter(const camera_cmds &c) {
     return k_exit_ok;
 }
 
-std::map<std::string, uint32_t> g_errors;
-uint32_t g_discards = 0;
+// What one camera's capture met; the error callback runs on the pulling thread, so each
+// camera's thread finds its own record.
+struct capture_report {
+    std::string uri, product, serial;
+    uint32_t frames = 0, wanted = 0, discards = 0, gaps = 0;
+    double seconds = 0.0;
+    std::map<std::string, uint32_t> errors;
+    bool started = false;
+};
+thread_local capture_report *t_report = nullptr;
 
 int _on_error(tevix_dev_t *, int code, uint32_t extra) {
+    if (!t_report) return 1;
     if (code == TEVIX_ERR_CAP_FRAME_DISCARD)
-        g_discards = extra;
+        t_report->discards = extra;
     else
-        ++g_errors[tevix_error_name(code)];
+        ++t_report->errors[tevix_error_name(code)];
     return 1;
 }
 
-int _cmd_capture(const camera_cmds &c) {
-    tool_library lib(c.verbosity);
-    tool_device cam(c.uri);
-    if (!cam.get()) return k_exit_failed;
-    tevix_dev_t *dev = cam.get();
+// Captures `wanted` frames from dev; with progress, a live line on a terminal.
+void _capture_one(tevix_dev_t *dev, capture_report &r, bool progress) {
+    t_report = &r;
     tevix_cap_cfg_t cfg{};
     tevix_cap_config_get(dev, &cfg);
     cfg.on_cap_err = _on_error;
     tevix_cap_config_set(dev, &cfg);
-    if (!tevix_cap_start(dev)) {
-        std::fprintf(stderr, "tevix: capture did not start\n");
-        return k_exit_failed;
-    }
-    bool tty = isatty(STDERR_FILENO) == 1;
+    if (!tevix_cap_start(dev)) return;
+    r.started = true;
+    bool tty = progress && isatty(STDERR_FILENO) == 1;
     std::vector<uint8_t> buf(8u << 20);
-    uint32_t frames = 0, failures = 0;
+    uint32_t failures = 0;
+    int32_t last = -1;
     auto t0 = std::chrono::steady_clock::now();
-    double fps = 0.0;
-    while (frames < c.frames && failures < 3) {
+    while (r.frames < r.wanted && failures < 3) {
         tevix_frame_info_t info{};
         int n = tevix_cap_get_frames(dev, 1, buf.data(), static_cast<uint32_t>(buf.size()), &info);
         if (n < 0) {
-            ++g_errors[tevix_error_name(n)];
+            ++r.errors[tevix_error_name(n)];
             ++failures;
             continue;
         }
@@ -241,21 +250,103 @@ int _cmd_capture(const camera_cmds &c) {
             continue;
         }
         failures = 0;
-        frames += static_cast<uint32_t>(n);
+        r.frames += static_cast<uint32_t>(n);
+        if (last >= 0) r.gaps += static_cast<uint16_t>(info.index - last - 1);
+        last = info.index;
         double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-        fps = s > 0 ? frames / s : 0.0;
         if (tty)
             std::fprintf(stderr, "\rframe %u/%u  #%u  %ux%u fmt %u  %.1f fps  discarded %u ",
-                         frames, c.frames, info.index, info.width, info.height, info.format, fps,
-                         g_discards);
+                         r.frames, r.wanted, info.index, info.width, info.height, info.format,
+                         s > 0 ? r.frames / s : 0.0, r.discards);
     }
     if (tty) std::fprintf(stderr, "\n");
     tevix_cap_stop(dev);
-    double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    std::printf("captured %u of %u frames in %.2f s (%.1f fps), %u discarded\n", frames, c.frames,
-                s, s > 0 ? frames / s : 0.0, g_discards);
-    for (const auto &[name, count] : g_errors) std::printf("  %s: %u\n", name.c_str(), count);
-    return frames == c.frames ? k_exit_ok : k_exit_failed;
+    r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    t_report = nullptr;
+}
+
+void _print_report(const capture_report &r, bool named) {
+    if (named) std::printf("%s %s serial %s: ", r.uri.c_str(), r.product.c_str(), r.serial.c_str());
+    std::printf("captured %u of %u frames in %.2f s (%.1f fps), %u discarded", r.frames, r.wanted,
+                r.seconds, r.seconds > 0 ? r.frames / r.seconds : 0.0, r.discards);
+    if (named) std::printf(", %u index gaps", r.gaps);
+    std::printf("\n");
+    for (const auto &[name, count] : r.errors) std::printf("  %s: %u\n", name.c_str(), count);
+}
+
+// Arrivals and removals as they happen, until interrupted or for the given time.
+std::atomic<bool> g_stop{false};
+
+void _on_plug(const tevix_hotplug_event_t *ev, void *) {
+    std::printf("%s %s%s%s%s%s\n", ev->event == TEVIX_HOTPLUG_ARRIVED ? "arrived" : "left   ",
+                ev->uri, ev->product[0] ? "  " : "", ev->product, ev->serial[0] ? "  serial " : "",
+                ev->serial);
+    std::fflush(stdout);
+}
+
+int _cmd_monitor(const camera_cmds &c) {
+    tool_library lib(c.verbosity);
+    std::signal(SIGINT, [](int) { g_stop = true; });
+    std::signal(SIGTERM, [](int) { g_stop = true; });
+    const int handle = tevix_hotplug_register(_on_plug, nullptr, 1);
+    if (!handle) {
+        std::fprintf(stderr, "tevix: hot-plug events cannot start\n");
+        return k_exit_failed;
+    }
+    const auto t0 = std::chrono::steady_clock::now();
+    while (
+        !g_stop &&
+        (c.seconds <= 0.0 ||
+         std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() < c.seconds))
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    tevix_hotplug_deregister(handle);
+    return k_exit_ok;
+}
+
+// One camera, or several at once (each captured on a thread of its own, reported per camera).
+int _cmd_capture(const camera_cmds &c) {
+    tool_library lib(c.verbosity);
+    std::vector<std::string> uris = c.uris;
+    if (c.all) {
+        std::vector<tevix_dev_t> list(32);
+        const int n = tevix_dev_list(list.data(), static_cast<int>(list.size()));
+        for (int i = 0; i < n; ++i) {
+            char uri[64];
+            const tevix_dev_t &d = list[static_cast<size_t>(i)];
+            std::snprintf(uri, sizeof uri, "usb://%03u:%03u:%03u", d.addr.usb.bus, d.addr.usb.port,
+                          d.addr.usb.addr);
+            uris.push_back(uri);
+        }
+        if (uris.empty()) {
+            std::fprintf(stderr, "tevix: no camera found\n");
+            return k_exit_failed;
+        }
+    }
+    if (uris.empty()) uris.push_back("");
+    std::vector<std::unique_ptr<tool_device>> cams;
+    std::vector<capture_report> reports(uris.size());
+    for (size_t i = 0; i < uris.size(); ++i) {
+        cams.push_back(std::make_unique<tool_device>(uris[i]));
+        tevix_dev_t *dev = cams.back()->get();
+        if (!dev) return k_exit_failed;
+        char uri[300];
+        reports[i].uri = tevix_dev_get_uri(dev, uri, sizeof uri) ? uri : uris[i];
+        reports[i].product = dev->product;
+        reports[i].serial = dev->serial;
+        reports[i].wanted = c.frames;
+    }
+    const bool one = cams.size() == 1;
+    std::vector<std::thread> workers;
+    for (size_t i = 0; i < cams.size(); ++i)
+        workers.emplace_back(_capture_one, cams[i]->get(), std::ref(reports[i]), one);
+    for (auto &w : workers) w.join();
+    bool ok = true;
+    for (const capture_report &r : reports) {
+        if (!r.started) std::fprintf(stderr, "tevix: capture of %s did not start\n", r.uri.c_str());
+        _print_report(r, !one);
+        ok = ok && r.started && r.frames == r.wanted;
+    }
+    return ok ? k_exit_ok : k_exit_failed;
 }
 
 }  // namespace
@@ -302,13 +393,20 @@ void tool_add_camera(CLI::App &app, camera_cmds &c) {
     fdis->add_option("uri", c.uri, "device URI")->required();
     fdis->add_option("id", c.filter_id, "filter id 0..14")->required()->check(CLI::Range(0, 14));
 
-    c.capture = app.add_subcommand("capture", "capture frames and report the rate and errors");
-    c.capture->add_option("uri", c.uri, "device URI (default: the first camera)");
+    c.capture = app.add_subcommand(
+        "capture", "capture frames and report the rate and errors (several cameras at once)");
+    c.capture->add_option("uri", c.uris, "device URIs (default: the first camera)");
+    c.capture->add_flag("--all", c.all, "every camera attached");
+
+    c.monitor = app.add_subcommand("monitor", "print cameras as they arrive and leave");
+    c.monitor->add_option("-s,--seconds", c.seconds, "stop after this time (default: Ctrl-C)")
+        ->check(CLI::NonNegativeNumber);
     c.capture->add_option("-n,--frames", c.frames, "number of frames")
         ->check(CLI::Range(1, 100000000));
 }
 
 int tool_run_camera(const camera_cmds &c) {
+    if (c.monitor && c.monitor->parsed()) return _cmd_monitor(c);
     if (c.info && c.info->parsed()) return _cmd_info(c);
     if (c.param && c.param->parsed()) return _cmd_param(c);
     if (c.reg && c.reg->parsed()) return _cmd_reg(c);

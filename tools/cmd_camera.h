@@ -21,9 +21,13 @@ struct camera_cmds {
     std::vector<uint32_t> filter_args;
     bool filter_enable = false;
     uint32_t frames = 100;
+    std::vector<std::string> uris;  // capture: several cameras
+    bool all = false;
+    double seconds = 0.0;  // monitor: 0 runs until interrupted
+    CLI::App *monitor = nullptr;
 };
 
-// Adds info, param, reg, filter and capture to the tool.
+// Adds info, param, reg, filter, capture and monitor to the tool.
 void tool_add_camera(CLI::App &app, camera_cmds &c);
 // Runs the parsed camera subcommand: its exit code, or -1 when none was given.
 int tool_run_camera(const camera_cmds &c);

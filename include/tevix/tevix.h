@@ -316,6 +316,37 @@ TEVIX_API int64_t tevix_oni_repair(const char *in_path, const char *out_path) TE
 TEVIX_API const char *tevix_dev_get_driver(tevix_dev_t *dev, const char **chip) TEVIX_NOEXCEPT;
 
 /*
+ * Hot-plug (extension): camera arrivals and removals on USB.
+ *
+ * Callbacks run on the library's hot-plug thread (one per process, started by the first
+ * registration), one event at a time and in the order the events happened, never on the
+ * caller's thread and never two at once. A callback may call any tevix_* function (open the
+ * camera that arrived, for instance) and may deregister itself; it should return soon, since
+ * later events wait for it. Arrivals carry the camera's serial number when the camera could be
+ * asked (it is not open elsewhere); removals carry what its arrival carried. Where libusb has no
+ * hot-plug events the thread compares the camera list every half second instead.
+ */
+enum { TEVIX_HOTPLUG_ARRIVED = 1, TEVIX_HOTPLUG_LEFT = 2 };
+
+typedef struct tevix_hotplug_event {
+    int32_t event;    /* TEVIX_HOTPLUG_ARRIVED or TEVIX_HOTPLUG_LEFT */
+    char uri[64];     /* "usb://bus:port:addr", the URI to open the camera with */
+    char serial[32];  /* "%08X%08X%08X" of the unique id, or "" when unknown */
+    char product[32]; /* "<model>-<chip code>-<revision>", or "" when unknown */
+} tevix_hotplug_event_t;
+
+typedef void (*tevix_hotplug_cb)(const tevix_hotplug_event_t *event, void *user);
+
+/* Registers cb; with enumerate set the cameras attached now are reported to it as arrivals
+ * first. Returns a handle above 0, or 0 when cb is NULL or hot-plug cannot start. Needs
+ * tevix_init. Extension. */
+TEVIX_API int tevix_hotplug_register(tevix_hotplug_cb cb, void *user, int enumerate) TEVIX_NOEXCEPT;
+/* Removes a registration: 1, or 0 for an unknown handle. Outside a callback it waits for a
+ * callback in progress to return, and the last deregistration stops the hot-plug thread.
+ * tevix_uninit removes every registration. Extension. */
+TEVIX_API int tevix_hotplug_deregister(int handle) TEVIX_NOEXCEPT;
+
+/*
  * Random access to recordings (extension): nodes, properties and stored frames of an ONI file,
  * without a device. Node ids count from 1. A handle is used by one thread at a time.
  */

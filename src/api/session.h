@@ -126,6 +126,8 @@ void session_record_raw(tevix_session *s, const char *name, const void *data, ui
 void record_start(tevix_dev_t *dev);
 // Closes the recording and its streams.
 void record_stop(tevix_session *s);
+// Ends every hot-plug registration and stops the hot-plug thread (tevix_uninit).
+void hotplug_shutdown();
 // For each frame a pull delivers: opens the frame streams and, unless saving is manual, writes
 // the raw frame (preceded by its information when it is the first of the pull).
 void record_frame(tevix_dev_t *dev, const uint8_t *frame, const tevix_frame_info_t &info,

@@ -225,6 +225,7 @@ void tevix_init(const char *log_path) noexcept {
 
 void tevix_uninit(void) noexcept {
     if (!g_inited) return;
+    tevix::api::hotplug_shutdown();
     vx_cmap_uninit(&g_cmap);
     tevix_ll_uninit();
     vx_log_raw(nullptr, VX_LOG_DBG, "---- TEVIX log END ----\n\n");

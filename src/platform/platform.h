@@ -23,6 +23,9 @@ uint64_t mono_us();
 // Numeric id of the calling thread, as the operating system shows it.
 uint32_t thread_id();
 void sleep_ms(uint32_t ms);
+// Names the calling thread (at most 15 characters), so that tools and tests can tell the
+// library's threads apart.
+void name_thread(const char *name);
 
 // File system: each returns 0 on success, -1 on failure (errno set).
 bool file_exists(const char *path);   // the _access(path, 0) test

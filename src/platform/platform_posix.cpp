@@ -1,5 +1,6 @@
 #include "platform/platform.h"
 
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -92,6 +93,10 @@ int remove_file(const char *path) {
 
 bool stdout_is_terminal() {
     return isatty(STDOUT_FILENO) == 1;
+}
+
+void name_thread(const char *name) {
+    pthread_setname_np(pthread_self(), name);
 }
 
 }  // namespace tevix::plat

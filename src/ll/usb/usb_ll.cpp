@@ -469,6 +469,7 @@ void _ll_event_loop(usb_priv *p) {
 }
 
 void _usb_ll_evt_thread(usb_priv *p) {
+    tevix::plat::name_thread("tevix-usb-evt");
     VX_DBG("[%s]enter\n");
     _ll_event_loop(p);
     VX_DBG("[%s]exit\n");

@@ -1,0 +1,311 @@
+// Cameras that come and go while the host runs, and several cameras at once, over the real libusb
+// against virtual cameras added to and removed from the umockdev testbed.
+#include <dirent.h>
+#include <malloc.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ll/usb/usb_ll.h"
+#include "tevix/tevix.h"
+#include "vcam.h"
+
+namespace {
+
+using clock_ = std::chrono::steady_clock;
+
+// The testbed must exist before the library starts libusb, and go after the last close.
+class hotplug_env : public ::testing::Environment {
+  public:
+    void SetUp() override {
+        tb_ = std::make_unique<tevix::emu::testbed>();
+        tevix_init("");
+        tevix_log_cfg(7, 7, 7);
+    }
+    void TearDown() override {
+        tevix_uninit();
+        tb_.reset();
+    }
+    static tevix::emu::testbed &tb() { return *tb_; }
+
+  private:
+    static inline std::unique_ptr<tevix::emu::testbed> tb_;
+};
+::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new hotplug_env);
+
+tevix::emu::camera_config _unit(uint8_t bus, uint8_t port, uint32_t serial_word, const char *chip,
+                                uint32_t fps = 30) {
+    tevix::emu::camera_config cfg;
+    cfg.bus = bus;
+    cfg.port = port;
+    cfg.addr = port;
+    cfg.uid[2] = serial_word;
+    cfg.product = std::string("VXCAM-") + chip + "-R1";
+    cfg.fps = fps;
+    return cfg;
+}
+
+std::string _serial(const tevix::emu::camera_config &cfg) {
+    char s[32];
+    std::snprintf(s, sizeof s, "%08X%08X%08X", cfg.uid[0], cfg.uid[1], cfg.uid[2]);
+    return s;
+}
+
+// Events a registration received, and a wait for them.
+struct event_log {
+    std::mutex m;
+    std::condition_variable cv;
+    std::vector<tevix_hotplug_event_t> events;
+    std::thread::id caller;
+
+    static void on(const tevix_hotplug_event_t *ev, void *user) {
+        auto *log = static_cast<event_log *>(user);
+        std::lock_guard lk(log->m);
+        log->events.push_back(*ev);
+        log->caller = std::this_thread::get_id();
+        log->cv.notify_all();
+    }
+    bool wait(size_t n, double seconds = 10.0) {
+        std::unique_lock lk(m);
+        return cv.wait_for(lk, std::chrono::duration<double>(seconds),
+                           [&] { return events.size() >= n; });
+    }
+    size_t size() {
+        std::lock_guard lk(m);
+        return events.size();
+    }
+    tevix_hotplug_event_t at(size_t i) {
+        std::lock_guard lk(m);
+        return events.at(i);
+    }
+};
+
+size_t _count_dir(const char *path) {
+    size_t n = 0;
+    if (DIR *d = opendir(path)) {
+        while (readdir(d)) ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+TEST(hotplug, arrival_removal_during_capture_and_reopen_at_a_new_address) {
+    event_log log;
+    const int handle = tevix_hotplug_register(&event_log::on, &log, 1);
+    ASSERT_GT(handle, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(log.size(), 0u);  // nothing attached yet
+
+    const auto first = _unit(1, 2, 0x20261201, "E1");
+    tevix::emu::camera *cam = hotplug_env::tb().add(first);
+    ASSERT_NE(cam, nullptr);
+    ASSERT_TRUE(log.wait(1));
+    tevix_hotplug_event_t ev = log.at(0);
+    EXPECT_EQ(ev.event, TEVIX_HOTPLUG_ARRIVED);
+    EXPECT_STREQ(ev.uri, "usb://001:002:002");
+    EXPECT_EQ(std::string(ev.serial), _serial(first));
+    EXPECT_STREQ(ev.product, "VXCAM-E1-R1");
+    EXPECT_NE(log.caller, std::this_thread::get_id());
+
+    // Unplugged while capturing: one removal, and the pull ends with the transfer error soon.
+    tevix_dev_t *dev = tevix_dev_open_by_uri(ev.uri);
+    ASSERT_NE(dev, nullptr);
+    EXPECT_EQ(std::string(dev->serial), _serial(first));
+    ASSERT_EQ(tevix_cap_start(dev), 1);
+    std::vector<uint8_t> raw(8u << 20);
+    ASSERT_EQ(tevix_cap_get_frames(dev, 1, raw.data(), raw.size(), nullptr), 1);
+    std::atomic<int> result{1};
+    std::atomic<int64_t> ended_ms{0};
+    std::thread puller([&] {
+        int r;
+        // Frames, then (once the capture stopped) nothing, then the capture's error.
+        while ((r = tevix_cap_get_frames(dev, 1, raw.data(), raw.size(), nullptr)) >= 0) {
+        }
+        ended_ms =
+            std::chrono::duration_cast<std::chrono::milliseconds>(clock_::now().time_since_epoch())
+                .count();
+        result = r;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    const int64_t unplugged_ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(clock_::now().time_since_epoch())
+            .count();
+    cam->unplug();
+    puller.join();
+    EXPECT_EQ(result.load(), TEVIX_ERR_CAP_UNKNOWN) << tevix_error_name(result);
+    const int64_t took = ended_ms - unplugged_ms;
+    std::printf("pull ended %lld ms after the unplug\n", static_cast<long long>(took));
+    EXPECT_LT(took, 1000);
+    ASSERT_TRUE(log.wait(2));
+    ev = log.at(1);
+    EXPECT_EQ(ev.event, TEVIX_HOTPLUG_LEFT);
+    EXPECT_STREQ(ev.uri, "usb://001:002:002");
+    EXPECT_EQ(std::string(ev.serial), _serial(first));
+    tevix_dev_close(dev);
+
+    // The same camera back at another address: found by its serial, opened and captured again.
+    auto again = first;
+    again.port = again.addr = 3;
+    ASSERT_NE(hotplug_env::tb().add(again), nullptr);
+    ASSERT_TRUE(log.wait(3));
+    ev = log.at(2);
+    EXPECT_EQ(ev.event, TEVIX_HOTPLUG_ARRIVED);
+    EXPECT_STREQ(ev.uri, "usb://001:003:003");
+    EXPECT_EQ(std::string(ev.serial), _serial(first));
+    dev = tevix_dev_open_by_uri(ev.uri);
+    ASSERT_NE(dev, nullptr);
+    ASSERT_EQ(tevix_cap_start(dev), 1);
+    for (int i = 0; i < 5; ++i)
+        ASSERT_EQ(tevix_cap_get_frames(dev, 1, raw.data(), raw.size(), nullptr), 1) << i;
+    tevix_cap_stop(dev);
+    tevix_dev_close(dev);
+    EXPECT_EQ(log.size(), 3u);  // one event each, nothing twice
+
+    // A registration made now hears of the cameras present first, on the hot-plug thread.
+    event_log late;
+    const int second = tevix_hotplug_register(&event_log::on, &late, 1);
+    ASSERT_TRUE(late.wait(1));
+    EXPECT_STREQ(late.at(0).uri, "usb://001:003:003");
+    EXPECT_NE(late.caller, std::this_thread::get_id());
+    EXPECT_EQ(tevix_hotplug_deregister(second), 1);
+    EXPECT_EQ(tevix_hotplug_deregister(second), 0);
+    EXPECT_EQ(tevix_hotplug_deregister(handle), 1);
+    EXPECT_EQ(tevix_hotplug_register(nullptr, nullptr, 0), 0);
+}
+
+TEST(hotplug, fifty_plug_cycles_leave_no_threads_descriptors_or_memory) {
+    tevix::emu::camera *cam = hotplug_env::tb().add(_unit(2, 2, 0x20261202, "E2"));
+    ASSERT_NE(cam, nullptr);
+    auto cycle = [&](int cycles) {
+        event_log log;
+        const int handle = tevix_hotplug_register(&event_log::on, &log, 1);
+        if (handle <= 0 || !log.wait(1)) return false;  // the cameras present
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        const size_t base = log.size();
+        for (int i = 0; i < cycles; ++i) {
+            cam->unplug();
+            if (!log.wait(base + 2 * i + 1)) return false;
+            cam->replug();
+            if (!log.wait(base + 2 * i + 2)) return false;
+        }
+        tevix_hotplug_deregister(handle);
+        for (size_t i = base; i < log.size(); ++i)
+            if (log.at(i).event != ((i - base) % 2 ? TEVIX_HOTPLUG_ARRIVED : TEVIX_HOTPLUG_LEFT))
+                return false;
+        return log.size() == base + 2 * cycles;
+    };
+    ASSERT_TRUE(cycle(2));  // warm-up: the allocator's first use of every path
+    const size_t threads = _count_dir("/proc/self/task"), fds = _count_dir("/proc/self/fd");
+    const size_t heap = mallinfo2().uordblks;
+    ASSERT_TRUE(cycle(50));
+    EXPECT_EQ(_count_dir("/proc/self/task"), threads);
+    EXPECT_EQ(_count_dir("/proc/self/fd"), fds);
+    const auto grown = static_cast<long long>(mallinfo2().uordblks) - static_cast<long long>(heap);
+    std::printf("heap after 50 plug cycles: %+lld bytes\n", grown);
+    EXPECT_LT(grown, 64 * 1024);
+}
+
+TEST(hotplug, polling_fallback_reports_the_same_events) {
+    tevix::emu::camera *cam = hotplug_env::tb().add(_unit(3, 2, 0x20261203, "E4"));
+    ASSERT_NE(cam, nullptr);
+    std::mutex m;
+    std::vector<tevix::usb::plug_event> seen;
+    tevix::usb::hotplug_watch watch;
+    ASSERT_TRUE(watch.start(
+        [&](const tevix::usb::plug_event &e) {
+            if (e.bus != 3) return;
+            std::lock_guard lk(m);
+            seen.push_back(e);
+        },
+        true));
+    EXPECT_TRUE(watch.polling());
+    auto wait = [&](size_t n) {
+        for (int i = 0; i < 100; ++i) {
+            {
+                std::lock_guard lk(m);
+                if (seen.size() >= n) return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return false;
+    };
+    ASSERT_TRUE(wait(1));
+    cam->unplug();
+    ASSERT_TRUE(wait(2));
+    cam->replug();
+    ASSERT_TRUE(wait(3));
+    watch.stop();
+    std::lock_guard lk(m);
+    ASSERT_EQ(seen.size(), 3u);
+    EXPECT_TRUE(seen[0].arrived && seen[0].initial);
+    EXPECT_FALSE(seen[1].arrived);
+    EXPECT_TRUE(seen[2].arrived && !seen[2].initial);
+    EXPECT_EQ(seen[2].port, 2);
+}
+
+// Four cameras of four models at 30 fps, each pulled on its own thread: every frame arrives.
+TEST(multicam, four_cameras_at_once_lose_no_frame) {
+    const char *env = std::getenv("TEVIX_MULTICAM_SECONDS");
+    const double seconds = env ? std::atof(env) : 5.0;
+    const char *chips[4] = {"E1", "E2", "E4", "E5"};
+    std::vector<std::string> uris;
+    for (int i = 0; i < 4; ++i) {
+        const auto cfg = _unit(static_cast<uint8_t>(4 + i / 2), static_cast<uint8_t>(2 + i % 2),
+                               0x20261300u + i, chips[i]);
+        ASSERT_NE(hotplug_env::tb().add(cfg), nullptr);
+        char uri[64];
+        std::snprintf(uri, sizeof uri, "usb://%03u:%03u:%03u", cfg.bus, cfg.port, cfg.addr);
+        uris.push_back(uri);
+    }
+    struct result {
+        uint32_t frames = 0, gaps = 0, errors = 0;
+    };
+    std::vector<result> results(4);
+    std::vector<tevix_dev_t *> devs;
+    for (const auto &u : uris) {
+        devs.push_back(tevix_dev_open_by_uri(u.c_str()));
+        ASSERT_NE(devs.back(), nullptr) << u;
+    }
+    std::vector<std::thread> pullers;
+    for (int i = 0; i < 4; ++i)
+        pullers.emplace_back([&, i] {
+            tevix_dev_t *dev = devs[size_t(i)];
+            if (tevix_cap_start(dev) != 1) return;
+            std::vector<uint8_t> raw(8u << 20);
+            int32_t last = -1;
+            const auto until = clock_::now() + std::chrono::duration<double>(seconds);
+            while (clock_::now() < until) {
+                tevix_frame_info_t info{};
+                const int n = tevix_cap_get_frames(dev, 1, raw.data(), raw.size(), &info);
+                if (n != 1) {
+                    ++results[size_t(i)].errors;
+                    continue;
+                }
+                if (last >= 0)
+                    results[size_t(i)].gaps += static_cast<uint16_t>(info.index - last - 1);
+                last = info.index;
+                ++results[size_t(i)].frames;
+            }
+            tevix_cap_stop(dev);
+        });
+    for (auto &t : pullers) t.join();
+    for (int i = 0; i < 4; ++i) {
+        SCOPED_TRACE(uris[size_t(i)]);
+        EXPECT_EQ(results[size_t(i)].gaps, 0u);
+        EXPECT_EQ(results[size_t(i)].errors, 0u);
+        EXPECT_GT(results[size_t(i)].frames, static_cast<uint32_t>(seconds * 30 * 0.8));
+        tevix_dev_close(devs[size_t(i)]);
+    }
+}
+
+}  // namespace
