@@ -38,8 +38,10 @@ set(CPACK_COMPONENT_DEV_DESCRIPTION
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tevix-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtevix1 (= ${deb_version})")
+# The viewer's 3-D view loads the distribution's three.js; without it the page goes without.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "libjs-three")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
-    "SDK for USB time-of-flight depth cameras - command-line tools\n${about}This package holds the tevix tool, which lists, configures and\ncaptures from cameras and inspects, repairs and exports recordings, and\ntevix-vcam, which runs a program against virtual cameras.")
+    "SDK for USB time-of-flight depth cameras - command-line tools\n${about}This package holds the tevix tool, which lists, configures and\ncaptures from cameras, serves a live viewer to a browser, inspects,\nrepairs and exports recordings, and tevix-vcam, which runs a program\nagainst virtual cameras.")
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-tevix)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS

@@ -21,6 +21,8 @@ packages=(
   python3-dev python3-pybind11 python3-open3d python3-opencv
   # Debian packages and their checks
   dpkg-dev lintian
+  # the viewer: HTTP server, three.js, and the browser test
+  libcpp-httplib-dev libjs-three chromium chromium-driver python3-selenium
 )
 
 missing=()

@@ -10,6 +10,9 @@
 #include "cmd_camera.h"
 #include "cmd_demo.h"
 #include "cmd_export.h"
+#ifdef TEVIX_TOOL_VIEW
+#include "view/cmd_view.h"
+#endif
 #include "cmd_oni.h"
 #include "tevix/tevix_ll.h"
 #include "tevix/tevix_version.h"
@@ -100,6 +103,10 @@ int main(int argc, char **argv) {
     tool_add_demo(app, demo);
     export_cmd exp;
     tool_add_export(app, exp);
+#ifdef TEVIX_TOOL_VIEW
+    view_cmd view;
+    tool_add_view(app, view);
+#endif
 
     try {
         app.parse(argc, argv);
@@ -119,5 +126,8 @@ int main(int argc, char **argv) {
     if (int r = tool_run_camera(camera); r >= 0) return r;
     if (int r = tool_run_demo(demo); r >= 0) return r;
     if (int r = tool_run_export(exp); r >= 0) return r;
+#ifdef TEVIX_TOOL_VIEW
+    if (int r = tool_run_view(view, verbosity); r >= 0) return r;
+#endif
     return k_exit_usage;
 }

@@ -2,8 +2,9 @@
 // compare theirs with; a plain C loop over the public interface.
 //
 // tevix_frame_reference REC.oni OUT: every frame of a recording, replayed in sync mode.
-// tevix_frame_reference --live SECONDS: pulls and decodes (distance, grey, point cloud) from the
-//   first camera and prints the process CPU time, the baseline of a client's overhead.
+// tevix_frame_reference --live SECONDS [images]: pulls and decodes (distance, grey, point cloud;
+//   with "images" the u16 distance and grey only, as the viewer does) from the first camera and
+//   prints the process CPU time, the baseline of a client's overhead.
 // tevix_frame_reference --rate REC.oni FRAMES: pulls and decodes the distance of FRAMES frames of
 //   a recording (from its start again at its end) as fast as it can and prints frames/s.
 // Replays in sync mode (every frame, no pacing) and writes OUT as: "TVXREF1\0", u32 width, height,
@@ -48,7 +49,7 @@ double _cpu_s() {
            (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) * 1e-6;
 }
 
-int _live(double seconds) {
+int _live(double seconds, bool images_only) {
     tevix_dev_t *dev = tevix_dev_open(nullptr);
     if (!dev || !tevix_cap_start(dev)) return 1;
     std::vector<uint8_t> raw(8u << 20);
@@ -58,9 +59,18 @@ int _live(double seconds) {
     int frames = 0;
     while (std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() < seconds) {
         tevix_frame_info_t info{};
-        if (tevix_cap_get_frames(dev, 1, raw.data(), raw.size(), &info) == 1 &&
-            _decode(dev, raw, info, d))
+        if (tevix_cap_get_frames(dev, 1, raw.data(), raw.size(), &info) != 1) continue;
+        if (images_only) {
+            const uint32_t n = info.width * info.height;
+            d.depth.resize(n);
+            d.grey.resize(n);
+            if (tevix_frame_get_dist_u16(dev, d.depth.data(), n, raw.data(), info.size, &info) >
+                    0 &&
+                tevix_frame_get_gray_u16(dev, d.grey.data(), n, raw.data(), info.size, &info) > 0)
+                ++frames;
+        } else if (_decode(dev, raw, info, d)) {
             ++frames;
+        }
     }
     const double cpu = _cpu_s() - cpu0;
     tevix_cap_stop(dev);
@@ -111,16 +121,16 @@ int main(int argc, char **argv) {
         tevix_uninit();
         return rc;
     }
-    if (argc == 3 && std::strcmp(argv[1], "--live") == 0) {
+    if ((argc == 3 || argc == 4) && std::strcmp(argv[1], "--live") == 0) {
         tevix_init("");
         tevix_log_cfg(7, 7, 7);
-        const int rc = _live(std::atof(argv[2]));
+        const int rc = _live(std::atof(argv[2]), argc == 4 && std::strcmp(argv[3], "images") == 0);
         tevix_uninit();
         return rc;
     }
     if (argc != 3) {
         std::fprintf(stderr,
-                     "usage: tevix_frame_reference REC.oni OUT | --live SECONDS | "
+                     "usage: tevix_frame_reference REC.oni OUT | --live SECONDS [images] | "
                      "--rate REC.oni FRAMES\n");
         return 2;
     }

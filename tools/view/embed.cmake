@@ -1,0 +1,11 @@
+# cmake -DOUT=... -DDIR=... -P embed.cmake: the page's files as C strings.
+set(text "// Generated from tools/view/www by embed.cmake.\n#include \"view_assets.h\"\n")
+foreach(pair "index.html;k_index_html" "viewer.js;k_viewer_js" "viewer.css;k_viewer_css")
+  list(GET pair 0 file)
+  list(GET pair 1 name)
+  file(READ ${DIR}/${file} content HEX)
+  string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${content}")
+  string(APPEND text "const char ${name}[] = {${bytes}0x00};\n")
+endforeach()
+file(WRITE ${OUT}.tmp "${text}")
+execute_process(COMMAND ${CMAKE_COMMAND} -E copy_if_different ${OUT}.tmp ${OUT})
