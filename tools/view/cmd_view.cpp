@@ -2,6 +2,8 @@
 // interrupted. Beyond the loopback address every request must carry the printed access token.
 #include "cmd_view.h"
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <thread>
@@ -10,10 +12,11 @@
 
 namespace {
 
-tevix_view::server *g_server = nullptr;
+// Set by SIGINT/SIGTERM; a watcher thread stops the server (nothing else is safe in a handler).
+volatile std::sig_atomic_t g_stop = 0;
 
 void _on_signal(int) {
-    if (g_server) g_server->stop();
+    g_stop = 1;
 }
 
 }  // namespace
@@ -44,9 +47,14 @@ int tool_run_view(view_cmd &v, int verbosity) {
         std::fprintf(stderr, "view: %s\n", srv.error().c_str());
         return 1;
     }
-    g_server = &srv;
+    g_stop = 0;
     std::signal(SIGINT, _on_signal);
     std::signal(SIGTERM, _on_signal);
+    std::atomic<bool> done{false};
+    std::thread watcher([&] {
+        while (!g_stop && !done) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        srv.stop();
+    });
     const std::string host = v.opt.bind == "0.0.0.0" ? "127.0.0.1" : v.opt.bind;
     std::printf("viewer at http://%s:%d/%s%s\n", host.c_str(), srv.port(),
                 srv.token().empty() ? "" : "?token=", srv.token().c_str());
@@ -54,6 +62,9 @@ int tool_run_view(view_cmd &v, int verbosity) {
         std::printf("access token (every request needs it): %s\n", srv.token().c_str());
     std::fflush(stdout);
     srv.run();
-    g_server = nullptr;
+    done = true;
+    watcher.join();
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
     return 0;
 }

@@ -1,11 +1,14 @@
 """The browser viewer (`tevix view`) driven by the distribution's headless chromium through
 selenium. Runs under tevix-vcam: the served camera is the virtual camera on the real USB path."""
+import faulthandler
 import http.client
 import json
 import os
 import re
+import select
 import socket
 import subprocess
+import tempfile
 import time
 import urllib.error
 import urllib.parse
@@ -19,6 +22,8 @@ from selenium.webdriver.support.ui import Select
 
 TOOL = os.environ["TEVIX_TOOL"]
 SHOTS = os.environ.get("TEVIX_VIEW_SHOTS", "view-screenshots")
+# Should anything hang, say where before CTest's timeout kills the run.
+faulthandler.dump_traceback_later(240, exit=True)
 
 
 def wait_for(what, timeout=15.0, step=0.1):
@@ -37,13 +42,16 @@ class Viewer:
     """One `tevix view` process; base is the URL it printed (with the token if any)."""
 
     def __init__(self, *args, cwd=None):
+        # The tool's log goes to a file: a pipe nobody reads would block it once full.
+        self.log = tempfile.TemporaryFile("w+")
         self.proc = subprocess.Popen([TOOL, "view", "--port", "0", *args], cwd=cwd,
-                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        line = self.proc.stdout.readline()
+                                     stdout=subprocess.PIPE, stderr=self.log, text=True)
+        ready, _, _ = select.select([self.proc.stdout], [], [], 30)
+        line = self.proc.stdout.readline() if ready else ""
         m = re.match(r"viewer at (http://([\d.]+):(\d+)/)(\?token=(\w+))?", line)
         if not m:
             self.proc.kill()
-            pytest.fail(f"tevix view did not start: {line!r} {self.proc.stderr.read()}")
+            pytest.fail(f"tevix view did not start: {line!r} {self.stderr()}")
         self.root, self.host, self.port = m.group(1), m.group(2), int(m.group(3))
         self.token = m.group(5) or ""
         self.page = m.group(1) + (m.group(4) or "")
@@ -86,7 +94,11 @@ class Viewer:
         except subprocess.TimeoutExpired:
             self.proc.kill()
             pytest.fail("tevix view did not stop on SIGTERM")
-        assert rc == 0, self.proc.stderr.read()
+        assert rc == 0, self.stderr()
+
+    def stderr(self):
+        self.log.seek(0)
+        return self.log.read()[-4000:]
 
 
 @pytest.fixture
@@ -108,6 +120,8 @@ def browser():
         opts.add_argument(flag)
     opts.set_capability("goog:loggingPrefs", {"browser": "ALL"})
     drv = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=opts)
+    drv.set_page_load_timeout(30)
+    drv.set_script_timeout(30)
     yield drv
     drv.quit()
 
