@@ -9,6 +9,9 @@
 #include <opencv2/imgproc.hpp>
 #include <vector>
 
+#include <random>
+
+#include "algo/simd.h"
 #include "tevix/vx_filter.h"
 
 namespace {
@@ -193,4 +196,41 @@ TEST(FilterUndistort, GreyIsBilinearAwayFromInvalidSamples) {
     }
 }
 
+// The vector path gives the scalar path's bits, including at the decisions' edges: positions just
+// inside and outside the last interpolable column and row, negative, huge and NaN positions, and
+// sources with zeros, NaN and infinities.
+TEST(FilterUndistort, BilinearTiersAgreeBitForBit) {
+    for (uint32_t div : {1u, 4u}) {
+        map_guard g;
+        const uint32_t w = 320 / div, h = 240 / div;
+        ASSERT_TRUE(vx_calib_len_init_map(&g.m, &epc, w, h));
+        std::mt19937 rng(div);
+        std::uniform_real_distribution<float> any(-5.0f, float(w) + 5.0f);
+        const float odd[] = {NAN, -0.0f, -0.3f, float(w - 1), std::nextafter(float(w - 1), 0.0f),
+                             float(h - 1), std::nextafter(float(h - 1), 0.0f), 1e10f, -1e10f,
+                             INFINITY, 0.0f, 0.5f};
+        const size_t n = size_t(w) * h;
+        for (size_t i = 0; i < n; i += 7) {
+            g.m.map_x[i] = i % 3 ? any(rng) : odd[i % std::size(odd)];
+            g.m.map_y[i] = i % 5 ? g.m.map_y[i] : odd[(i / 7) % std::size(odd)];
+        }
+        std::vector<float> src(n);
+        std::uniform_real_distribution<float> value(100.0f, 4000.0f);
+        for (size_t i = 0; i < n; ++i) {
+            const uint32_t r = rng() % 40;
+            src[i] = r == 0 ? 0.0f : r == 1 ? NAN : r == 2 ? -INFINITY : value(rng);
+        }
+        std::vector<float> want(n + 3), got(n + 3);
+        {
+            tevix::simd::scoped_limit cap(tevix::simd::level::scalar);
+            ASSERT_TRUE(vx_calib_len_undistort_f32(&g.m, want.data(), src.data(), w, h, 1));
+        }
+        ASSERT_TRUE(vx_calib_len_undistort_f32(&g.m, got.data(), src.data(), w, h, 1));
+        for (size_t i = 0; i < n; ++i)
+            ASSERT_EQ(std::memcmp(&got[i], &want[i], sizeof(float)), 0)
+                << w << "x" << h << " pixel " << i << ": " << got[i] << " vs " << want[i];
+    }
+}
+
 }  // namespace
+
