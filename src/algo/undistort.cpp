@@ -103,17 +103,17 @@ VX_TARGET_AVX2 size_t _bilinear_avx2(const vx_calib_len_map_t *m, const float *s
     const __m256 xmax = _mm256_set1_ps(float(w - 1)), ymax = _mm256_set1_ps(float(m->height - 1));
     size_t i = 0;
     for (; i + 8 <= n; i += 8) {
-        const __m256i near =
-            _mm256_loadu_si256(reinterpret_cast<const __m256i *>(m->nearest + i));
+        const __m256i near = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(m->nearest + i));
         const __m256 sx = _mm256_loadu_ps(m->map_x + i), sy = _mm256_loadu_ps(m->map_y + i);
         const __m256 inside = _mm256_castsi256_ps(_mm256_cmpgt_epi32(near, _mm256_set1_epi32(-1)));
         // x0 + 1 < w with x0 = trunc(sx) >= 0 is sx < w - 1 (exact in float for these sizes).
         const __m256 in_range = _mm256_and_ps(
             _mm256_and_ps(_mm256_cmp_ps(sx, zero, _CMP_GE_OQ), _mm256_cmp_ps(sy, zero, _CMP_GE_OQ)),
-            _mm256_and_ps(_mm256_cmp_ps(sx, xmax, _CMP_LT_OQ), _mm256_cmp_ps(sy, ymax, _CMP_LT_OQ)));
+            _mm256_and_ps(_mm256_cmp_ps(sx, xmax, _CMP_LT_OQ),
+                          _mm256_cmp_ps(sy, ymax, _CMP_LT_OQ)));
         const __m256i x0 = _mm256_cvttps_epi32(sx), y0 = _mm256_cvttps_epi32(sy);
-        const __m256i at = _mm256_and_si256(
-            _mm256_add_epi32(_mm256_mullo_epi32(y0, vw), x0), _mm256_castps_si256(in_range));
+        const __m256i at = _mm256_and_si256(_mm256_add_epi32(_mm256_mullo_epi32(y0, vw), x0),
+                                            _mm256_castps_si256(in_range));
         const __m256 a = _mm256_i32gather_ps(src, at, 4), b = _mm256_i32gather_ps(src + 1, at, 4);
         const __m256 c = _mm256_i32gather_ps(src + w, at, 4);
         const __m256 d = _mm256_i32gather_ps(src + w + 1, at, 4);
@@ -123,11 +123,11 @@ VX_TARGET_AVX2 size_t _bilinear_avx2(const vx_calib_len_map_t *m, const float *s
         const __m256 ux = _mm256_sub_ps(one, tx);
         const __m256 top = _mm256_add_ps(_mm256_mul_ps(a, ux), _mm256_mul_ps(b, tx));
         const __m256 bottom = _mm256_add_ps(_mm256_mul_ps(c, ux), _mm256_mul_ps(d, tx));
-        const __m256 mix = _mm256_add_ps(_mm256_mul_ps(top, _mm256_sub_ps(one, ty)),
-                                         _mm256_mul_ps(bottom, ty));
-        const __m256 blend = _mm256_and_ps(
-            in_range, _mm256_and_ps(_mm256_and_ps(_real_avx2(a), _real_avx2(b)),
-                                    _mm256_and_ps(_real_avx2(c), _real_avx2(d))));
+        const __m256 mix =
+            _mm256_add_ps(_mm256_mul_ps(top, _mm256_sub_ps(one, ty)), _mm256_mul_ps(bottom, ty));
+        const __m256 blend =
+            _mm256_and_ps(in_range, _mm256_and_ps(_mm256_and_ps(_real_avx2(a), _real_avx2(b)),
+                                                  _mm256_and_ps(_real_avx2(c), _real_avx2(d))));
         _mm256_storeu_ps(dst + i, _mm256_and_ps(_mm256_blendv_ps(nearest, mix, blend), inside));
     }
     return i;

@@ -206,9 +206,18 @@ TEST(FilterUndistort, BilinearTiersAgreeBitForBit) {
         ASSERT_TRUE(vx_calib_len_init_map(&g.m, &epc, w, h));
         std::mt19937 rng(div);
         std::uniform_real_distribution<float> any(-5.0f, float(w) + 5.0f);
-        const float odd[] = {NAN, -0.0f, -0.3f, float(w - 1), std::nextafter(float(w - 1), 0.0f),
-                             float(h - 1), std::nextafter(float(h - 1), 0.0f), 1e10f, -1e10f,
-                             INFINITY, 0.0f, 0.5f};
+        const float odd[] = {NAN,
+                             -0.0f,
+                             -0.3f,
+                             float(w - 1),
+                             std::nextafter(float(w - 1), 0.0f),
+                             float(h - 1),
+                             std::nextafter(float(h - 1), 0.0f),
+                             1e10f,
+                             -1e10f,
+                             INFINITY,
+                             0.0f,
+                             0.5f};
         const size_t n = size_t(w) * h;
         for (size_t i = 0; i < n; i += 7) {
             g.m.map_x[i] = i % 3 ? any(rng) : odd[i % std::size(odd)];
@@ -233,4 +242,3 @@ TEST(FilterUndistort, BilinearTiersAgreeBitForBit) {
 }
 
 }  // namespace
-
