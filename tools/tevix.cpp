@@ -10,6 +10,7 @@
 #include "cmd_camera.h"
 #include "cmd_demo.h"
 #include "cmd_export.h"
+#include "cmd_frames.h"
 #ifdef TEVIX_TOOL_VIEW
 #include "view/cmd_view.h"
 #endif
@@ -103,6 +104,8 @@ int main(int argc, char **argv) {
     tool_add_demo(app, demo);
     export_cmd exp;
     tool_add_export(app, exp);
+    frames_cmd frames;
+    tool_add_frames(app, frames);
 #ifdef TEVIX_TOOL_VIEW
     view_cmd view;
     tool_add_view(app, view);
@@ -122,10 +125,11 @@ int main(int argc, char **argv) {
     if (version->parsed()) return _cmd_version();
     if (list->parsed()) return _cmd_list(verbosity);
     if (oni->parsed()) return tool_run_oni(oni, verbosity);
-    camera.verbosity = demo.verbosity = exp.verbosity = verbosity;
+    camera.verbosity = demo.verbosity = exp.verbosity = frames.verbosity = verbosity;
     if (int r = tool_run_camera(camera); r >= 0) return r;
     if (int r = tool_run_demo(demo); r >= 0) return r;
     if (int r = tool_run_export(exp); r >= 0) return r;
+    if (int r = tool_run_frames(frames); r >= 0) return r;
 #ifdef TEVIX_TOOL_VIEW
     if (int r = tool_run_view(view, verbosity); r >= 0) return r;
 #endif

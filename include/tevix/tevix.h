@@ -300,6 +300,54 @@ TEVIX_API int tevix_filter_enable(tevix_dev_t *dev, uint32_t filter_id,
 TEVIX_API int tevix_filter_disable(tevix_dev_t *dev, uint32_t filter_id) TEVIX_NOEXCEPT;
 
 /*
+ * Frame files: one text header line, then whole frames of little-endian samples, appended one
+ * after another. tevix_file_open takes the mode text of the C runtime's open-by-name ("wb",
+ * "rb", "ab", "r+b", ...) and returns a file descriptor or -1; tevix_file_close closes it.
+ *
+ * Saves write the header only when the descriptor stands at offset 0, so repeated saves through
+ * one descriptor give one header and many frames; they return 1, or 0 with the reason logged.
+ *   raw:      `raw` holds raw_len 16-bit samples, a whole number of width x height x subframes
+ *             frames; format TEVIX_FILE_U32 widens each to 32 bits, TEVIX_FILE_U16 keeps them.
+ *             The tag is one word of at most 32 printable characters ("-" when empty; spaces
+ *             and commas become '_').
+ *   distance: `dist` holds metres; only whole frames of dist_len are written. F32 keeps the
+ *             metres, U32 and U16 store millimetres rounded to the nearest, U16 within 0..65535.
+ *   gray:     `gray` holds grey values (as tevix_frame_get_gray_f32 gives them); U16 stores them
+ *             rounded within 0..65535, TEVIX_FILE_GRAY_U8 stores grey / TEVIX_GRAY_U8_SCALE
+ *             rounded within 0..255 (12-bit amplitudes to 8 bits).
+ *
+ * Loads read the header when the descriptor stands at offset 0, then one frame a call, into dst
+ * (dst_len values at least a frame); width, height and subframes (each may be NULL) receive the
+ * geometry. They return the values written, or 0 at the end of the file, for a header of another
+ * kind, a damaged header, a zero geometry, a short frame or too small a dst (reason logged).
+ * Raw samples come back as 16 bits; distances in metres (millimetres / 1000); grey values
+ * (U8 x TEVIX_GRAY_U8_SCALE). The loaders keep one header record per kind for the whole process:
+ * read a file from its start, and not two files of one kind in alternation.
+ */
+enum {
+    TEVIX_FILE_F32 = 0,     /* distance */
+    TEVIX_FILE_U32 = 1,     /* raw, distance */
+    TEVIX_FILE_U16 = 2,     /* raw, distance, gray */
+    TEVIX_FILE_GRAY_U8 = 1, /* gray */
+};
+#define TEVIX_GRAY_U8_SCALE 16
+
+TEVIX_API int tevix_file_open(const char *path, const char *mode) TEVIX_NOEXCEPT;
+TEVIX_API int tevix_file_close(int fd) TEVIX_NOEXCEPT;
+TEVIX_API int tevix_frame_save_raw(int fd, int format, const uint16_t *raw, int raw_len, int width,
+                                   int height, int subframes, const char *tag) TEVIX_NOEXCEPT;
+TEVIX_API int tevix_frame_save_distance(int fd, int format, const float *dist, int dist_len,
+                                        int width, int height) TEVIX_NOEXCEPT;
+TEVIX_API int tevix_frame_save_gray(int fd, int format, const float *gray, int gray_len, int width,
+                                    int height) TEVIX_NOEXCEPT;
+TEVIX_API int tevix_frame_load_raw(int fd, uint16_t *dst, uint32_t dst_len, uint32_t *width,
+                                   uint32_t *height, uint32_t *subframes) TEVIX_NOEXCEPT;
+TEVIX_API int tevix_frame_load_distance(int fd, float *dst, uint32_t dst_len, uint32_t *width,
+                                        uint32_t *height) TEVIX_NOEXCEPT;
+TEVIX_API int tevix_frame_load_gray(int fd, float *dst, uint32_t dst_len, uint32_t *width,
+                                    uint32_t *height) TEVIX_NOEXCEPT;
+
+/*
  * Extensions beyond the camera interface proper.
  */
 

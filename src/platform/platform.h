@@ -2,6 +2,7 @@
 // library; a Windows port replaces platform_posix.cpp only.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace tevix::plat {
@@ -33,6 +34,16 @@ int make_dir(const char *path);       // a single directory level
 int64_t file_size(const char *path);  // -1 when it cannot be read
 int rename_file(const char *from, const char *to);
 int remove_file(const char *path);
+
+// File descriptors. fd_open takes the mode text of the C runtime's open-by-name ("rb", "wb",
+// "ab", "r+b", "w+b", "a+b"; 'b' is accepted and ignored, 'x' adds exclusive creation) and
+// returns -1 for a mode it does not know or a file it cannot open. Reads and writes move as much
+// as they can (retrying after signals) and return the bytes moved, -1 on an error.
+int fd_open(const char *path, const char *mode);
+int fd_close(int fd);
+int64_t fd_read(int fd, void *buf, size_t len);
+int64_t fd_write(int fd, const void *buf, size_t len);
+int64_t fd_seek(int fd, int64_t offset, int whence);  // whence 0 set, 1 current, 2 end
 
 // Whether standard output is a terminal (coloured console logs).
 bool stdout_is_terminal();

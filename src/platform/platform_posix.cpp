@@ -1,5 +1,6 @@
 #include "platform/platform.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -89,6 +90,69 @@ int remove_file(const char *path) {
         return -1;
     }
     return std::remove(path) == 0 ? 0 : -1;
+}
+
+int fd_open(const char *path, const char *mode) {
+    if (!path || !mode) return -1;
+    int flags = 0;
+    switch (mode[0]) {
+        case 'r':
+            flags = O_RDONLY;
+            break;
+        case 'w':
+            flags = O_WRONLY | O_CREAT | O_TRUNC;
+            break;
+        case 'a':
+            flags = O_WRONLY | O_CREAT | O_APPEND;
+            break;
+        default:
+            return -1;
+    }
+    for (const char *m = mode + 1; *m; ++m) {
+        if (*m == '+')
+            flags = (flags & ~(O_RDONLY | O_WRONLY)) | O_RDWR;
+        else if (*m == 'x')
+            flags |= O_EXCL;
+        else if (*m != 'b' && *m != 't')
+            return -1;
+    }
+    int fd;
+    do {
+        fd = ::open(path, flags | O_CLOEXEC, 0644);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+int fd_close(int fd) {
+    return ::close(fd);
+}
+
+int64_t fd_read(int fd, void *buf, size_t len) {
+    size_t done = 0;
+    while (done < len) {
+        const ssize_t n = ::read(fd, static_cast<char *>(buf) + done, len - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return done ? int64_t(done) : -1;
+        if (n == 0) break;
+        done += size_t(n);
+    }
+    return int64_t(done);
+}
+
+int64_t fd_write(int fd, const void *buf, size_t len) {
+    size_t done = 0;
+    while (done < len) {
+        const ssize_t n = ::write(fd, static_cast<const char *>(buf) + done, len - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return done ? int64_t(done) : -1;
+        done += size_t(n);
+    }
+    return int64_t(done);
+}
+
+int64_t fd_seek(int fd, int64_t offset, int whence) {
+    const int w = whence == 0 ? SEEK_SET : whence == 1 ? SEEK_CUR : SEEK_END;
+    return int64_t(::lseek(fd, off_t(offset), w));
 }
 
 bool stdout_is_terminal() {

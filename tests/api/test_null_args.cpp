@@ -292,6 +292,26 @@ TEST_F(null_args, session_calls) {
         {"hot-plug without a callback", [&] { return tevix_hotplug_register(nullptr, nullptr, 1); },
          0, "[tevix_hotplug_register]Wrong params\n"},
         {"hot-plug handle never given", [&] { return tevix_hotplug_deregister(12345); }, 0},
+        {"frame file of no name", [&] { return tevix_file_open(nullptr, "rb"); }, -1},
+        {"frame file of no mode", [&] { return tevix_file_open("x", nullptr); }, -1},
+        {"save raw without samples",
+         [&] { return tevix_frame_save_raw(1, 2, nullptr, 4, 2, 2, 1, nullptr); }, 0,
+         "[tevix_frame_save_raw]wrong param: raw_len=4, w=2, h=2\n"},
+        {"save distance to no file",
+         [&] {
+             const float d[4] = {};
+             return tevix_frame_save_distance(-1, 0, d, 4, 2, 2);
+         },
+         0, "[tevix_frame_save_distance]wrong param: dist_len=4, w=2, h=2\n"},
+        {"save grey of no size",
+         [&] {
+             const float g[4] = {};
+             return tevix_frame_save_gray(1, 2, g, 4, 0, 2);
+         },
+         0, "[tevix_frame_save_gray]wrong param"},
+        {"load into nothing",
+         [&] { return tevix_frame_load_distance(0, nullptr, 4, nullptr, nullptr); }, 0,
+         "[tevix_frame_load_distance]Wrong params\n"},
         {"open no recording", [&] { return _is_set(tevix_oni_open(nullptr)); }, 0,
          "[tevix_oni_open]Wrong params\n"},
         {"nodes of no recording", [&] { return tevix_oni_node_count(nullptr); }, -1},

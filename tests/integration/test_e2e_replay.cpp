@@ -1,7 +1,11 @@
 // Record and replay end to end: a capture from the virtual camera over the real libusb is
 // recorded, and the recording, opened as a "file://" device, gives back the same raw frames,
 // frame information and distance images, ends once, loops and seeks through the public calls.
+#include <sys/wait.h>
+
 #include <atomic>
+#include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -259,3 +263,50 @@ TEST_F(e2e_replay, seek_delivers_that_frame_next) {
     tevix_cap_stop(dev);
     tevix_dev_close(dev);
 }
+
+#ifdef TEVIX_TOOL_PATH
+// The tool's frame files: "save" of the recording keeps its raw frames byte for byte and its
+// distances to the millimetre, "load" pictures a saved frame, a damaged file fails cleanly.
+TEST_F(e2e_replay, tool_saves_recorded_frames_into_frame_files) {
+    auto tool = [](const std::string &args) {
+        const std::string cmd = std::string(TEVIX_TOOL_PATH) + " " + args + " >/dev/null 2>&1";
+        const int st = std::system(cmd.c_str());
+        return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    };
+    const std::string raw = dir_->file("raw.bin"), mm = dir_->file("mm.bin");
+    const std::string rec = "file://" + path_;
+    ASSERT_EQ(tool("save " + rec + " " + raw + " --kind raw -n 5"), 0);
+    ASSERT_EQ(tool("save " + rec + " " + mm + " --kind dist --format 2 -n 5"), 0);
+
+    const std::string file = tevix::test::read_file(raw);
+    const std::string header =
+        "VX_RAW,U16,320,240,4,format" + std::to_string((*live_)[0].info.format) + "\n";
+    ASSERT_EQ(file.substr(0, header.size()), header);
+    ASSERT_EQ(file.size(), header.size() + 5 * size_t{(*live_)[0].info.size});
+    for (size_t k = 0; k < 5; ++k) {
+        const std::vector<uint8_t> &want = (*live_)[k].raw;
+        EXPECT_EQ(
+            std::memcmp(file.data() + header.size() + k * want.size(), want.data(), want.size()), 0)
+            << "raw frame " << k;
+    }
+    const int fd = tevix_file_open(mm.c_str(), "rb");
+    std::vector<float> metres(k_n);
+    for (size_t k = 0; k < 5; ++k) {
+        ASSERT_EQ(tevix_frame_load_distance(fd, metres.data(), k_n, nullptr, nullptr), int(k_n));
+        size_t differ = 0;
+        for (uint32_t i = 0; i < k_n; ++i) {
+            const uint16_t live = (*live_)[k].dist[i];
+            if (live != 0 && live < 65500 && std::lround(metres[i] * 1000.0f) != live) ++differ;
+        }
+        EXPECT_EQ(differ, 0u) << "distance frame " << k;
+    }
+    tevix_file_close(fd);
+
+    EXPECT_EQ(tool("load " + mm + " --frame 4 --out " + dir_->file("d.png")), 0);
+    EXPECT_GT(tevix::test::read_file(dir_->file("d.png")).size(), 1000u);
+    EXPECT_EQ(tool("load " + raw + " --out " + dir_->file("r.png")), 0);
+    EXPECT_EQ(tool("load " + mm + " --frame 5 --out " + dir_->file("x.png")), 1);
+    EXPECT_EQ(tool("load " + path_ + " --out " + dir_->file("x.png")), 1);
+    EXPECT_EQ(tool("save " + rec + " " + dir_->file("x.bin") + " --kind gray --format 0"), 2);
+}
+#endif
