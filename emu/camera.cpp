@@ -616,6 +616,7 @@ int camera::_ioctl(void *c) {
         return reply(0, 0);
     }
     st_.bulk_out += static_cast<uint64_t>(r->buffer_length);
+    if (bd) fw_.bulk_out(std::span<const uint8_t>(bd->data, bd->data_len));
     _finish(u, 0, r->buffer_length);
     return reply(0, 0);
 }

@@ -1,9 +1,11 @@
 // Firmware model of the virtual camera: parameters, registers, the status record, capture and
 // reset commands.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "ll/usb/usb_proto.h"
+#include "ll/usb/xfer_proto.h"
 #include "vcam.h"
 
 namespace tevix::emu {
@@ -63,6 +65,8 @@ firmware::firmware(const camera_config &cfg) {
     v.clear();
     _put32(v, cfg.mod_freq);
     params_[k_par_mod_freq] = v;
+    // The running firmware image (type 0) is version 1.81, as the version parameter says.
+    stores_[0].version = 181;
 }
 
 uint32_t firmware::fps() const {
@@ -213,6 +217,141 @@ int firmware::_reg(bool in, uint16_t value, std::span<uint8_t> data) {
     return static_cast<int>(data.size());
 }
 
+const firmware::store *firmware::find_store(uint8_t type) const {
+    auto it = stores_.find(type);
+    return it == stores_.end() ? nullptr : &it->second;
+}
+
+// The packet size the camera takes: 4 KiB of data, as its flash pages.
+constexpr uint16_t k_packet_size = 4096;
+// Flash of the virtual camera, per data type.
+constexpr uint32_t k_flash_size = 104857600;
+
+int firmware::_xfer(bool in, uint16_t value, std::span<uint8_t> data) {
+    namespace x = tevix::xfer;
+    uint8_t *d = data.data();
+    const size_t n = data.size();
+    switch (value) {
+        case x::k_sub_info:
+            if (n < x::k_info_len) return _done(x::k_cmd, value, "short data info"), 0;
+            if (!in) {
+                x_sel_type_ = d[0];
+            } else {
+                std::memset(d, 0, n);
+                const store *s = find_store(x_sel_type_);
+                x::put16(d, s ? s->version : 0);
+                x::put16(d + 2, x_sel_type_);
+                x::put32(d + 4, s ? s->addr : 0);
+                x::put32(d + 8, s ? static_cast<uint32_t>(s->data.size()) : 0);
+                x::put16(d + 12, s ? x::crc16(s->data.data(), s->data.size()) : 0);
+            }
+            break;
+        case x::k_sub_action:
+            if (in || n != x::k_action_len) return _done(x::k_cmd, value, "bad action info"), 0;
+            x_type_ = d[0];
+            x_version_ = x::get16(d + 2);
+            x_size_ = x::get32(d + 4);
+            x_addr_ = x::get32(d + 8);
+            if (x_size_ > k_flash_size) return _done(x::k_cmd, value, "data larger than flash"), 0;
+            x_data_.clear();
+            x_taken_ = 0;
+            x_packets_before_ = packets_seen_;
+            x_status_ = x::k_st_info_ok;
+            x_active_ = true;
+            break;
+        case x::k_sub_erase:
+            if (in || n != x::k_erase_len || !x_active_)
+                return _done(x::k_cmd, value, "erase without action info"), 0;
+            stores_.erase(x_type_);
+            ++erases_;
+            erase_left_ = erase_polls_;
+            erase_polls_ = 0;
+            x_status_ = erase_left_ ? x::k_st_erasing : x::k_st_ready;
+            break;
+        case x::k_sub_ack:
+        case x::k_sub_short_ack: {
+            const size_t len = value == x::k_sub_ack ? x::k_ack_len : x::k_short_ack_len;
+            if (n < len) return _done(x::k_cmd, value, "short acknowledgement"), 0;
+            if (!in) break;  // the host's record selects nothing
+            std::memset(d, 0, n);
+            uint8_t status = x_status_;
+            if (status == x::k_st_erasing && erase_left_ && --erase_left_ == 0)
+                x_status_ = x::k_st_ready;
+            uint16_t num = static_cast<uint16_t>(x_taken_);
+            // Faults of the data phase: acknowledgements of packets only.
+            const bool data_phase = packets_seen_ > x_packets_before_;
+            if (stale_acks_ && x_taken_ > 0) {
+                --stale_acks_;
+                num = static_cast<uint16_t>(x_taken_ - 1);
+            } else if (wrong_acks_ && data_phase) {
+                --wrong_acks_;
+                num = static_cast<uint16_t>(x_taken_ + 7);
+            }
+            x::put16(d, num);
+            d[2] = status;
+            if (value == x::k_sub_ack) {
+                x::put16(d + 3, k_packet_size);
+                x::put32(d + 5, static_cast<uint32_t>(x_data_.size()));
+                x::put16(d + 9, x::crc16(x_data_.data(), x_data_.size()));
+            }
+            break;
+        }
+        case x::k_sub_piece: {
+            if (n < x::k_piece_req_len) return _done(x::k_cmd, value, "short piece request"), 0;
+            if (!in) {
+                x_sel_type_ = d[0];
+                x_piece_ = x::get16(d + 4);
+                break;
+            }
+            std::memset(d, 0, n);
+            const store *s = find_store(x_sel_type_);
+            x::put16(d, x_piece_);
+            const size_t at = size_t{x_piece_} * x::k_piece_size;
+            if (!s) {
+                d[6] = 1;
+            } else if (at >= s->data.size() && !(at == 0 && s->data.empty())) {
+                d[6] = 2;
+            } else {
+                const size_t len =
+                    std::min<size_t>({x::k_piece_size, s->data.size() - at, n - x::k_piece_hdr});
+                std::memcpy(d + x::k_piece_hdr, s->data.data() + at, len);
+                x::put16(d + 2, static_cast<uint16_t>(len));
+                uint16_t crc = x::crc16(s->data.data() + at, len);
+                if (corrupt_pieces_) --corrupt_pieces_, crc ^= 0x5A5A;
+                x::put16(d + 4, crc);
+            }
+            break;
+        }
+        default:
+            return _done(x::k_cmd, value, "unsupported transfer command"), static_cast<int>(n);
+    }
+    _done(x::k_cmd, value, nullptr);
+    return static_cast<int>(n);
+}
+
+void firmware::bulk_out(std::span<const uint8_t> packet) {
+    namespace x = tevix::xfer;
+    ++packets_seen_;
+    if (!x_active_ || x_status_ != x::k_st_ready || packet.size() < x::k_packet_hdr) return;
+    if (lose_packets_) {
+        --lose_packets_;
+        return;
+    }
+    const uint16_t crc = x::get16(packet.data()), len = x::get16(packet.data() + 2);
+    const uint16_t num = x::get16(packet.data() + 4);
+    if (len != packet.size() - x::k_packet_hdr || len > k_packet_size) return;
+    if (x::crc16(packet.data() + x::k_packet_hdr, len) != crc) return;
+    // A packet taken before comes again when an acknowledgement went astray: not stored twice.
+    if (num != static_cast<uint16_t>(x_taken_)) return;
+    x_data_.insert(x_data_.end(), packet.begin() + x::k_packet_hdr, packet.end());
+    ++x_taken_;
+    if (x_data_.size() >= x_size_) {
+        stores_[x_type_] = store{x_version_, x_addr_, x_data_};
+        x_active_ = false;
+        x_status_ = x::k_st_ready;
+    }
+}
+
 int firmware::control(uint8_t type, uint8_t request, uint16_t value, std::span<uint8_t> data) {
     const bool in = type & 0x80;
     if (request == k_cmd_status && in) return _status(data);
@@ -222,6 +361,8 @@ int firmware::control(uint8_t type, uint8_t request, uint16_t value, std::span<u
         r = _sys(in, value, data);
     } else if (request == k_cmd_reg) {
         r = _reg(in, value, data);
+    } else if (request == tevix::xfer::k_cmd) {
+        r = _xfer(in, value, data);
     } else {
         _done(request, value, "unsupported command");
         r = static_cast<int>(data.size());

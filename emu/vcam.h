@@ -99,6 +99,28 @@ class firmware {
     void fail_next(std::string text) { fail_text_ = std::move(text); }
     void wrong_status_next() { wrong_status_ = true; }
 
+    // Data transfer (command 0xCC): the flash store of each data type, and faults for the next n
+    // occurrences: acknowledgements that still report the previous packet ("not taken yet"),
+    // data packets lost on the way, acknowledgements with a wrong packet number, an erase that
+    // stays in progress for k acknowledgement reads, upload pieces with a wrong CRC.
+    struct store {
+        uint16_t version = 0;
+        uint32_t addr = 0;
+        std::vector<uint8_t> data;
+    };
+    void set_store(uint8_t type, store s) { stores_[type] = std::move(s); }
+    const store *find_store(uint8_t type) const;
+    void stale_acks(uint32_t n) { stale_acks_ = n; }
+    void lose_packets(uint32_t n) { lose_packets_ = n; }
+    void wrong_acks(uint32_t n) { wrong_acks_ = n; }
+    void erase_polls(uint32_t k) { erase_polls_ = k; }
+    void corrupt_pieces(uint32_t n) { corrupt_pieces_ = n; }
+    // Packets that reached the bulk-out endpoint (repeats and losses included); erases done.
+    uint32_t packets_seen() const { return packets_seen_; }
+    uint32_t erases() const { return erases_; }
+    // Bytes of a data packet on the bulk-out endpoint.
+    void bulk_out(std::span<const uint8_t> packet);
+
     uint32_t fps() const;
     uint32_t reg(uint8_t target, uint32_t addr) const;
     void set_param(uint8_t id, std::span<const uint8_t> value);
@@ -112,6 +134,7 @@ class firmware {
     int _status(std::span<uint8_t> data);
     int _sys(bool in, uint16_t value, std::span<uint8_t> data);
     int _reg(bool in, uint16_t value, std::span<uint8_t> data);
+    int _xfer(bool in, uint16_t value, std::span<uint8_t> data);
     void _done(uint8_t request, uint16_t value, const char *error);
 
     std::map<uint8_t, std::vector<uint8_t>> params_;
@@ -128,6 +151,18 @@ class firmware {
     uint32_t mode_ = 0;
     uint32_t status_reads_ = 0;
     std::vector<cmd_record> log_;
+
+    // The transfer in progress: its type, version, size and address, the packets taken.
+    std::map<uint8_t, store> stores_;
+    uint8_t x_type_ = 0, x_sel_type_ = 0;
+    uint16_t x_version_ = 0, x_piece_ = 0;
+    uint32_t x_size_ = 0, x_addr_ = 0, x_taken_ = 0;
+    uint8_t x_status_ = 0;
+    std::vector<uint8_t> x_data_;
+    bool x_active_ = false;
+    uint32_t stale_acks_ = 0, lose_packets_ = 0, wrong_acks_ = 0, erase_polls_ = 0;
+    uint32_t corrupt_pieces_ = 0, erase_left_ = 0, packets_seen_ = 0, erases_ = 0;
+    uint32_t x_packets_before_ = 0;  // packets seen when the transfer began
 };
 
 class testbed;

@@ -11,6 +11,7 @@
 #include "cmd_demo.h"
 #include "cmd_export.h"
 #include "cmd_frames.h"
+#include "cmd_xfer.h"
 #ifdef TEVIX_TOOL_VIEW
 #include "view/cmd_view.h"
 #endif
@@ -106,6 +107,8 @@ int main(int argc, char **argv) {
     tool_add_export(app, exp);
     frames_cmd frames;
     tool_add_frames(app, frames);
+    xfer_cmd xfer;
+    tool_add_xfer(app, xfer);
 #ifdef TEVIX_TOOL_VIEW
     view_cmd view;
     tool_add_view(app, view);
@@ -125,11 +128,12 @@ int main(int argc, char **argv) {
     if (version->parsed()) return _cmd_version();
     if (list->parsed()) return _cmd_list(verbosity);
     if (oni->parsed()) return tool_run_oni(oni, verbosity);
-    camera.verbosity = demo.verbosity = exp.verbosity = frames.verbosity = verbosity;
+    camera.verbosity = demo.verbosity = exp.verbosity = frames.verbosity = xfer.verbosity = verbosity;
     if (int r = tool_run_camera(camera); r >= 0) return r;
     if (int r = tool_run_demo(demo); r >= 0) return r;
     if (int r = tool_run_export(exp); r >= 0) return r;
     if (int r = tool_run_frames(frames); r >= 0) return r;
+    if (int r = tool_run_xfer(xfer); r >= 0) return r;
 #ifdef TEVIX_TOOL_VIEW
     if (int r = tool_run_view(view, verbosity); r >= 0) return r;
 #endif

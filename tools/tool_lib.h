@@ -8,9 +8,11 @@
 
 // Library set-up for one command; the console shows library diagnostics only with -v (-vv: all).
 struct tool_library {
-    explicit tool_library(int verbosity) {
+    // errors: the library's error lines reach the console even without -v (the reason a command
+    // failed when the tool has no better words for it).
+    explicit tool_library(int verbosity, bool errors = false) {
         tevix_init("");
-        uint32_t level = verbosity >= 2 ? 0 : verbosity == 1 ? 4 : 7;
+        uint32_t level = verbosity >= 2 ? 0 : verbosity == 1 ? 4 : errors ? 6 : 7;
         tevix_log_cfg(level, 7, level);
     }
     ~tool_library() { tevix_uninit(); }

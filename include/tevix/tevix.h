@@ -300,6 +300,27 @@ TEVIX_API int tevix_filter_enable(tevix_dev_t *dev, uint32_t filter_id,
 TEVIX_API int tevix_filter_disable(tevix_dev_t *dev, uint32_t filter_id) TEVIX_NOEXCEPT;
 
 /*
+ * Data transfer: whole files between the host and the camera's flash. Downloads (and firmware
+ * upgrades, which are downloads to address 0) take files of 1..104857600 bytes; a camera whose
+ * stored version of the type is at least the new one (and below 65000) refuses it, except for
+ * type 3 (data), which always goes; type 255 only erases (sent as type 3). Uploads read the
+ * camera's data of a type into path (written whole or not at all). All return 1 on success and a
+ * negative value on failure (the reason goes to the log); -1 for a missing or closed device.
+ */
+TEVIX_API int tevix_firmware_upgrade(tevix_dev_t *dev, uint16_t type, uint16_t version,
+                                     const char *path) TEVIX_NOEXCEPT;
+TEVIX_API int tevix_data_download(tevix_dev_t *dev, const char *path, uint16_t type,
+                                  uint16_t version, uint32_t addr) TEVIX_NOEXCEPT;
+TEVIX_API int tevix_data_upload(tevix_dev_t *dev, uint16_t type, const char *path) TEVIX_NOEXCEPT;
+/* Extension: the same with progress reports (bytes done of total) on the calling thread. */
+typedef void (*tevix_progress_cb)(uint64_t done, uint64_t total, void *user);
+TEVIX_API int tevix_data_download_ex(tevix_dev_t *dev, const char *path, uint16_t type,
+                                     uint16_t version, uint32_t addr, tevix_progress_cb progress,
+                                     void *user) TEVIX_NOEXCEPT;
+TEVIX_API int tevix_data_upload_ex(tevix_dev_t *dev, uint16_t type, const char *path,
+                                   tevix_progress_cb progress, void *user) TEVIX_NOEXCEPT;
+
+/*
  * Frame files: one text header line, then whole frames of little-endian samples, appended one
  * after another. tevix_file_open takes the mode text of the C runtime's open-by-name ("wb",
  * "rb", "ab", "r+b", ...) and returns a file descriptor or -1; tevix_file_close closes it.
