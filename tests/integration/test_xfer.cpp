@@ -52,6 +52,7 @@ class xfer : public ::testing::Test {
     void SetUp() override {
         xfer_env::cam()->reset();
         log_ = dir_.file("xfer.log");
+        vx_log_uninit(nullptr);  // the library's log, replaced by one the test reads
         ASSERT_NE(vx_log_init(nullptr, log_.c_str(), "VX"), nullptr);
         vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
         vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
@@ -61,7 +62,6 @@ class xfer : public ::testing::Test {
     void TearDown() override {
         if (dev_) tevix_dev_close(dev_);
         vx_log_uninit(nullptr);
-        tevix_log_cfg(7, 7, 7);
     }
     template <class F>
     auto fw(F &&f) {
