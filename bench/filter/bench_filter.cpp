@@ -5,6 +5,7 @@
 // run; the others name their scalar run.
 #include <benchmark/benchmark.h>
 
+#include <cmath>
 #include <cstring>
 #include <functional>
 #include <opencv2/calib3d.hpp>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "algo/simd.h"
+#include "algo/unwrap.h"
 #include "tevix/vx_filter.h"
 
 namespace {
@@ -178,6 +180,27 @@ void _register() {
             vx_calib_len_uninit_map(&m);
         }
     });
+
+    // Dual-frequency unwrapping of 100 and 80 MHz distances of a room up to 7 m.
+    auto unwrap = [](level l) {
+        return [l](benchmark::State &s) {
+            tevix::simd::scoped_limit cap(l);
+            static tevix::algo::dual_freq u;
+            tevix::algo::dual_freq_init(u, 100000000, 80000000);
+            std::vector<uint16_t> d0(W * H), d1(W * H), out(W * H);
+            for (size_t i = 0; i < d0.size(); ++i) {
+                const double mm = 500.0 + double(i % W) * 10.0;
+                d0[i] = uint16_t(std::fmod(mm, u.r0_mm));
+                d1[i] = uint16_t(std::fmod(mm, u.r1_mm));
+            }
+            for (auto _ : s) {
+                tevix::algo::dual_freq_unwrap(u, d0.data(), d1.data(), out.data(), out.size());
+                benchmark::DoNotOptimize(out.data());
+            }
+        };
+    };
+    _reg("filter/dual_freq_unwrap", "filter/dual_freq_unwrap_scalar", unwrap(level::avx2));
+    _reg("filter/dual_freq_unwrap_scalar", "", unwrap(level::scalar));
 }
 
 }  // namespace

@@ -7,4 +7,5 @@ target_sources(tevix_obj PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/fhole.cpp
   ${CMAKE_CURRENT_LIST_DIR}/gauss_iir.cpp
   ${CMAKE_CURRENT_LIST_DIR}/undistort.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/box.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/box.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/unwrap.cpp)

@@ -1,0 +1,144 @@
+// Dual-frequency unwrapping (the method is described in unwrap.h), eight pixels a step in float
+// with the same operations in the same order at every instruction-set level.
+#include "algo/unwrap.h"
+
+#include <cmath>
+#include <numeric>
+
+#include "algo/simd.h"
+#include "algo/vec.h"
+#include "tevix/vx_filter.h"
+
+namespace tevix::algo {
+
+namespace {
+
+constexpr double k_c_mm_per_s = 299792458.0e3;
+constexpr uint32_t k_max_wraps = 16;
+constexpr float k_invalid = 65500.0f;
+
+typedef int32_t i32x4 __attribute__((vector_size(16)));
+typedef int32_t i32x8 __attribute__((vector_size(32)));
+
+template <class V>
+struct ivec;
+template <>
+struct ivec<float> {
+    using type = int32_t;
+};
+template <>
+struct ivec<f32x4> {
+    using type = i32x4;
+};
+template <>
+struct ivec<f32x8> {
+    using type = i32x8;
+};
+
+template <class V>
+VX_INLINE V _trunc(const V &x) {
+    using I = typename ivec<V>::type;
+    if constexpr (sizeof(V) == sizeof(float))
+        return float(int32_t(x));
+    else
+        return __builtin_convertvector(__builtin_convertvector(x, I), V);
+}
+
+template <class V>
+VX_INLINE V _abs(const V &x) {
+    return x < splat<V>(0.0f) ? -x : x;
+}
+
+// One step of L pixels (L 1 for the scalar tail).
+template <class V>
+VX_INLINE V _pixels(const dual_freq &u, const V &d0, const V &d1) {
+    const V zero = splat<V>(0.0f), r0 = splat<V>(u.r0_mm), r1 = splat<V>(u.r1_mm);
+    const V inv_r1 = splat<V>(1.0f / u.r1_mm);
+    V best = splat<V>(INFINITY), best0 = zero, best1 = zero;
+    for (uint32_t k0 = 0; k0 < u.n0; ++k0) {
+        const V c0 = d0 + splat<V>(float(k0)) * r0;
+        // k1 = floor((c0 - d1) / R1 + 0.5), the argument being above -1.5.
+        const V k1 = _trunc(V((c0 - d1) * inv_r1 + splat<V>(1.5f))) - splat<V>(1.0f);
+        const V c1 = d1 + k1 * r1;
+        const V e = _abs(V(c0 - c1));
+        const auto better = e < best;
+        best = better ? e : best;
+        best0 = better ? c0 : best0;
+        best1 = better ? c1 : best1;
+    }
+    const V range = splat<V>(u.range_mm);
+    V d = splat<V>(u.w0) * best0 + splat<V>(u.w1) * best1;
+    d = d < zero ? d + range : d;
+    d = d >= range ? d - range : d;
+    const V rounded = vmin(_trunc(V(d + splat<V>(0.5f))), splat<V>(k_invalid - 1.0f));
+    const auto ok = (best <= splat<V>(u.max_residual_mm)) & (d0 < splat<V>(k_invalid)) &
+                    (d1 < splat<V>(k_invalid));
+    return ok ? rounded : splat<V>(k_invalid);
+}
+
+template <class V>
+VX_INLINE void _run(const dual_freq &u, const uint16_t *d0, const uint16_t *d1, uint16_t *out,
+                    size_t n) {
+    constexpr size_t L = sizeof(V) / sizeof(float);
+    size_t i = 0;
+    if constexpr (L > 1) {
+        for (; i + L <= n; i += L) {
+            V a, b;
+            for (size_t l = 0; l < L; ++l) a[l] = float(d0[i + l]), b[l] = float(d1[i + l]);
+            const V r = _pixels<V>(u, a, b);
+            for (size_t l = 0; l < L; ++l) out[i + l] = uint16_t(r[l]);
+        }
+    }
+    for (; i < n; ++i) out[i] = uint16_t(_pixels<float>(u, float(d0[i]), float(d1[i])));
+}
+
+void _run_scalar(const dual_freq &u, const uint16_t *d0, const uint16_t *d1, uint16_t *out,
+                 size_t n) {
+    _run<float>(u, d0, d1, out, n);
+}
+VX_TARGET_SSE41 void _run_sse41(const dual_freq &u, const uint16_t *d0, const uint16_t *d1,
+                                uint16_t *out, size_t n) {
+    _run<f32x4>(u, d0, d1, out, n);
+}
+VX_TARGET_AVX2 void _run_avx2(const dual_freq &u, const uint16_t *d0, const uint16_t *d1,
+                              uint16_t *out, size_t n) {
+    _run<f32x8>(u, d0, d1, out, n);
+}
+
+}  // namespace
+
+bool dual_freq_init(dual_freq &u, uint32_t f0, uint32_t f1, float max_residual_mm) {
+    u = dual_freq{};
+    if (f0 == 0 || f1 == 0 || f0 == f1 || !(max_residual_mm >= 0)) return false;
+    const uint32_t g = std::gcd(f0, f1);
+    const uint32_t n0 = f0 / g, n1 = f1 / g;
+    const double range = k_c_mm_per_s / (2.0 * g);
+    if (n0 > k_max_wraps || n1 > k_max_wraps || range >= k_invalid) return false;
+    u.f0 = f0, u.f1 = f1, u.n0 = n0, u.n1 = n1;
+    u.r0_mm = float(k_c_mm_per_s / (2.0 * f0));
+    u.r1_mm = float(k_c_mm_per_s / (2.0 * f1));
+    u.range_mm = float(range);
+    u.max_residual_mm = max_residual_mm > 0 ? max_residual_mm : float(range / (n0 * n1) / 4.0);
+    const double q0 = double(f0) * f0, q1 = double(f1) * f1;
+    u.w0 = float(q0 / (q0 + q1));
+    u.w1 = float(q1 / (q0 + q1));
+    return true;
+}
+
+void dual_freq_unwrap(const dual_freq &u, const uint16_t *d0, const uint16_t *d1, uint16_t *out,
+                      size_t n) noexcept {
+    if (!d0 || !d1 || !out || u.n0 == 0) return;
+    switch (tevix::simd::active()) {
+        case tevix::simd::level::avx2:
+            _run_avx2(u, d0, d1, out, n);
+            break;
+        case tevix::simd::level::sse41:
+            _run_sse41(u, d0, d1, out, n);
+            break;
+        default:
+            _run_scalar(u, d0, d1, out, n);
+            break;
+    }
+}
+
+}  // namespace tevix::algo
