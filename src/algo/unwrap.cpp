@@ -71,9 +71,13 @@ VX_INLINE V _pixels(const dual_freq &u, const V &d0, const V &d1) {
     d = d < zero ? d + range : d;
     d = d >= range ? d - range : d;
     const V rounded = vmin(_trunc(V(d + splat<V>(0.5f))), splat<V>(k_invalid - 1.0f));
-    const auto ok = (best <= splat<V>(u.max_residual_mm)) & (d0 < splat<V>(k_invalid)) &
-                    (d1 < splat<V>(k_invalid));
-    return ok ? rounded : splat<V>(k_invalid);
+    const auto consistent = best <= splat<V>(u.max_residual_mm);
+    const auto known = d0 < splat<V>(k_invalid);
+    const auto known1 = d1 < splat<V>(k_invalid);
+    if constexpr (sizeof(V) == sizeof(float))
+        return consistent && known && known1 ? rounded : k_invalid;
+    else
+        return (consistent & known & known1) ? rounded : splat<V>(k_invalid);
 }
 
 template <class V>

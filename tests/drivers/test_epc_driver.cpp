@@ -7,16 +7,21 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <tuple>
 #include <vector>
 
+#include "algo/simd.h"
+#include "calib/calib_writer.h"
 #include "drivers/drv.h"
+#include "drivers/epc/epc_calib.h"
 #include "drivers/epc/epc_kernels.h"
 #include "drivers/epc/epc_priv.h"
 #include "drivers/epc_test_backend.h"
 #include "platform/platform.h"
 #include "scene/scene.h"
+#include "test_util.h"
 #include "tevix/tevix.h"
 
 using tevix::test::fake_device;
@@ -517,11 +522,25 @@ TEST_F(epc_fixture, SmoothingAndFlyingPixelFiltersRunInTheChain) {
     EXPECT_EQ(got, want);
 }
 
-void _fake_calib(tevix::epc::epc_priv *, const uint16_t *, uint32_t w, uint32_t h, uint32_t layout,
-                 int32_t *dist, uint32_t *conf);
+// A mounted block for freq: the phase table adds lut_mm everywhere, the per-pixel table (w x h)
+// pix_mm; the calibration temperatures are the driver's current ones (no drift).
+void _mount(tevix::epc::epc_priv *p, uint32_t freq, int16_t lut_mm, uint32_t w = 0, uint32_t h = 0,
+            int16_t pix_mm = 0) {
+    auto b = std::make_unique<tevix::epc::calib_block>();
+    b->freq = freq;
+    b->noneed_calc_coeff = 1;
+    b->t_cb = p->tcb;
+    b->t_ib = p->tib;
+    b->lut.assign(tevix::epc::k_phase_lut, lut_mm);
+    b->width = uint16_t(w);
+    b->height = uint16_t(h);
+    b->pixels.assign(size_t{w} * h, pix_mm);
+    p->block = std::move(b);
+    p->calib_mounted = 1;
+}
 
-// The 160x60 sensor is read out in image order: nothing is reordered, and the calibrated decodes
-// get the layout words 516 (4 planes), 770 (2 planes) and 769 (1 plane).
+// The 160x60 sensor is read out in image order: nothing is reordered, and the calibrated decode
+// handles the 4-plane, 2-plane and 1-plane layouts (words 516, 770, 769) alike.
 TEST_F(epc_fixture, SensorModeFourKeepsRowOrderAndItsLayoutWords) {
     dev_ = std::make_unique<fake_device>("CAM-E5-R2");
     drv_ = &tevix_drv_table()[8];
@@ -543,15 +562,21 @@ TEST_F(epc_fixture, SensorModeFourKeepsRowOrderAndItsLayoutWords) {
     EXPECT_EQ(out[7 * w + 40], out[7 * w + 41]);
     EXPECT_NE(out[7 * w + 40], 3747);  // sensor row 7 is image row 7
     EXPECT_EQ(out[8 * w + 40], 3747);
-    p()->calib_mounted = 1;
-    p()->calib_decode = _fake_calib;
+    const uint16_t lit[4] = {1948, 1948, 2148, 2148};  // every plane pair sees the light
     for (auto [format, planes, word] : {std::tuple{2, 4u, 516}, {1, 2u, 770}, {4, 1u, 769}}) {
-        auto f = _frame(static_cast<uint16_t>(format), planes, base, 300, 350, 1, w, h);
+        auto f = _frame(static_cast<uint16_t>(format), planes, lit, 300, 350, 1, w, h);
         info = info_of(f);
+        p()->calib_mounted = 0;
         ASSERT_GT(ops()->frame_decode(drv_, reinterpret_cast<uint8_t *>(out.data()), n * 2, 1,
                                       f.data(), static_cast<uint32_t>(f.size()), &info),
                   0);
-        EXPECT_EQ(out[30 * w + 80], word + 1000) << format;
+        const int plain = out[30 * w + 80];
+        ASSERT_TRUE(plain > 0 && plain < 65500) << "layout " << word;
+        _mount(p(), 20000000, 100);
+        ASSERT_GT(ops()->frame_decode(drv_, reinterpret_cast<uint8_t *>(out.data()), n * 2, 1,
+                                      f.data(), static_cast<uint32_t>(f.size()), &info),
+                  0);
+        EXPECT_NEAR(out[30 * w + 80], plain + 100, 1) << "layout " << word;
     }
 }
 
@@ -673,22 +698,8 @@ TEST_F(epc_fixture, PostProcessingOrderAndPingPong) {
     EXPECT_EQ(std::count(k1.begin(), k1.end(), 0xEEEE), 0);
 }
 
-// Calibrated decodes plug in through the private record; kind 0 never uses them.
-void _fake_calib(tevix::epc::epc_priv *, const uint16_t *, uint32_t w, uint32_t h, uint32_t layout,
-                 int32_t *dist, uint32_t *conf) {
-    for (uint32_t i = 0; i < w * h; ++i) {
-        dist[i] = static_cast<int32_t>(layout) + 1000;
-        conf[i] = 100000;
-    }
-}
-
-void _fake_drnu(tevix::epc::epc_priv *, const uint16_t *, uint32_t w, uint32_t h, uint32_t,
-                int32_t *dist, uint32_t *conf) {
-    for (uint32_t i = 0; i < w * h; ++i) {
-        dist[i] = 2222;
-        conf[i] = 100000;
-    }
-}
+// A mounted block calibrates kind-1 distances (the phase table; with filter 1 the per-pixel
+// table too); kind 0 never uses it; a frequency without a block falls back to the defaults.
 
 TEST_F(epc_fixture, CalibratedDecodeChoice) {
     open();
@@ -697,20 +708,19 @@ TEST_F(epc_fixture, CalibratedDecodeChoice) {
     auto raw = _frame(2, 4, d);
     tevix_frame_info_t info = info_of(raw);
     std::vector<uint16_t> out;
-    p()->calib_mounted = 1;
-    p()->calib_decode = _fake_calib;
-    p()->drnu_decode = _fake_drnu;
+    tevix_filter_arg_t arg{};
+    _mount(p(), 20000000, 100, k_w, k_h, 1000);
     ASSERT_GT(decode(raw, 1, out, info), 0);
-    EXPECT_EQ(out[100 * k_w + 100], 1004);  // layout word 4
+    EXPECT_NEAR(out[100 * k_w + 100], 3847, 1);
     ASSERT_GT(decode(raw, 0, out, info), 0);
     EXPECT_EQ(out[100 * k_w + 100], 3747);
-    tevix_filter_arg_t arg{};
     ASSERT_TRUE(ops()->filter_enable(drv_, 1, &arg));
     ASSERT_GT(decode(raw, 1, out, info), 0);
-    EXPECT_EQ(out[100 * k_w + 100], 2222);
+    EXPECT_NEAR(out[100 * k_w + 100], 4847, 1);
     ops()->on_update_mod_freq(drv_, 30000000, 0);  // remount: nothing mounted any more
     ASSERT_GT(decode(raw, 1, out, info), 0);
     EXPECT_EQ(out[100 * k_w + 100], (16384u * tevix::epc::range_mm(30000000)) >> 15);
+    EXPECT_FALSE(ops()->filter_enable(drv_, 1, &arg));
 }
 
 TEST_F(epc_fixture, GreyFrameFromTheDevice) {
@@ -980,6 +990,229 @@ TEST_F(epc_fixture, SceneGreyMatchesAmplitude) {
     for (uint32_t i = 0; i < k_n; i += 131) {
         if (scene.under_header(i % k_w, i / k_w)) continue;
         ASSERT_NEAR(grey[i], scene.amplitude()[i] / 2, scene.amplitude()[i] * 0.04 + 2) << i;
+    }
+}
+
+// ---- Calibration files: blocks per frequency, the frequency decision at load, the composition.
+
+struct block_spec {
+    uint32_t freq;
+    int16_t lut_mm = 0;
+    int16_t pix_mm = 0;  // with a per-pixel table of k_w x k_h when non-zero
+    uint8_t noneed = 1;
+    int32_t scale_um = 1000, offset_mm = 0;
+};
+
+// A block payload in the camera maker's layout (epc_calib.h).
+std::vector<uint8_t> _block(const block_spec &b) {
+    std::vector<uint8_t> v(tevix::epc::k_drv_hdr);
+    auto put = [&](size_t at, const void *x, size_t n) { std::memcpy(v.data() + at, x, n); };
+    const uint16_t box = 1200, w = b.pix_mm ? k_w : 0, h = b.pix_mm ? k_h : 0;
+    const int16_t t_cb = 300, t_ib = 350;
+    const float c1 = 13.78f, c2 = 1.183f;
+    const uint32_t ts = 77;
+    put(0, &b.freq, 4);
+    v[4] = 1;
+    put(5, &ts, 4);
+    v[9] = b.noneed;
+    put(10, &box, 2);
+    put(12, &t_cb, 2);
+    put(14, &t_ib, 2);
+    put(16, &b.scale_um, 4);
+    put(20, &b.offset_mm, 4);
+    put(24, &c1, 4);
+    put(28, &c2, 4);
+    put(32, &w, 2);
+    put(34, &h, 2);
+    v[36] = uint8_t(1 | (b.pix_mm ? 2 : 0));
+    const std::vector<int16_t> lut(tevix::epc::k_phase_lut, b.lut_mm);
+    v.insert(v.end(), reinterpret_cast<const uint8_t *>(lut.data()),
+             reinterpret_cast<const uint8_t *>(lut.data() + lut.size()));
+    if (b.pix_mm) {
+        const std::vector<int16_t> pix(k_n, b.pix_mm);
+        v.insert(v.end(), reinterpret_cast<const uint8_t *>(pix.data()),
+                 reinterpret_cast<const uint8_t *>(pix.data() + pix.size()));
+    }
+    return v;
+}
+
+class epc_calib_file : public epc_fixture {
+  protected:
+    void SetUp() override {
+        prefix_ = dir_.path().string() + "/";
+        open();
+        dev_->dev()->path_prefix = prefix_.c_str();
+        char name[512];
+        path_ = tevix_get_param_absolute_name(dev_->dev(), name, sizeof name);
+        dev_->cam().set_u32(TEVIX_PARAM_MOD_FREQ, 20000000);
+        set_dev_info(1, 50);  // the device's copy is older than the local file's (ts 100)
+    }
+    void set_dev_info(uint32_t valid, uint32_t ts) {
+        std::array<uint8_t, 18> v{};
+        std::memcpy(v.data(), &valid, 4);
+        std::memcpy(v.data() + 4, &ts, 4);
+        dev_->cam().params[TEVIX_PARAM_CALIB_INFO] = v;
+    }
+    void write(const std::vector<tevix::calib::param_block> &blocks) {
+        tevix::calib::param_container c;
+        c.ts = 100;
+        c.blocks = blocks;
+        ASSERT_TRUE(tevix::calib::param_container_write(path_, c));
+    }
+    int centre(uint32_t kind = 1) {
+        const uint16_t d[4] = {1948, 2048, 2148, 2048};
+        auto raw = _frame(2, 4, d);
+        tevix_frame_info_t info = info_of(raw);
+        std::vector<uint16_t> out;
+        EXPECT_GT(decode(raw, kind, out, info), 0);
+        return out[100 * k_w + 100];
+    }
+    tevix::test::temp_dir dir_;
+    std::string prefix_, path_;
+};
+
+TEST_F(epc_calib_file, BlocksMountPerFrequency) {
+    write({{1, _block({20000000, 50, 7})}, {1, _block({30000000, -20})}});
+    log_capture log;
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    EXPECT_EQ(log.count("adapting to device MOD_FREQ : [20000000, 0] HZ"), 1);
+    EXPECT_EQ(log.count("Calib data loaded [freq=20.0, DRNU_LUT]: box_len: 120.0 cm, temp: cb=300, "
+                        "ib=350, scale_um/offset_mm = 1000/0"),
+              1);
+    uint32_t list[4], count = 0;
+    ops()->calib_freq_list_get(drv_, list, &count);
+    ASSERT_EQ(count, 2u);
+    EXPECT_EQ(list[1], 30000000u);
+    EXPECT_TRUE(tevix::epc::calib_valid(p()));
+    EXPECT_NEAR(centre(), 3747 + 50, 1);
+    EXPECT_EQ(centre(0), 3747);  // raw distances stay uncalibrated
+    tevix_filter_arg_t arg{};
+    ASSERT_TRUE(ops()->filter_enable(drv_, 1, &arg));
+    EXPECT_NEAR(centre(), 3747 + 57, 1);
+    ops()->on_update_mod_freq(drv_, 30000000, 0);
+    const int plain30 = int((16384u * tevix::epc::range_mm(30000000)) >> 15);
+    EXPECT_NEAR(centre(), plain30 - 20, 1);
+    // A frequency the file has no block for: the defaults, said so.
+    ops()->on_update_mod_freq(drv_, 12000000, 0);
+    EXPECT_EQ(log.count("No calib data : freq=12000000. Use default scale_um/offset_mm = 1000/0"),
+              1);
+    EXPECT_FALSE(tevix::epc::calib_valid(p()));
+    EXPECT_EQ(centre(), int((16384u * tevix::epc::range_mm(12000000)) >> 15));
+}
+
+TEST_F(epc_calib_file, LoadDecidesFileAndFrequency) {
+    write({{1, _block({20000000, 50})}});
+    {
+        // The device holds newer data: the local file is not trusted (and the device's copy
+        // cannot be fetched), so the device's frequency runs uncalibrated.
+        log_capture log;
+        set_dev_info(1, 200);
+        ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+        EXPECT_EQ(log.count("local param (ts=100) is not up-to-date (dev ts=200)"), 1);
+        EXPECT_EQ(log.count("---- Load calibration data from device failed"), 1);
+        EXPECT_EQ(log.count("calib not valid: set freq to 20000000"), 1);
+        EXPECT_FALSE(tevix::epc::calib_valid(p()));
+    }
+    {
+        // A device at a frequency the file lacks is set to the file's.
+        log_capture log;
+        set_dev_info(0, 0);
+        dev_->cam().set_u32(TEVIX_PARAM_MOD_FREQ, 15000000);
+        ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+        EXPECT_EQ(log.count("No valid calib data on dev, use local cache!"), 1);
+        EXPECT_EQ(log.count("set device freq to calibrated freq: [20000000, 0]"), 1);
+        ASSERT_FALSE(dev_->cam().writes_of(TEVIX_PARAM_MOD_FREQ).empty());
+        uint32_t written;
+        std::memcpy(&written, dev_->cam().writes_of(TEVIX_PARAM_MOD_FREQ).back().data(), 4);
+        EXPECT_EQ(written, 20000000u);
+        EXPECT_EQ(p()->freq, 20000000u);
+        EXPECT_TRUE(tevix::epc::calib_valid(p()));
+    }
+    {
+        // No file and an unreadable frequency: 12 MHz on the device, defaults.
+        log_capture log;
+        std::filesystem::remove(path_);
+        dev_->cam().fail_param_get = true;
+        ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+        dev_->cam().fail_param_get = false;
+        EXPECT_EQ(log.count("calib not valid: set freq to 12000000"), 1);
+        uint32_t written;
+        std::memcpy(&written, dev_->cam().writes_of(TEVIX_PARAM_MOD_FREQ).back().data(), 4);
+        EXPECT_EQ(written, 12000000u);
+        EXPECT_EQ(p()->range, tevix::epc::range_mm(12000000));
+        EXPECT_FALSE(tevix::epc::calib_valid(p()));
+    }
+}
+
+TEST_F(epc_calib_file, DamagedBlocksLeaveTheDefaults) {
+    auto cut = _block({20000000, 50});
+    cut.pop_back();
+    const struct {
+        std::vector<tevix::calib::param_block> blocks;
+        const char *line;
+    } cases[] = {
+        {{{1, cut}}, "parse calib file failed: payload size does not match its tables"},
+        {{{2, _block({20000000, 50})}}, "wrong blk param type: 2 for (ver"},
+        {{{1, {1, 2, 3}}}, "read par_drv_hdr failed"},
+        {{{1, _block({20000000, 50, 0, 0})}}, "needs its coefficients computed"},
+        {{{1, _block({20000000, 50, 0, 1, -5})}}, "parse calib file failed: scale out of range"},
+    };
+    for (const auto &c : cases) {
+        write(c.blocks);
+        log_capture log;
+        ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+        // Tried at the device's frequency, for whatever the file offers, at the device's again.
+        EXPECT_GE(log.count(c.line), 1) << c.line;
+        EXPECT_GE(log.count("No calib data : freq="), 1) << c.line;
+        EXPECT_FALSE(tevix::epc::calib_valid(p())) << c.line;
+        EXPECT_EQ(centre(), 3747) << c.line;
+    }
+}
+
+// Scale, the block's offset, the temperature drift since calibration, the system calibration and
+// the distance offset, composed as the camera maker specifies.
+TEST_F(epc_fixture, CalibrationComposition) {
+    open();
+    ops()->on_update_mod_freq(drv_, 20000000, 0);
+    _mount(p(), 20000000, 10);
+    p()->block->scale_um = 1010;
+    p()->block->offset_mm = -30;
+    p()->block->t_cb = 250;  // 5 C colder board than now
+    p()->block->t_ib = 300;  // 5 C colder sensor
+    p()->tcb = 300;
+    p()->tib = 350;
+    p()->sys_scale = 1.5f;
+    p()->sys_offset = 3.7f;
+    p()->offset_mm = 12;
+    std::vector<int32_t> phase = {8192, 0, 32767, int32_t(tevix::epc::k_dist_invalid)};
+    tevix::epc::apply_calibration(p(), phase.data(), 4, 1, false);
+    const double factor = 1.010 * p()->range / 32768.0;
+    const double drift = std::round(double(float(50 * p()->c1) / 10.0f) + 50 * p()->c2 / 10.0);
+    for (int i = 0; i < 3; ++i) {
+        const int ph = i == 0 ? 8192 : i == 1 ? 0 : 32767;
+        const double want = (ph * factor + 10) * 1.5 + 3 - 30 - drift + 12;
+        // Taken in float through a table of every phase: within a rounding step.
+        EXPECT_NEAR(phase[i], std::clamp(want, 0.0, 65499.0), 1.0) << i;
+    }
+    EXPECT_EQ(phase[3], int32_t(tevix::epc::k_dist_invalid));
+
+    // Every tier gives the scalar bits, with and without the per-pixel table.
+    p()->block->width = 37;
+    p()->block->height = 3;
+    p()->block->pixels.assign(37 * 3, 0);
+    for (size_t i = 0; i < p()->block->pixels.size(); ++i)
+        p()->block->pixels[i] = int16_t(int(i * 37 % 200) - 100);
+    std::vector<int32_t> phases(37 * 3);
+    for (size_t i = 0; i < phases.size(); ++i)
+        phases[i] = i % 11 == 0 ? int32_t(tevix::epc::k_dist_invalid) : int32_t(i * 2963 % 32768);
+    for (bool pixels : {false, true}) {
+        std::vector<int32_t> want = phases, got = phases;
+        {
+            tevix::simd::scoped_limit cap(tevix::simd::level::scalar);
+            tevix::epc::apply_calibration(p(), want.data(), 37, 3, pixels);
+        }
+        tevix::epc::apply_calibration(p(), got.data(), 37, 3, pixels);
+        EXPECT_EQ(got, want) << pixels;
     }
 }
 

@@ -11,6 +11,7 @@
 
 #include "calib/calib.h"
 #include "drivers/drv.h"
+#include "drivers/epc/epc_calib.h"
 #include "drivers/epc/epc_kernels.h"
 #include "drivers/epc/epc_priv.h"
 #include "log/log.h"
@@ -119,13 +120,11 @@ void _bpf_reload(epc_priv *p, bool force) {
         VX_LOG_AS(VX_LOG_ERR, "_filter_bpf_reload_parameter", "[%s]vx_bpf2d_iir_init failed\n");
 }
 
-// Calibration mount and unmount of the calibrated decodes; nothing is mounted until calibration
-// data support exists, so decoding stays uncalibrated.
 void _calib_unmount(epc_priv *p) {
-    p->calib_mounted = 0;
+    calib_unmount(p);
 }
 void _calib_mount(epc_priv *p) {
-    p->calib_mounted = 0;
+    calib_mount(p);
 }
 
 void _mod_freq_event(epc_priv *p, uint32_t f0, uint32_t f1, bool from_load) {
@@ -439,26 +438,26 @@ layout _layout_of(const epc_priv *p, uint16_t fmt) {
 }
 
 // Distance decode of the frame's planes into dist32 and conf_raw (sensor order).
+// With range k_phase_turn and offset 0 the "distances" are the phases themselves.
 void _decode_planes(epc_priv *p, const uint16_t *raw, uint32_t w, uint32_t h, uint32_t planes,
-                    uint32_t stored) {
+                    uint32_t stored, uint32_t range, int32_t off) {
     const uint32_t n = w * h;
-    const int32_t off = p->offset_en ? p->offset_mm : 0;
     if (planes == 4) {
-        decode_4dcs(raw, n, p->range, off, p->dist32, p->conf_raw);
+        decode_4dcs(raw, n, range, off, p->dist32, p->conf_raw);
         return;
     }
     const plane_pair pp = reduced_pair(p->freq);
     if (planes == 2) {
         const uint16_t *pa = stored >= 4 ? raw + pp.p0 * n : raw;
         const uint16_t *pb = stored >= 4 ? raw + pp.p1 * n : raw + n;
-        decode_pair(pa, pb, raw, raw + n, n, pp, p->range, off, p->dist32, p->conf_raw);
+        decode_pair(pa, pb, raw, raw + n, n, pp, range, off, p->dist32, p->conf_raw);
         return;
     }
     for (uint32_t r = 0; r < h; ++r) {
         uint32_t r0, r1;
         if (one_plane_rows(r, h, &r0, &r1)) {
             const uint16_t *a = raw + r0 * w, *b = raw + r1 * w;
-            decode_pair(a, b, a, b, w, pp, p->range, off, p->dist32 + r * w, p->conf_raw + r * w);
+            decode_pair(a, b, a, b, w, pp, range, off, p->dist32 + r * w, p->conf_raw + r * w);
         } else if (r >= 2) {
             std::memcpy(p->dist32 + r * w, p->dist32 + (r - 2) * w, w * 4);
             std::memcpy(p->conf_raw + r * w, p->conf_raw + (r - 2) * w, w * 4);
@@ -604,12 +603,17 @@ int32_t _epc_frame_decode(tevix_drv_t *drv, uint8_t *out_bytes, uint32_t out_cap
     }
     p->hash = 0xFFFFFFFFu;
     const bool sport1 = p->sport && p->sport_level == 1;
-    if (kind == TEVIX_DECODE_DIST && p->calib_mounted && p->pix_calib && !sport1 && p->drnu_decode)
-        p->drnu_decode(p, raw, w, h, lay.word, p->dist32, p->conf_raw);
-    else if (kind == TEVIX_DECODE_DIST && p->calib_mounted && p->calib_decode)
-        p->calib_decode(p, raw, w, h, lay.word, p->dist32, p->conf_raw);
-    else
-        _decode_planes(p, raw, w, h, lay.planes, stored);
+    bool calibrated = false;
+    if (kind == TEVIX_DECODE_DIST) {
+        std::lock_guard<std::mutex> lock(p->calib_mtx);
+        calibrated = calib_valid(p) && p->range;
+        if (calibrated) {
+            _decode_planes(p, raw, w, h, lay.planes, stored, k_phase_turn, 0);
+            apply_calibration(p, p->dist32, w, h, p->pix_calib && !sport1);
+        }
+    }
+    if (!calibrated)
+        _decode_planes(p, raw, w, h, lay.planes, stored, p->range, p->offset_en ? p->offset_mm : 0);
     if (kind == TEVIX_DECODE_DIST && p->hdr && p->hdr_setting != k_hdr_no_merge)
         hdr_merge(p->dist32, p->conf_raw, w, h);
     if (p->sensor_mode != 4) {
@@ -829,14 +833,100 @@ void _epc_on_update_roi(tevix_drv_t *drv, const tevix_roi_t *roi) {
     _calib_mount(p);
 }
 
-// Loads calibration for the device's current frequency. No calibration data is mounted yet, so
-// this only takes the device's frequency (range and coefficients) and reports success.
+// Whether the local calibration file opens as a valid container; its timestamp into *ts.
+bool _local_file_valid(const epc_priv *p, uint32_t *ts) {
+    tevix_param_handle_t h{};
+    if (!tevix_param_open_file(&h, p->param_path)) return false;
+    *ts = h.hdr.ts;
+    tevix_param_close(&h);
+    return true;
+}
+
+// Fetches the device's calibration data into the local file. The upload of calibration data
+// from the camera is not built yet: the local file is all there is.
+bool _fetch_from_device(epc_priv *) {
+    return false;
+}
+
+void _write_freq(tevix_dev_t *dev, uint32_t freq) {
+    tevix_param_item_t it = _item(TEVIX_PARAM_MOD_FREQ, 4);
+    it.value.u32[0] = freq;
+    tevix_param_batch_set(dev, &it, 1);
+}
+
+// Decides which calibration file to trust and the frequency to run at, and mounts.
 int32_t _epc_calib_load(tevix_drv_t *drv, uint32_t, uint32_t, uint32_t) {
+    constexpr const char *fn = "epc_calib_load";
     epc_priv *p = priv_of(drv);
     if (!p) return -1;
+    tevix_dev_t *dev = drv->dev;
+    if (!tevix_get_param_absolute_name(dev, p->param_path, sizeof p->param_path) ||
+        !p->param_path[0]) {
+        VX_LOG_AS(VX_LOG_ERR, fn, "[%s]cannot get param name!\n");
+        return -1;
+    }
+    VX_LOG_AS(VX_LOG_DBG, fn, "[%s]param_name:%s\n", p->param_path);
+    uint32_t local_ts = 0;
+    bool valid = _local_file_valid(p, &local_ts);
+    if (valid) {
+        tevix_param_item_t info = _item(TEVIX_PARAM_CALIB_INFO, 8);
+        if (!tevix_param_batch_get(dev, &info, 1)) {
+            VX_LOG_AS(VX_LOG_ERR, fn, "[%s] get PARAM_INFO_CALIB failed!\n");
+            valid = false;
+        } else if (!info.value.u32[0]) {
+            VX_LOG_AS(VX_LOG_INF, fn, "[%s] No valid calib data on dev, use local cache!\n");
+        } else if (info.value.u32[1] > local_ts) {
+            VX_LOG_AS(VX_LOG_INF, fn, "[%s]local param (ts=%u) is not up-to-date (dev ts=%u)\n",
+                      local_ts, info.value.u32[1]);
+            valid = false;
+        }
+    }
+    if (!valid) {
+        VX_LOG_AS(VX_LOG_INF, fn, "[%s]---- Try to load calib data from device ... \n");
+        if (_fetch_from_device(p)) {
+            VX_LOG_AS(VX_LOG_INF, fn, "[%s]---- Load calibration data from device OK\n");
+            valid = _local_file_valid(p, &local_ts);
+        } else {
+            VX_LOG_AS(VX_LOG_INF, fn, "[%s]---- Load calibration data from device failed\n");
+        }
+    }
+    {
+        std::lock_guard<std::mutex> lock(p->calib_mtx);
+        p->local_valid = valid ? 1 : 0;
+    }
+    VX_LOG_AS(VX_LOG_INF, fn, "[%s]---- Decide mod-freq begin... \n");
     tevix_param_item_t it = _item(TEVIX_PARAM_MOD_FREQ, 4);
-    if (tevix_param_batch_get(drv->dev, &it, 1) && it.value.u32[0])
-        _mod_freq_event(p, it.value.u32[0], 0, true);
+    const bool read = tevix_param_batch_get(dev, &it, 1) && it.value.u32[0];
+    if (!read) VX_LOG_AS(VX_LOG_ERR, fn, "[%s] get mod freq failed\n");
+    const uint32_t dev_freq = read ? it.value.u32[0] : 0;
+    if (valid) {
+        if (read) {
+            VX_LOG_AS(VX_LOG_INF, fn, "[%s] adapting to device MOD_FREQ : [%u, %u] HZ\n", dev_freq,
+                      0u);
+            _mod_freq_event(p, dev_freq, 0, true);
+        }
+        if (!read || !p->calib_mounted) {
+            // Whatever the file offers: its first block decides the frequency.
+            _mod_freq_event(p, 0, 0, true);
+            if (p->calib_mounted && p->freq) {
+                VX_LOG_AS(VX_LOG_INF, fn, "[%s]set device freq to calibrated freq: [%u, %u]\n",
+                          p->freq, 0u);
+                _write_freq(dev, p->freq);
+                _mod_freq_event(p, p->freq, 0, true);
+            } else {
+                // The file offers nothing usable: run at the device's frequency (or 12 MHz).
+                const uint32_t f = read ? dev_freq : 12000000u;
+                _mod_freq_event(p, f, 0, true);
+                if (!read) _write_freq(dev, f);
+            }
+        }
+    } else {
+        const uint32_t f = read ? dev_freq : 12000000u;
+        VX_LOG_AS(VX_LOG_INF, fn, "[%s]calib not valid: set freq to %u\n", f);
+        _mod_freq_event(p, f, 0, true);
+        if (!read) _write_freq(dev, f);
+    }
+    VX_LOG_AS(VX_LOG_INF, fn, "[%s]---- Decide mod-freq end... \n");
     return 0;
 }
 
@@ -862,7 +952,7 @@ bool _epc_filter_enable(tevix_drv_t *drv, uint32_t id, const tevix_filter_arg_t 
             return true;
         case 1:
             p->pix_calib = 1;
-            if (!p->calib_mounted || (p->sport && p->sport_level == 1)) return false;
+            if (!calib_valid(p) || (p->sport && p->sport_level == 1)) return false;
             VX_INF("[%s]pix calib enabled\n");
             return true;
         case 2:

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 
 #include "drivers/drv.h"
@@ -14,12 +15,7 @@ constexpr uint32_t k_grey_buf_small = 19200;  // 160 x 60 x 2
 constexpr uint32_t k_freq_list_max = 100;
 constexpr uint32_t k_temp_ring = 7;
 
-struct epc_priv;
-
-// A calibrated distance decode of mounted calibration data: the raw planes of a w x h frame with
-// its layout word into distance (mm, 65500 invalid) and confidence, both in sensor row order.
-using calib_decode_fn = void (*)(epc_priv *p, const uint16_t *raw, uint32_t w, uint32_t h,
-                                 uint32_t layout, int32_t *dist, uint32_t *conf);
+struct calib_block;
 
 struct epc_priv {
     void *lens_bin = nullptr;
@@ -73,9 +69,12 @@ struct epc_priv {
     uint32_t c3 = 295;
     float c1_ph = 0.0f, c2_ph = 0.0f;
     uint32_t c3_ph = 0;
-    // Set by the calibration mount together with calib_mounted; empty while nothing is mounted.
-    calib_decode_fn calib_decode = nullptr;
-    calib_decode_fn drnu_decode = nullptr;
+    // The calibration file of the device, whether it is to be trusted, and the block mounted for
+    // the current frequency (none while calib_mounted is 0).
+    char param_path[256] = {};
+    uint8_t local_valid = 0;
+    std::unique_ptr<calib_block> block;
+    uint8_t size_warned = 0;
     uint32_t freq_list[k_freq_list_max] = {};
     uint32_t freq_list_n = 0;
 
