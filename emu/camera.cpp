@@ -272,11 +272,19 @@ void camera::_stop() {
     cv_.notify_all();
 }
 
-void camera::_build_frame(uint32_t idx, std::vector<uint8_t> &out) {
+void camera::_build_frame(uint32_t idx, std::vector<uint8_t> &out, const upload_frame *up) {
     vx_frame_desc_t desc = src_->describe();
     desc.fridx = static_cast<uint16_t>(idx);
-    frame_.resize(desc.frlen);
-    src_->render(idx, frame_, desc);
+    if (up) {
+        // Upload mode: the stored calibration image instead of a picture.
+        desc.fridx = static_cast<uint16_t>(up->index);
+        desc.frfmt = 171;
+        desc.frlen = static_cast<uint32_t>(up->bytes.size());
+        frame_ = up->bytes;
+    } else {
+        frame_.resize(desc.frlen);
+        src_->render(idx, frame_, desc);
+    }
     const uint32_t p = cfg_.packet_payload;
     const uint32_t packets = (desc.frlen + p - 1) / p;
     out.resize(static_cast<size_t>(packets) * VX_STREAM_HDR_SIZE + desc.frlen);
@@ -341,8 +349,10 @@ void camera::_producer() {
             if (next < clock::now() - std::chrono::seconds(1)) next = clock::now();
         }
         const uint32_t corrupt = corrupt_n_;
+        upload_frame up;
+        const bool upload = fw_.dev_mode() == 9 && fw_.next_upload_frame(up.index, up.bytes);
         lk.unlock();
-        _build_frame(idx, pkt);
+        _build_frame(idx, pkt, upload ? &up : nullptr);
         if (corrupt) {
             // A wrong data checksum in the first packet; the header itself stays valid.
             pkt[28] ^= 0x5A;

@@ -154,6 +154,12 @@ int firmware::_sys(bool in, uint16_t value, std::span<uint8_t> data) {
             for (size_t i = 0; i < n && i < get_ids_.size(); ++i) {
                 uint8_t *it = data.data() + i * k_param_item;
                 it[0] = get_ids_[i];
+                if (get_ids_[i] == k_par_calib_info) {
+                    const std::vector<uint8_t> info = _calib_info();
+                    it[1] = static_cast<uint8_t>(info.size());
+                    std::memcpy(it + 2, info.data(), info.size());
+                    continue;
+                }
                 auto p = params_.find(get_ids_[i]);
                 if (p == params_.end()) continue;
                 it[1] = static_cast<uint8_t>(p->second.size());
@@ -168,6 +174,7 @@ int firmware::_sys(bool in, uint16_t value, std::span<uint8_t> data) {
 }
 
 int firmware::_reg(bool in, uint16_t value, std::span<uint8_t> data) {
+    if (value == k_reg_cap_start && !in) upload_next_ = 0;  // each capture uploads from frame 0
     if (value == k_reg_write && !in) {
         if (data.size() < k_reg_hdr) return _done(k_cmd_reg, value, "short register write"), 0;
         const uint8_t target = data[0];
@@ -215,6 +222,50 @@ int firmware::_reg(bool in, uint16_t value, std::span<uint8_t> data) {
     }
     _done(k_cmd_reg, value, "unsupported command");
     return static_cast<int>(data.size());
+}
+
+// Calibration information (parameter 8): u8 valid at 0, u8 data present at 1, u16 firmware
+// version at 2, u32 stored size at 4, u32 data size at 8, u32 timestamp at 12, from the upload
+// header of the stored calibration image (data type 3).
+std::vector<uint8_t> firmware::_calib_info() const {
+    std::vector<uint8_t> v(16, 0);
+    const store *s = find_store(tevix::xfer::k_type_data);
+    v[2] = 181, v[3] = 0;
+    if (!s || s->data.size() < 18) return v;
+    const uint8_t *h = s->data.data();
+    v[0] = h[0];
+    v[1] = 1;
+    std::memcpy(v.data() + 4, h + 10, 4);  // fsize
+    std::memcpy(v.data() + 8, h + 14, 4);  // dsize
+    std::memcpy(v.data() + 12, h + 6, 4);  // ts
+    return v;
+}
+
+uint32_t firmware::dev_mode() const {
+    auto it = params_.find(0);
+    return it == params_.end() || it->second.size() < 4 ? 0 : _get32(it->second.data());
+}
+
+bool firmware::next_upload_frame(uint32_t &index, std::vector<uint8_t> &bytes) {
+    if (stray_frames_) {
+        --stray_frames_;
+        return false;
+    }
+    const store *s = find_store(tevix::xfer::k_type_data);
+    const size_t size = s ? s->data.size() : 0;
+    const uint32_t frames =
+        static_cast<uint32_t>(std::max<size_t>(1, (size + k_upload_frame - 1) / k_upload_frame));
+    for (;;) {
+        index = upload_next_ % frames;
+        ++upload_next_;
+        if (!drop_upload_) break;
+        --drop_upload_;
+    }
+    bytes.assign(k_upload_frame, 0x01);
+    const size_t at = size_t{index} * k_upload_frame;
+    if (at < size)
+        std::memcpy(bytes.data(), s->data.data() + at, std::min<size_t>(k_upload_frame, size - at));
+    return true;
 }
 
 const firmware::store *firmware::find_store(uint8_t type) const {

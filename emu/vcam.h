@@ -115,6 +115,16 @@ class firmware {
     void wrong_acks(uint32_t n) { wrong_acks_ = n; }
     void erase_polls(uint32_t k) { erase_polls_ = k; }
     void corrupt_pieces(uint32_t n) { corrupt_pieces_ = n; }
+    // Upload mode (device mode 9): the flash image of type 3 streams as format-171 frames of
+    // k_upload_frame bytes. Faults: the next n upload frames never leave the camera; n ordinary
+    // frames go out before the upload data.
+    static constexpr uint32_t k_upload_frame = 153600;
+    uint32_t dev_mode() const;
+    void drop_upload_frames(uint32_t n) { drop_upload_ = n; }
+    void stray_frames(uint32_t n) { stray_frames_ = n; }
+    // What the streaming engine sends next in upload mode: false for an ordinary frame (a stray
+    // one); else the frame index and its bytes (padded with 0x01 past the image).
+    bool next_upload_frame(uint32_t &index, std::vector<uint8_t> &bytes);
     // Packets that reached the bulk-out endpoint (repeats and losses included); erases done.
     uint32_t packets_seen() const { return packets_seen_; }
     uint32_t erases() const { return erases_; }
@@ -135,6 +145,7 @@ class firmware {
     int _sys(bool in, uint16_t value, std::span<uint8_t> data);
     int _reg(bool in, uint16_t value, std::span<uint8_t> data);
     int _xfer(bool in, uint16_t value, std::span<uint8_t> data);
+    std::vector<uint8_t> _calib_info() const;
     void _done(uint8_t request, uint16_t value, const char *error);
 
     std::map<uint8_t, std::vector<uint8_t>> params_;
@@ -163,6 +174,7 @@ class firmware {
     uint32_t stale_acks_ = 0, lose_packets_ = 0, wrong_acks_ = 0, erase_polls_ = 0;
     uint32_t corrupt_pieces_ = 0, erase_left_ = 0, packets_seen_ = 0, erases_ = 0;
     uint32_t x_packets_before_ = 0;  // packets seen when the transfer began
+    uint32_t drop_upload_ = 0, stray_frames_ = 0, upload_next_ = 0, upload_mode_seen_ = 0;
 };
 
 class testbed;
@@ -235,7 +247,11 @@ class camera {
         int actual = 0;
     };
     void _producer();
-    void _build_frame(uint32_t idx, std::vector<uint8_t> &out);
+    struct upload_frame {
+        uint32_t index = 0;
+        std::vector<uint8_t> bytes;
+    };
+    void _build_frame(uint32_t idx, std::vector<uint8_t> &out, const upload_frame *up);
     void _pump();
     void _finish(urb u, int status, int actual);
     void _release(urb &u);

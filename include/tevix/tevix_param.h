@@ -11,6 +11,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <stdbool.h>
 #include <stdio.h>
 
 #include "tevix_export.h"
@@ -135,6 +136,19 @@ TEVIX_API void tevix_param_len_bin_free(void *lens) TEVIX_NOEXCEPT;
 /* Loads "<prefix><name>" as a text lens file into *lens. Returns 1, or 0 with *lens untouched. */
 TEVIX_API int tevix_param_load_len_2d_file(const tevix_dev_t *dev, tevix_lens_param_t *lens,
                                            const char *name) TEVIX_NOEXCEPT;
+
+/* Fetches the device's calibration container into the parameter directory: the device is put
+ * into data-upload mode, its frames of the stored data are written to "calibration.bin", the
+ * upload header is checked and the container written (or unzipped). False only when the device
+ * refuses the mode, reports no usable data or the file cannot be created; later failures are
+ * logged and show when the container is opened. */
+TEVIX_API bool tevix_param_load_from_dev(tevix_dev_t *dev) TEVIX_NOEXCEPT;
+/* Packs the device's container (or source) into "tcm_ex_encode_rel_W<wafer>_C<chip>.bin" in the
+ * upload format, zip-compressed when compress is set, and with download set downloads it as
+ * data of type 3 and resets the device (the packed file is then removed). */
+TEVIX_API bool tevix_calib_bin_data_pk_and_download_ex(tevix_dev_t *dev, bool compress,
+                                                       bool download,
+                                                       const char *source) TEVIX_NOEXCEPT;
 
 TEVIX_EXTERN_C_END
 

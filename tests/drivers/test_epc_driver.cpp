@@ -1047,10 +1047,12 @@ class epc_calib_file : public epc_fixture {
         dev_->cam().set_u32(TEVIX_PARAM_MOD_FREQ, 20000000);
         set_dev_info(1, 50);  // the device's copy is older than the local file's (ts 100)
     }
-    void set_dev_info(uint32_t valid, uint32_t ts) {
+    void set_dev_info(uint8_t valid, uint32_t ts) {
         std::array<uint8_t, 18> v{};
-        std::memcpy(v.data(), &valid, 4);
-        std::memcpy(v.data() + 4, &ts, 4);
+        v[0] = valid;
+        v[1] = valid;  // data present
+        v[2] = 181;
+        std::memcpy(v.data() + 12, &ts, 4);
         dev_->cam().params[TEVIX_PARAM_CALIB_INFO] = v;
     }
     void write(const std::vector<tevix::calib::param_block> &blocks) {

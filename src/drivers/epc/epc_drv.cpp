@@ -17,6 +17,7 @@
 #include "log/log.h"
 #include "platform/platform.h"
 #include "tevix/tevix.h"
+#include "tevix/tevix_param.h"
 
 using namespace tevix::epc;
 
@@ -842,10 +843,9 @@ bool _local_file_valid(const epc_priv *p, uint32_t *ts) {
     return true;
 }
 
-// Fetches the device's calibration data into the local file. The upload of calibration data
-// from the camera is not built yet: the local file is all there is.
-bool _fetch_from_device(epc_priv *) {
-    return false;
+// Fetches the device's calibration data into the local file (upload mode).
+bool _fetch_from_device(tevix_dev_t *dev) {
+    return tevix_param_load_from_dev(dev);
 }
 
 void _write_freq(tevix_dev_t *dev, uint32_t freq) {
@@ -869,21 +869,23 @@ int32_t _epc_calib_load(tevix_drv_t *drv, uint32_t, uint32_t, uint32_t) {
     uint32_t local_ts = 0;
     bool valid = _local_file_valid(p, &local_ts);
     if (valid) {
-        tevix_param_item_t info = _item(TEVIX_PARAM_CALIB_INFO, 8);
+        // Calibration information: u8 valid, u8 data present, u16 version, u32 stored size,
+        // u32 data size, u32 timestamp.
+        tevix_param_item_t info = _item(TEVIX_PARAM_CALIB_INFO, 16);
         if (!tevix_param_batch_get(dev, &info, 1)) {
             VX_LOG_AS(VX_LOG_ERR, fn, "[%s] get PARAM_INFO_CALIB failed!\n");
             valid = false;
-        } else if (!info.value.u32[0]) {
+        } else if (info.value.u8[0] != 1 || !info.value.u8[1]) {
             VX_LOG_AS(VX_LOG_INF, fn, "[%s] No valid calib data on dev, use local cache!\n");
-        } else if (info.value.u32[1] > local_ts) {
+        } else if (info.value.u32[3] > local_ts) {
             VX_LOG_AS(VX_LOG_INF, fn, "[%s]local param (ts=%u) is not up-to-date (dev ts=%u)\n",
-                      local_ts, info.value.u32[1]);
+                      local_ts, info.value.u32[3]);
             valid = false;
         }
     }
     if (!valid) {
         VX_LOG_AS(VX_LOG_INF, fn, "[%s]---- Try to load calib data from device ... \n");
-        if (_fetch_from_device(p)) {
+        if (_fetch_from_device(dev)) {
             VX_LOG_AS(VX_LOG_INF, fn, "[%s]---- Load calibration data from device OK\n");
             valid = _local_file_valid(p, &local_ts);
         } else {

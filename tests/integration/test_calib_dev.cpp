@@ -1,0 +1,243 @@
+// Calibration through the camera: a container packed (zipped or not) and downloaded into the
+// virtual camera's flash, the local cache deleted, the camera opened again: the driver fetches the
+// calibration in upload mode, caches it, mounts it, and the distances come out calibrated. Also
+// the upload rules under lost and stray frames, and the packing edge cases.
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "calib/calib_dev_xfer.h"
+#include "calib/calib_writer.h"
+#include "scene/scene.h"
+#include "test_util.h"
+#include "tevix/tevix.h"
+#include "tevix/tevix_param.h"
+#include "vcam.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using tevix::emu::firmware;
+
+class calib_env : public ::testing::Environment {
+  public:
+    void SetUp() override {
+        tb_ = std::make_unique<tevix::emu::testbed>();
+        tevix::emu::scene_config sc;
+        tevix::emu::camera_config cfg;
+        cfg.fps = 0;
+        cam_ = tb_->add(cfg, std::make_unique<tevix::emu::scene_renderer>(sc, 2));
+        tevix_init("");
+        tevix_log_cfg(std::getenv("CALIB_LOG") ? 0 : 7, 7, 7);
+    }
+    void TearDown() override {
+        tevix_uninit();
+        tb_.reset();
+    }
+    static tevix::emu::camera *cam() { return cam_; }
+
+  private:
+    std::unique_ptr<tevix::emu::testbed> tb_;
+    static inline tevix::emu::camera *cam_ = nullptr;
+};
+::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new calib_env);
+
+// A calibration block for 20 MHz adding lut_mm to every distance (layout in epc_calib.h).
+std::vector<uint8_t> _block(int16_t lut_mm) {
+    std::vector<uint8_t> v(37, 0);
+    const uint32_t freq = 20000000, ts = 5;
+    const int32_t scale = 1000;
+    std::memcpy(v.data(), &freq, 4);
+    v[4] = 1;
+    std::memcpy(v.data() + 5, &ts, 4);
+    v[9] = 1;
+    std::memcpy(v.data() + 16, &scale, 4);
+    // Calibrated at the virtual camera's own temperatures (board 35.0 C, sensor 42.0 C): no drift.
+    const int16_t t_cb = 350, t_ib = 420;
+    std::memcpy(v.data() + 12, &t_cb, 2);
+    std::memcpy(v.data() + 14, &t_ib, 2);
+    v[36] = 1;
+    const std::vector<int16_t> lut(8192, lut_mm);
+    v.insert(v.end(), reinterpret_cast<const uint8_t *>(lut.data()),
+             reinterpret_cast<const uint8_t *>(lut.data() + lut.size()));
+    return v;
+}
+
+class calib_dev : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        calib_env::cam()->reset();
+        old_cwd_ = fs::current_path();
+        fs::current_path(work_.path());
+        prefix_ = cache_.path().string() + "/";
+        tevix_path_set(prefix_.c_str());
+        tevix::calib::param_container c;
+        c.ts = 1234;
+        c.blocks = {{1, _block(150)}};
+        source_ = work_.file("factory.bin");
+        ASSERT_TRUE(tevix::calib::param_container_write(source_, c));
+    }
+    void TearDown() override {
+        tevix_path_set("");
+        fs::current_path(old_cwd_);
+    }
+    template <class F>
+    auto fw(F &&f) {
+        return calib_env::cam()->with_firmware(std::forward<F>(f));
+    }
+    // The centre distance of one frame decoded by a freshly opened camera (which loads its
+    // calibration at open).
+    int centre_after_open() {
+        tevix_dev_t *dev = tevix_dev_open(nullptr);
+        EXPECT_NE(dev, nullptr);
+        if (!dev) return -1;
+        EXPECT_EQ(tevix_cap_start(dev), 1);
+        std::vector<uint8_t> raw(8u << 20);
+        std::vector<uint16_t> mm(320 * 240);
+        tevix_frame_info_t info{};
+        int got = 0;
+        for (int i = 0; i < 50 && got != 1; ++i)
+            got = tevix_cap_get_frames(dev, 1, raw.data(), uint32_t(raw.size()), &info);
+        EXPECT_EQ(got, 1);
+        EXPECT_GT(tevix_frame_get_dist_u16(dev, mm.data(), uint32_t(mm.size()), raw.data(),
+                                           info.size, &info),
+                  0);
+        tevix_cap_stop(dev);
+        tevix_dev_close(dev);
+        // The mean of a central patch: the scene's noise averages out.
+        double sum = 0;
+        int n = 0;
+        for (int y = 100; y < 140; ++y)
+            for (int x = 140; x < 180; ++x)
+                if (mm[y * 320 + x] && mm[y * 320 + x] < 65500) sum += mm[y * 320 + x], ++n;
+        return n ? int(sum / n + 0.5) : -1;
+    }
+    std::string cached() {
+        tevix_dev_t *dev = tevix_dev_open(nullptr);
+        char name[512];
+        std::string p = dev ? tevix_get_param_absolute_name(dev, name, sizeof name) : "";
+        if (dev) tevix_dev_close(dev);
+        return p;
+    }
+
+    tevix::test::temp_dir work_, cache_;
+    fs::path old_cwd_;
+    std::string prefix_, source_;
+};
+
+TEST_F(calib_dev, download_then_open_fetches_caches_and_mounts) {
+    const int plain = centre_after_open();
+    ASSERT_GT(plain, 0);
+    for (bool zip : {true, false}) {
+        tevix_dev_t *dev = tevix_dev_open(nullptr);
+        ASSERT_NE(dev, nullptr);
+        ASSERT_TRUE(tevix_calib_bin_data_pk_and_download_ex(dev, zip, true, source_.c_str()));
+        tevix_dev_close(dev);
+        EXPECT_TRUE(fs::is_empty(work_.path()) || !fs::exists(work_.file("tmp.zip")));
+        const std::string cache = cached();
+        fs::remove(cache);
+        EXPECT_NEAR(centre_after_open(), plain + 150, 1) << "zip " << zip;
+        // The device's copy now sits in the cache, byte for byte the factory file.
+        EXPECT_TRUE(tevix::test::read_file(cache) == tevix::test::read_file(source_)) << zip;
+        EXPECT_FALSE(fs::exists(prefix_ + "calibration.bin"));
+        EXPECT_FALSE(fs::exists(work_.file("tmp.zip")));
+    }
+}
+
+TEST_F(calib_dev, lost_and_stray_upload_frames) {
+    // A container larger than one upload frame: three frames to fetch.
+    tevix::calib::param_container big;
+    big.ts = 99;
+    big.blocks = {{1, _block(10)}, {1, std::vector<uint8_t>(300000, 7)}};
+    const std::string big_path = work_.file("big.bin");
+    ASSERT_TRUE(tevix::calib::param_container_write(big_path, big));
+    tevix_dev_t *dev = tevix_dev_open(nullptr);
+    ASSERT_NE(dev, nullptr);
+    ASSERT_TRUE(tevix_calib_bin_data_pk_and_download_ex(dev, false, true, big_path.c_str()));
+    char name[512];
+    const std::string cache = tevix_get_param_absolute_name(dev, name, sizeof name);
+    struct run {
+        const char *what;
+        void (*fault)(firmware &);
+        bool container;
+    } runs[] = {
+        {"clean", [](firmware &) {}, true},
+        {"one stray frame first", [](firmware &f) { f.stray_frames(1); }, true},
+        {"a lost frame", [](firmware &f) { f.drop_upload_frames(1); }, false},
+        {"two stray frames", [](firmware &f) { f.stray_frames(2); }, false},
+    };
+    for (const run &r : runs) {
+        fs::remove(cache);
+        fw(r.fault);
+        // Frames were fetched: true even when the result fails verification.
+        EXPECT_TRUE(tevix_param_load_from_dev(dev)) << r.what;
+        EXPECT_EQ(fs::exists(cache), r.container) << r.what;
+        if (r.container) {
+            EXPECT_TRUE(tevix::test::read_file(cache) == tevix::test::read_file(big_path));
+        }
+        EXPECT_FALSE(fs::exists(prefix_ + "calibration.bin")) << r.what;
+        EXPECT_EQ(fw([](firmware &f) { return f.dev_mode(); }), 0u) << r.what;
+    }
+    tevix_dev_close(dev);
+}
+
+TEST_F(calib_dev, refusals_and_packing_edges) {
+    // A stored size beyond 10 MiB is refused before any frame is fetched.
+    std::vector<uint8_t> image(18 + 64, 0);
+    image[0] = 1;
+    const uint32_t fsize = 0xA00001, dsize = 64, ts = 3;
+    std::memcpy(image.data() + 6, &ts, 4);
+    std::memcpy(image.data() + 10, &fsize, 4);
+    std::memcpy(image.data() + 14, &dsize, 4);
+    fw([&](firmware &f) {
+        f.set_store(3, {1, 0, image});
+        f.clear_log();
+    });
+    tevix_dev_t *dev = tevix_dev_open(nullptr);
+    ASSERT_NE(dev, nullptr);
+    EXPECT_FALSE(tevix_param_load_from_dev(dev));
+    EXPECT_EQ(calib_env::cam()->stats().frames, 0u);
+    tevix_dev_close(dev);
+
+    // 153582 bytes pack into exactly one upload frame, no padding.
+    const std::string exact = work_.file("exact.bin"), packed = work_.file("packed.bin");
+    tevix::calib::write_file(exact, std::vector<uint8_t>(153582, 0x42));
+    ASSERT_TRUE(
+        tevix::calib::_tevix_param_encode_construct(exact.c_str(), packed.c_str(), 7, false));
+    EXPECT_EQ(fs::file_size(packed), 153600u);
+    // One byte more pads to two frames with 0x01.
+    tevix::calib::write_file(exact, std::vector<uint8_t>(153583, 0x42));
+    ASSERT_TRUE(
+        tevix::calib::_tevix_param_encode_construct(exact.c_str(), packed.c_str(), 7, false));
+    const std::string bytes = tevix::test::read_file(packed);
+    ASSERT_EQ(bytes.size(), 307200u);
+    EXPECT_EQ(bytes.back(), '\x01');
+
+    // Two packers zipping in one working directory take turns on "tmp.zip": both results hold
+    // their own container, and no "tmp.zip" is left.
+    std::atomic<int> ok{0};
+    std::vector<std::thread> packers;
+    const std::vector<std::string> outs = {work_.file("z0.bin"), work_.file("z1.bin"),
+                                           work_.file("z2.bin"), work_.file("z3.bin")};
+    for (const std::string &out : outs)
+        packers.emplace_back([&, out] {
+            ok +=
+                tevix::calib::_tevix_param_encode_construct(source_.c_str(), out.c_str(), 7, true);
+        });
+    for (auto &t : packers) t.join();
+    EXPECT_EQ(ok.load(), 4);
+    EXPECT_FALSE(fs::exists(work_.file("tmp.zip")));
+    for (const std::string &out : outs)
+        EXPECT_TRUE(tevix::test::read_file(out) == tevix::test::read_file(outs[0])) << out;
+}
+
+}  // namespace
