@@ -171,6 +171,8 @@ bool _unzip(const tevix_dev_t *dev, const std::string &dir, const char *fn) {
     return ok;
 }
 
+}  // namespace
+
 // Steps 8 to 11 of the load: header check, container or archive out, archive extracted. Every
 // failure is logged; the caller's result does not depend on it.
 void _calib_pk_parse(const tevix_dev_t *dev, const std::string &bin) {
@@ -255,6 +257,8 @@ void _calib_pk_parse(const tevix_dev_t *dev, const std::string &bin) {
     if (zipped) plat::remove_file(k_tmp_zip);
     plat::remove_file(bin.c_str());
 }
+
+namespace {
 
 bool _set_mode(tevix_dev_t *dev, uint32_t mode) {
     tevix_param_item_t it{};

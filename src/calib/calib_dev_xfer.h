@@ -9,6 +9,9 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+
+#include "tevix/tevix_types.h"
 
 namespace tevix::calib {
 
@@ -20,5 +23,10 @@ constexpr uint32_t k_upload_max = 0xA00000;
 // version ((chip id << 16) | wafer id). False with the reason logged.
 bool _tevix_param_encode_construct(const char *source, const char *destination, uint32_t ver,
                                    bool compress);
+
+// Checks the upload in `bin` (upload header against the file) and writes the container of dev's
+// parameter directory from it, unzipping when it is compressed; bin is removed. Failures are
+// logged only.
+void _calib_pk_parse(const tevix_dev_t *dev, const std::string &bin);
 
 }  // namespace tevix::calib
