@@ -21,6 +21,7 @@ using tevix::algo::f32x4;
 using tevix::algo::f32x8;
 using tevix::algo::f64x2;
 using tevix::algo::f64x4;
+using tevix::algo::lane_t;
 using tevix::algo::load;
 using tevix::algo::splat;
 using tevix::algo::store;
@@ -53,22 +54,6 @@ struct work {
     T *num, *den;  // width x height each
     T *line;       // 2 x 8 x width: signal and mask of up to 8 rows side by side
 };
-
-// The lane type of a vector (or a scalar itself).
-template <class V>
-struct lane {
-    using type = std::remove_cvref_t<decltype(V{}[0])>;
-};
-template <>
-struct lane<double> {
-    using type = double;
-};
-template <>
-struct lane<float> {
-    using type = float;
-};
-template <class V>
-using lane_t = typename lane<V>::type;
 
 template <class V>
 VX_INLINE V _step(const yvv &k, const V &x, const V &w1, const V &w2, const V &w3) {

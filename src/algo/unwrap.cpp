@@ -17,27 +17,9 @@ constexpr double k_c_mm_per_s = 299792458.0e3;
 constexpr uint32_t k_max_wraps = 16;
 constexpr float k_invalid = 65500.0f;
 
-typedef int32_t i32x4 __attribute__((vector_size(16)));
-typedef int32_t i32x8 __attribute__((vector_size(32)));
-
-template <class V>
-struct ivec;
-template <>
-struct ivec<float> {
-    using type = int32_t;
-};
-template <>
-struct ivec<f32x4> {
-    using type = i32x4;
-};
-template <>
-struct ivec<f32x8> {
-    using type = i32x8;
-};
-
 template <class V>
 VX_INLINE V _trunc(const V &x) {
-    using I = typename ivec<V>::type;
+    using I = typename int_form<V>::type;
     if constexpr (sizeof(V) == sizeof(float))
         return float(int32_t(x));
     else

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 #include "algo/simd.h"
 
@@ -18,6 +19,39 @@ typedef double f64x2 __attribute__((vector_size(16)));
 typedef double f64x4 __attribute__((vector_size(32)));
 typedef uint16_t u16x8 __attribute__((vector_size(16)));
 typedef uint16_t u16x16 __attribute__((vector_size(32)));
+typedef int32_t i32x4 __attribute__((vector_size(16)));
+typedef int32_t i32x8 __attribute__((vector_size(32)));
+
+// The lane type of a vector (a scalar is its own), and the 32-bit integer form of a float one.
+template <class V>
+struct lane {
+    using type = std::remove_cvref_t<decltype(V{}[0])>;
+};
+template <>
+struct lane<double> {
+    using type = double;
+};
+template <>
+struct lane<float> {
+    using type = float;
+};
+template <class V>
+using lane_t = typename lane<V>::type;
+
+template <class V>
+struct int_form;
+template <>
+struct int_form<float> {
+    using type = int32_t;
+};
+template <>
+struct int_form<f32x4> {
+    using type = i32x4;
+};
+template <>
+struct int_form<f32x8> {
+    using type = i32x8;
+};
 
 template <class V>
 VX_INLINE V load(const void *p) {

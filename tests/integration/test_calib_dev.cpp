@@ -22,34 +22,21 @@
 #include "tevix/tevix.h"
 #include "tevix/tevix_param.h"
 #include "vcam.h"
+#include "vcam_env.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using tevix::emu::firmware;
 
-class calib_env : public ::testing::Environment {
-  public:
-    void SetUp() override {
-        tb_ = std::make_unique<tevix::emu::testbed>();
-        tevix::emu::scene_config sc;
-        tevix::emu::camera_config cfg;
-        cfg.fps = 0;
-        cam_ = tb_->add(cfg, std::make_unique<tevix::emu::scene_renderer>(sc, 2));
-        tevix_init("");
-        tevix_log_cfg(std::getenv("CALIB_LOG") ? 0 : 7, 7, 7);
-    }
-    void TearDown() override {
-        tevix_uninit();
-        tb_.reset();
-    }
-    static tevix::emu::camera *cam() { return cam_; }
-
-  private:
-    std::unique_ptr<tevix::emu::testbed> tb_;
-    static inline tevix::emu::camera *cam_ = nullptr;
-};
-::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new calib_env);
+using calib_env = tevix::test::vcam_env;
+tevix::emu::camera_config _as_fast_as_taken() {
+    tevix::emu::camera_config cfg;
+    cfg.fps = 0;
+    return cfg;
+}
+::testing::Environment *const g_env =
+    ::testing::AddGlobalTestEnvironment(new calib_env(_as_fast_as_taken(), true, "CALIB_LOG"));
 
 // A calibration block for 20 MHz adding lut_mm to every distance (layout in epc_calib.h).
 std::vector<uint8_t> _block(int16_t lut_mm) {

@@ -18,6 +18,7 @@
 #include "tevix/tevix.h"
 #include "tevix/vx_log.h"
 #include "vcam.h"
+#include "vcam_env.h"
 
 namespace {
 
@@ -27,25 +28,9 @@ using tevix::emu::firmware;
 constexpr uint8_t k_check[] = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
 static_assert(x::crc16(k_check, sizeof k_check) == 0x31C3);  // the CRC's known check value
 
-class xfer_env : public ::testing::Environment {
-  public:
-    void SetUp() override {
-        tb_ = std::make_unique<tevix::emu::testbed>();
-        cam_ = tb_->add(tevix::emu::camera_config{});
-        tevix_init("");
-        tevix_log_cfg(7, 7, 7);
-    }
-    void TearDown() override {
-        tevix_uninit();
-        tb_.reset();
-    }
-    static tevix::emu::camera *cam() { return cam_; }
-
-  private:
-    std::unique_ptr<tevix::emu::testbed> tb_;
-    static inline tevix::emu::camera *cam_ = nullptr;
-};
-::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new xfer_env);
+using xfer_env = tevix::test::vcam_env;
+::testing::Environment *const g_env =
+    ::testing::AddGlobalTestEnvironment(new xfer_env(tevix::emu::camera_config{}, false));
 
 class xfer : public ::testing::Test {
   protected:

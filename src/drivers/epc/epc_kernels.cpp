@@ -18,8 +18,8 @@ using tevix::algo::f32x4;
 using tevix::algo::f32x8;
 using tevix::simd::level;
 
-typedef int32_t i32x4 __attribute__((vector_size(16)));
-typedef int32_t i32x8 __attribute__((vector_size(32)));
+using tevix::algo::i32x4;
+using tevix::algo::i32x8;
 typedef uint32_t u32x4 __attribute__((vector_size(16)));
 typedef uint32_t u32x8 __attribute__((vector_size(32)));
 typedef uint16_t u16x4 __attribute__((vector_size(8)));
