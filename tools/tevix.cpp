@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "cmd_calib.h"
 #include "cmd_camera.h"
 #include "cmd_demo.h"
 #include "cmd_export.h"
@@ -109,6 +110,8 @@ int main(int argc, char **argv) {
     tool_add_frames(app, frames);
     xfer_cmd xfer;
     tool_add_xfer(app, xfer);
+    calib_cmd calib;
+    tool_add_calib(app, calib);
 #ifdef TEVIX_TOOL_VIEW
     view_cmd view;
     tool_add_view(app, view);
@@ -128,12 +131,14 @@ int main(int argc, char **argv) {
     if (version->parsed()) return _cmd_version();
     if (list->parsed()) return _cmd_list(verbosity);
     if (oni->parsed()) return tool_run_oni(oni, verbosity);
-    camera.verbosity = demo.verbosity = exp.verbosity = frames.verbosity = xfer.verbosity = verbosity;
+    camera.verbosity = demo.verbosity = exp.verbosity = frames.verbosity = xfer.verbosity =
+        calib.verbosity = verbosity;
     if (int r = tool_run_camera(camera); r >= 0) return r;
     if (int r = tool_run_demo(demo); r >= 0) return r;
     if (int r = tool_run_export(exp); r >= 0) return r;
     if (int r = tool_run_frames(frames); r >= 0) return r;
     if (int r = tool_run_xfer(xfer); r >= 0) return r;
+    if (int r = tool_run_calib(calib); r >= 0) return r;
 #ifdef TEVIX_TOOL_VIEW
     if (int r = tool_run_view(view, verbosity); r >= 0) return r;
 #endif
