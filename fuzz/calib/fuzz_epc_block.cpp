@@ -1,5 +1,5 @@
-// EPC calibration blocks: the driver header and table parse of a block payload, and the mounted
-// block applied to a row of phases.
+// EPC calibration blocks: the driver header, table and measurement parse of a block payload, the
+// fit of measurements, and the mounted block applied to a row of phases.
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -13,6 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (!why) __builtin_trap();  // every refusal names its reason
         return 0;
     }
+    // Measurement blocks are fitted into tables first, as at mount.
+    if (!b.noneed_calc_coeff && !tevix::epc::calc_coeff(b)) return 0;
     if ((b.tables & 1) != !b.lut.empty()) __builtin_trap();
     if (b.pixels.size() != ((b.tables & 2) ? size_t{b.width} * b.height : 0)) __builtin_trap();
     tevix::epc::epc_priv p;

@@ -1156,7 +1156,7 @@ TEST_F(epc_calib_file, DamagedBlocksLeaveTheDefaults) {
         {{{1, cut}}, "parse calib file failed: payload size does not match its tables"},
         {{{2, _block({20000000, 50})}}, "wrong blk param type: 2 for (ver"},
         {{{1, {1, 2, 3}}}, "read par_drv_hdr failed"},
-        {{{1, _block({20000000, 50, 0, 0})}}, "needs its coefficients computed"},
+        {{{1, _block({20000000, 50, 0, 0})}}, "parse calib file failed: bad table size"},
         {{{1, _block({20000000, 50, 0, 1, -5})}}, "parse calib file failed: scale out of range"},
     };
     for (const auto &c : cases) {
@@ -1216,6 +1216,67 @@ TEST_F(epc_fixture, CalibrationComposition) {
         tevix::epc::apply_calibration(p(), got.data(), 37, 3, pixels);
         EXPECT_EQ(got, want) << pixels;
     }
+}
+
+// A calibration station's measurements (a unit with a scale error, an offset, a fixed offset
+// per pixel and a cyclic error) fitted at mount: the calibrated decode gives the true distances
+// back; data that decide nothing are refused.
+TEST(EpcCalibFit, MeasurementsFitIntoTables) {
+    const uint32_t freq = 20000000, range = tevix::epc::range_mm(freq), w = 16, h = 8;
+    const std::vector<float> truth = {600, 1100, 1700, 2300, 2900, 3600, 4300, 5000};
+    auto error_of = [&](size_t i, double phase) {  // what the unit adds to the line
+        const double a = 4.0 * 2.0 * M_PI * phase / 32768.0;
+        return double(int(i % 7) * 6 - 18) + 9.0 * std::sin(a + 0.4);
+    };
+    tevix::epc::calib_block b;
+    b.freq = freq;
+    b.width = w;
+    b.height = h;
+    for (float t : truth) b.truth_mm.push_back(t);
+    for (float t : truth)
+        for (size_t i = 0; i < w * h; ++i) {
+            if (i == 37) {
+                b.phases.push_back(65500);  // a pixel that never sees the target
+                continue;
+            }
+            // true = 1.02 x measured - 25 + error(phase): solved for the phase by iteration.
+            double phase = t * 32768.0 / range;
+            for (int it = 0; it < 20; ++it)
+                phase = (t + 25.0 - error_of(i, phase)) / 1.02 * 32768.0 / range;
+            b.phases.push_back(uint16_t(std::lround(phase)));
+        }
+    const std::vector<uint16_t> phases = b.phases;
+    ASSERT_TRUE(tevix::epc::calc_coeff(b));
+    EXPECT_NEAR(b.scale_um, 1020, 2);
+    EXPECT_NEAR(b.offset_mm, -25, 3);
+    ASSERT_EQ(b.lut.size(), tevix::epc::k_phase_lut);
+    ASSERT_EQ(b.pixels.size(), size_t{w} * h);
+    EXPECT_EQ(b.pixels[37], 0);  // never seen: the line alone
+
+    // Decoding the measured phases through the fitted tables gives the truth.
+    tevix::epc::epc_priv p;
+    p.range = range;
+    p.freq = freq;
+    p.temp_comp = 0;
+    p.block = std::make_unique<tevix::epc::calib_block>(b);
+    p.calib_mounted = 1;
+    double worst = 0;
+    for (size_t k = 0; k < truth.size(); ++k) {
+        std::vector<int32_t> d(phases.begin() + k * w * h, phases.begin() + (k + 1) * w * h);
+        tevix::epc::apply_calibration(&p, d.data(), w, h, true);
+        for (size_t i = 0; i < w * h; ++i)
+            if (i != 37) worst = std::max(worst, std::abs(d[i] - double(truth[k])));
+        EXPECT_EQ(d[37], 65500);
+    }
+    EXPECT_LE(worst, 3.0);
+
+    // Nothing valid, or one phase everywhere: no line to fit.
+    tevix::epc::calib_block none = b;
+    none.truth_mm = {1000, 2000};
+    none.phases.assign(2 * w * h, 65500);
+    EXPECT_FALSE(tevix::epc::calc_coeff(none));
+    none.phases.assign(2 * w * h, 9000);
+    EXPECT_FALSE(tevix::epc::calc_coeff(none));
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "drivers/epc/epc_kernels.h"
 #include "log/log.h"
 #include "tevix/tevix_param.h"
+#include "tevix/vx_fit.h"
 
 namespace tevix::epc {
 
@@ -101,18 +102,41 @@ bool parse_block(std::span<const uint8_t> payload, calib_block &b, const char **
     const char *dummy;
     if (!why) why = &dummy;
     if (!parse_drv_hdr(payload, b)) return *why = "block shorter than its driver header", false;
+    if (!std::isfinite(b.c1) || !std::isfinite(b.c2)) return *why = "bad coefficients", false;
+    b.lut.clear();
+    b.pixels.clear();
+    b.truth_mm.clear();
+    b.phases.clear();
+    const uint8_t *at = payload.data() + k_drv_hdr;
+    if (!b.noneed_calc_coeff) {
+        // Measurements: u16 count, count f32 true distances, count images of phases.
+        if (b.width == 0 || b.height == 0 || b.width > 4096 || b.height > 4096)
+            return *why = "bad table size", false;
+        if (payload.size() < k_drv_hdr + 2) return *why = "no measurement count", false;
+        uint16_t count;
+        std::memcpy(&count, at, 2);
+        at += 2;
+        const size_t px = size_t{b.width} * b.height;
+        if (count < 2 || count > 64) return *why = "measurement count out of range", false;
+        if (payload.size() != k_drv_hdr + 2 + size_t{count} * (4 + 2 * px))
+            return *why = "payload size does not match its measurements", false;
+        b.truth_mm.resize(count);
+        std::memcpy(b.truth_mm.data(), at, 4u * count);
+        at += 4u * count;
+        b.phases.resize(count * px);
+        std::memcpy(b.phases.data(), at, b.phases.size() * 2);
+        for (float t : b.truth_mm)
+            if (!(t > 0 && t < 65500)) return *why = "true distance out of range", false;
+        return true;
+    }
     if (b.tables & ~(k_table_phase | k_table_pixels)) return *why = "unknown tables", false;
     if (!(b.scale_um > 0 && b.scale_um <= 2000000)) return *why = "scale out of range", false;
-    if (!std::isfinite(b.c1) || !std::isfinite(b.c2)) return *why = "bad coefficients", false;
     const bool pixels = b.tables & k_table_pixels;
     if (pixels && (b.width == 0 || b.height == 0 || b.width > 4096 || b.height > 4096))
         return *why = "bad table size", false;
     const size_t want = k_drv_hdr + (b.tables & k_table_phase ? k_phase_lut * 2 : 0) +
                         (pixels ? size_t{b.width} * b.height * 2 : 0);
     if (payload.size() != want) return *why = "payload size does not match its tables", false;
-    const uint8_t *at = payload.data() + k_drv_hdr;
-    b.lut.clear();
-    b.pixels.clear();
     if (b.tables & k_table_phase) {
         b.lut.resize(k_phase_lut);
         std::memcpy(b.lut.data(), at, k_phase_lut * 2);
@@ -122,6 +146,83 @@ bool parse_block(std::span<const uint8_t> payload, calib_block &b, const char **
         b.pixels.resize(size_t{b.width} * b.height);
         std::memcpy(b.pixels.data(), at, b.pixels.size() * 2);
     }
+    return true;
+}
+
+bool calc_coeff(calib_block &b) {
+    constexpr const char *fn = "_epc_calc_calib_coeff";
+    const uint32_t range = range_mm(b.freq);
+    const size_t px = size_t{b.width} * b.height, count = b.truth_mm.size();
+    if (!range || px == 0 || count < 2 || b.phases.size() != count * px) return false;
+    const double per_phase = double(range) / k_phase_turn;
+    // 1. One line for every pixel: true = s * measured + o.
+    std::vector<double> xs, ys;
+    xs.reserve(count * px);
+    ys.reserve(count * px);
+    for (size_t k = 0; k < count; ++k)
+        for (size_t i = 0; i < px; ++i) {
+            const uint16_t ph = b.phases[k * px + i];
+            if (ph >= k_phase_turn) continue;
+            xs.push_back(ph * per_phase);
+            ys.push_back(b.truth_mm[k]);
+        }
+    double s = 0, o = 0, r = 0;
+    if (vx_fit_linear(xs.data(), ys.data(), int32_t(xs.size()), &s, &o, &r) != 0 || !(s > 0.5) ||
+        !(s < 2.0)) {
+        VX_LOG_AS(VX_LOG_ERR, fn, "[%s]LSR FIT failed: %d samples\n", static_cast<int>(xs.size()));
+        return false;
+    }
+    VX_LOG_AS(VX_LOG_INF, fn, "[%s]LSR FIT (r=%f): o=%f, s=%f\n", r, o, s);
+    // 2. Each pixel's own offset: its mean residual; pixels never seen keep the global line.
+    b.pixels.assign(px, 0);
+    uint32_t bad = 0;
+    for (size_t i = 0; i < px; ++i) {
+        double sum = 0;
+        int n = 0;
+        for (size_t k = 0; k < count; ++k) {
+            const uint16_t ph = b.phases[k * px + i];
+            if (ph >= k_phase_turn) continue;
+            sum += b.truth_mm[k] - (s * ph * per_phase + o);
+            ++n;
+        }
+        if (n)
+            b.pixels[i] = int16_t(std::clamp(std::lround(sum / n), -32768L, 32767L));
+        else
+            ++bad;
+    }
+    if (bad)
+        VX_LOG_AS(VX_LOG_INF, fn,
+                  "[%s] bad pixel blks: cnt = %u, fixed to use global (s, o) = %f, %f\n", bad, s,
+                  o);
+    // 3. The cyclic error over one turn: what is left, fitted as a sine of four periods a turn
+    // plus an offset (a multiple linear fit on sin, cos and 1).
+    std::vector<double> rows, res;
+    for (size_t k = 0; k < count; ++k)
+        for (size_t i = 0; i < px; ++i) {
+            const uint16_t ph = b.phases[k * px + i];
+            if (ph >= k_phase_turn) continue;
+            const double a = 4.0 * 2.0 * M_PI * ph / k_phase_turn;
+            rows.insert(rows.end(), {std::sin(a), std::cos(a), 1.0});
+            res.push_back(b.truth_mm[k] - (s * ph * per_phase + o) - b.pixels[i]);
+        }
+    double c[3] = {0, 0, 0};
+    if (vx_fit_mlf(rows.data(), res.data(), int32_t(res.size()), 3, c, 3.0, 3, nullptr, nullptr) !=
+        0) {
+        c[0] = c[1] = c[2] = 0;  // no cyclic error to speak of
+    }
+    const double amp = std::hypot(c[0], c[1]), pha = std::atan2(c[1], c[0]);
+    VX_LOG_AS(VX_LOG_INF, fn, "[%s]SIN FIT (r=%f): amp=%f, omega=%f, pha=%f, ofs=%f\n", r, amp, 4.0,
+              pha, c[2]);
+    b.lut.resize(k_phase_lut);
+    for (uint32_t idx = 0; idx < k_phase_lut; ++idx) {
+        const double a = 4.0 * 2.0 * M_PI * (idx * 4.0 + 2.0) / k_phase_turn;
+        b.lut[idx] = int16_t(std::lround(c[0] * std::sin(a) + c[1] * std::cos(a) + c[2]));
+    }
+    b.scale_um = int32_t(std::lround(s * 1000.0));
+    b.offset_mm = int32_t(std::lround(o));
+    b.tables = k_table_phase | k_table_pixels;
+    b.truth_mm.clear();
+    b.phases.clear();
     return true;
 }
 
@@ -193,13 +294,7 @@ int calib_mount(epc_priv *p) {
     const calib_block &b = *found;
     VX_LOG_AS(VX_LOG_INF, k_mount, "[%s]Calib data: freq=%u, ver=%d, ts=%d, noneed_calc_coeff:%d\n",
               b.freq, b.ver, static_cast<int>(b.ts), b.noneed_calc_coeff);
-    if (!b.noneed_calc_coeff) {
-        // Blocks of raw measurements need fits this driver does not run yet.
-        VX_LOG_AS(VX_LOG_ERR, k_mount,
-                  "[%s]Calib data of freq=%u needs its coefficients computed: not supported\n",
-                  b.freq);
-        return _defaults(p);
-    }
+    if (!b.noneed_calc_coeff && !calc_coeff(*found)) return _defaults(p);
     if (b.c1 != 0.0f) p->c1 = b.c1;
     if (b.c2 != 0.0f) p->c2 = b.c2;
     if (p->freq == 0) p->freq = b.freq;

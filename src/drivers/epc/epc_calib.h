@@ -6,9 +6,8 @@
 //     0  u32  modulation frequency, Hz
 //     4  u8   block format version (1)
 //     5  u32  timestamp of the calibration
-//     9  u8   noneed_calc_coeff: 1 when the tables below are final; 0 when the payload holds raw
-//             measurements whose coefficients the driver must fit at mount (not supported yet:
-//             such blocks are refused and the defaults used)
+//     9  u8   noneed_calc_coeff: 1 when the tables below are final; 0 when the payload holds the
+//             calibration station's measurements, fitted by the driver at mount (below)
 //     10 u16  calibration box length, mm
 //     12 s16  board temperature during calibration, 0.1 C
 //     14 s16  sensor temperature during calibration, 0.1 C
@@ -21,6 +20,13 @@
 //     cyclic ("wiggling") error of the sensor over one turn
 //   per-pixel table (bit 1): width x height s16, millimetres added to each pixel (its fixed
 //     offset, the DRNU), in sensor row order
+// Measurement payload (noneed_calc_coeff 0; the tables field is ignored): u16 count (2..64),
+// count f32 true distances (mm, the radial distance every pixel saw), then count images of
+// width x height u16 phases (1/32768 turn, 65500 where the pixel saw nothing), in sensor row
+// order. At mount the driver fits one line true = s x measured + o over every sample (scale_um
+// and offset_mm), each pixel's mean residual (the per-pixel table; pixels never seen keep the
+// line alone), and the cyclic error left over as a sine of four periods a turn plus an offset
+// (the phase table).
 #pragma once
 
 #include <cstdint>
@@ -43,6 +49,8 @@ struct calib_block {
     int32_t scale_um = 1000, offset_mm = 0;
     float c1 = 0, c2 = 0;
     std::vector<int16_t> lut, pixels;
+    std::vector<float> truth_mm;   // measurement blocks, until fitted
+    std::vector<uint16_t> phases;  // count x width x height
     // Built for the decode: millimetres of every phase (scale, range, phase table and system
     // scale folded in) for the factor and system scale they were built with.
     std::vector<float> phase_mm;
@@ -54,6 +62,10 @@ bool parse_drv_hdr(std::span<const uint8_t> payload, calib_block &b);
 // The whole block: header and tables, their sizes checked against the payload's; false (with the
 // reason in *why) for a malformed block.
 bool parse_block(std::span<const uint8_t> payload, calib_block &b, const char **why);
+
+// Fits a measurement block into its tables, scale and offset; false (logged) for data that
+// decide nothing (no valid pixel, one distance only).
+bool calc_coeff(calib_block &b);
 
 // Mounts the block of p->freq from the device's calibration file: 1 when mounted, -1 when the
 // defaults are used. Unmount releases it. Both run under p->calib_mtx.
