@@ -28,34 +28,38 @@ extern char **environ;
 namespace {
 
 void _usage(FILE *f) {
-    std::fprintf(f,
-                 "usage: tevix-vcam [options] -- COMMAND [ARGS...]\n"
-                 "Runs COMMAND with virtual USB cameras attached (seen through libusb).\n"
-                 "  -n, --cameras N       number of cameras (default 1): two a bus (buses 1..,\n"
-                 "                        ports and addresses 2 and 3), each with its own serial\n"
-                 "                        and, unless --product is given, its own chip code\n"
-                 "                        (E1, E2, E4, E5: one driver row each)\n"
-                 "  -f, --fps N           frame rate (default 30; 0 = as fast as the host reads)\n"
-                 "      --product TEXT    product string (default VXCAM-E1-R1)\n"
-                 "      --vendor TEXT     vendor string (default \"Tevix Virtual\")\n"
-                 "      --scene FORMAT    stream the rendered scene in an EPC frame format (1, 2, "
-                 "4, 10, 11)\n"
-                 "                        instead of the test pattern\n"
-                 "      --no-cksum        stream headers without the data checksum\n"
-                 "      --full-speed      report a 12 Mbit/s link\n"
-                 "      --garbage N       N garbage bytes before the first frame\n"
-                 "      --drop N          lose the first N bulk chunks of the stream\n"
-                 "      --corrupt N       wrong data checksum in the first N packets\n"
-                 "      --busy N          the first N status reads report busy\n"
-                 "      --fail TEXT       the first command ends with this error text\n"
-                 "      --unplug-after MS unplug every camera MS ms after the command starts\n"
-                 "      --replug-after MS plug them back MS ms after the unplug\n"
-                 "  -h, --help            this text\n");
+    std::fprintf(
+        f,
+        "usage: tevix-vcam [options] -- COMMAND [ARGS...]\n"
+        "Runs COMMAND with virtual USB cameras attached (seen through libusb).\n"
+        "  -n, --cameras N       number of cameras (default 1): two a bus (buses 1..,\n"
+        "                        ports and addresses 2 and 3), each with its own serial\n"
+        "                        and, unless --product is given, its own chip code\n"
+        "                        (E1, E2, E4, E5: one driver row each)\n"
+        "  -f, --fps N           frame rate (default 30; 0 = as fast as the host reads)\n"
+        "      --product TEXT    product string (default VXCAM-E1-R1)\n"
+        "      --vendor TEXT     vendor string (default \"Tevix Virtual\")\n"
+        "      --scene FORMAT    stream the rendered scene in an EPC frame format (1, 2, "
+        "4, 10, 11)\n"
+        "                        instead of the test pattern\n"
+        "      --unit-errors     the scene seen through each unit's own systematic errors\n"
+        "                        (offset per pixel, cyclic error, temperature drift)\n"
+        "      --no-cksum        stream headers without the data checksum\n"
+        "      --full-speed      report a 12 Mbit/s link\n"
+        "      --garbage N       N garbage bytes before the first frame\n"
+        "      --drop N          lose the first N bulk chunks of the stream\n"
+        "      --corrupt N       wrong data checksum in the first N packets\n"
+        "      --busy N          the first N status reads report busy\n"
+        "      --fail TEXT       the first command ends with this error text\n"
+        "      --unplug-after MS unplug every camera MS ms after the command starts\n"
+        "      --replug-after MS plug them back MS ms after the unplug\n"
+        "  -h, --help            this text\n");
 }
 
 struct options {
     int cameras = 1;
     long scene = -1;
+    bool unit_errors = false;
     tevix::emu::camera_config cfg;
     uint32_t garbage = 0, drop = 0, corrupt = 0, busy = 0;
     std::string fail;
@@ -88,7 +92,8 @@ int _parse(int argc, char **argv, options &o) {
         o_fail,
         o_unplug,
         o_replug,
-        o_scene
+        o_scene,
+        o_errors
     };
     static const option longs[] = {{"cameras", required_argument, nullptr, 'n'},
                                    {"fps", required_argument, nullptr, 'f'},
@@ -104,6 +109,7 @@ int _parse(int argc, char **argv, options &o) {
                                    {"unplug-after", required_argument, nullptr, o_unplug},
                                    {"replug-after", required_argument, nullptr, o_replug},
                                    {"scene", required_argument, nullptr, o_scene},
+                                   {"unit-errors", no_argument, nullptr, o_errors},
                                    {"help", no_argument, nullptr, 'h'},
                                    {nullptr, 0, nullptr, 0}};
     int c;
@@ -144,6 +150,8 @@ int _parse(int argc, char **argv, options &o) {
                     return _num(optarg, 0, 86400000, &o.replug_ms);
                 case o_scene:
                     return _num(optarg, 0, 255, &o.scene);
+                case o_errors:
+                    return o.unit_errors = true, true;
                 case 'h':
                     _usage(stdout);
                     std::exit(0);
@@ -184,8 +192,11 @@ int main(int argc, char **argv) {
         std::unique_ptr<tevix::emu::frame_source> src;
         if (o.scene >= 0) {
 #ifdef TEVIX_VCAM_SCENE
-            src = std::make_unique<tevix::emu::scene_renderer>(tevix::emu::scene_config{},
-                                                               static_cast<uint16_t>(o.scene));
+            tevix::emu::scene_config sc;
+            // Each unit's own systematic errors, drawn from its serial number.
+            sc.unit_errors = o.unit_errors;
+            sc.unit_seed = cfg.uid[0] ^ cfg.uid[1] ^ cfg.uid[2];
+            src = std::make_unique<tevix::emu::scene_renderer>(sc, static_cast<uint16_t>(o.scene));
 #else
             std::fprintf(stderr, "tevix-vcam: built without the scene renderer\n");
             return 2;

@@ -146,6 +146,33 @@ pair_planes _reduced(uint32_t f) {
 
 }  // namespace
 
+unit_errors unit_errors::draw(uint32_t seed, uint32_t width, uint32_t height) {
+    unit_errors e;
+    std::mt19937 rng(seed * 2654435761u + 17u);
+    std::uniform_real_distribution<double> u(0.0, 1.0);
+    // A smooth pattern across the array (a few centimetres at most) plus a little per pixel.
+    const double ax = 8 + 10 * u(rng), ay = 6 + 8 * u(rng), px = 6.28 * u(rng), py = 6.28 * u(rng);
+    const double base = -10 + 20 * u(rng);
+    std::normal_distribution<double> grain(0.0, 3.0);
+    e.pixel_mm.resize(size_t{width} * height);
+    for (uint32_t v = 0; v < height; ++v)
+        for (uint32_t x = 0; x < width; ++x)
+            e.pixel_mm[size_t{v} * width + x] =
+                static_cast<float>(base + ax * std::sin(3.0 * x / width + px) +
+                                   ay * std::cos(2.0 * v / height + py) + grain(rng));
+    e.cyclic_amp_mm = 6 + 10 * u(rng);
+    e.cyclic_phase = 6.28 * u(rng);
+    e.drift_board_mm = 8 + 10 * u(rng);
+    e.drift_sensor_mm = 0.5 + 1.5 * u(rng);
+    return e;
+}
+
+double unit_errors::at(uint32_t pixel, double theta, int16_t tcb, int16_t tib) const {
+    if (pixel_mm.empty()) return 0.0;
+    return pixel_mm[pixel] + cyclic_amp_mm * std::sin(4.0 * theta + cyclic_phase) +
+           drift_board_mm * (tcb - 350) / 10.0 + drift_sensor_mm * (tib - 420) / 10.0;
+}
+
 uint32_t scene_time_word(uint32_t hours, uint32_t minutes, uint32_t seconds, uint32_t usec) {
     return (hours & 0x1F) | ((minutes & 0x3F) << 5) | ((seconds & 0x3F) << 11) |
            ((usec / 64) << 17);
@@ -154,6 +181,7 @@ uint32_t scene_time_word(uint32_t hours, uint32_t minutes, uint32_t seconds, uin
 scene_renderer::scene_renderer(const scene_config &cfg, uint16_t format)
     : cfg_(cfg), format_(format) {
     const uint32_t w = cfg_.width, h = cfg_.height, n = w * h;
+    if (cfg_.unit_errors) errors_ = unit_errors::draw(cfg_.unit_seed, w, h);
     dist_.assign(n, 0.0f);
     refl_.assign(n, 0.0f);
     amp_.assign(n, 0.0f);
@@ -231,7 +259,14 @@ void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_des
         const uint32_t ir = _image_row(sr, h);
         for (uint32_t x = 0; x < w; ++x) {
             const uint32_t ii = ir * w + x, si = sr * w + x;
-            const double d = dist_[ii], a = amp_[ii];
+            double d = dist_[ii];
+            const double a = amp_[ii];
+            if (cfg_.unit_errors && d > 0) {
+                // The unit reads the distance its errors make of it, the cyclic part at the
+                // true phase.
+                d += errors_.at(ii, 2.0 * M_PI * std::fmod(d, range) / range, cfg_.tcb, cfg_.tib);
+                d = std::max(d, 0.0);
+            }
             const double theta = 2.0 * M_PI * std::fmod(d, range) / range;
             if (format_ == 11) {
                 s[si] = _sample(noisy(2048 + a));

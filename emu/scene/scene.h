@@ -37,6 +37,21 @@ struct scene_config {
     bool noise = false;            // shot noise on every sample
     uint32_t seed = 1;
     float amp_max = 1900.0f;  // amplitude of a white surface close by (DCS counts)
+    // The unit's own systematic errors, as a real camera has them before calibration: a fixed
+    // offset per pixel, a cyclic error over the phase and a drift with temperature, all drawn
+    // from unit_seed (the virtual camera takes it from the serial number). Off: ideal phases.
+    bool unit_errors = false;
+    uint32_t unit_seed = 0;
+};
+
+// The systematic errors of one emulated unit (see scene_config::unit_errors), in millimetres.
+struct unit_errors {
+    std::vector<float> pixel_mm;                     // per image pixel
+    double cyclic_amp_mm = 0, cyclic_phase = 0;      // amp x sin(4 theta + phase)
+    double drift_board_mm = 0, drift_sensor_mm = 0;  // per degree above 35.0 / 42.0 C
+    static unit_errors draw(uint32_t seed, uint32_t width, uint32_t height);
+    // The error a pixel adds at phase theta (radians) and temperatures tcb, tib (0.1 C).
+    double at(uint32_t pixel, double theta, int16_t tcb, int16_t tib) const;
 };
 
 constexpr uint32_t k_scene_header_bytes = 20;
@@ -53,6 +68,8 @@ class scene_renderer : public frame_source {
     const std::vector<float> &reflectivity() const { return refl_; }
     // Amplitude in DCS counts per image pixel.
     const std::vector<float> &amplitude() const { return amp_; }
+    // The unit's systematic errors (empty pixel_mm when off).
+    const unit_errors &errors() const { return errors_; }
     // Planes of the format and the frame length in bytes.
     uint32_t planes() const;
     uint32_t frame_bytes() const;
@@ -63,6 +80,7 @@ class scene_renderer : public frame_source {
     scene_config cfg_;
     uint16_t format_;
     std::vector<float> dist_, refl_, amp_;
+    unit_errors errors_;
 };
 
 // Time word of the frame header for a time of day: bits 0-4 hours, 5-10 minutes, 11-16

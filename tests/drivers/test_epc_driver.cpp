@@ -944,6 +944,30 @@ TEST_F(epc_fixture, SceneRoundTripNoiseless) {
     EXPECT_LE(k0.max_err, 2.0);
 }
 
+// A unit with its systematic errors: without calibration the decoded distances are off by
+// exactly those errors (per pixel, cyclic, temperature), different for each unit, the same for
+// the same one.
+TEST_F(epc_fixture, SceneUnitErrorsShowUncalibrated) {
+    open();
+    ops()->on_update_mod_freq(drv_, 20000000, 0);
+    tevix::emu::scene_config cfg;
+    cfg.unit_errors = true;
+    cfg.unit_seed = 0x56583031;
+    const round_trip ideal = _round_trip(drv_, tevix::emu::scene_config{}, 2, 0);
+    const round_trip unit = _round_trip(drv_, cfg, 2, 0);
+    EXPECT_LE(ideal.mean_err, 1.0);
+    EXPECT_GT(unit.mean_err, 5.0);  // centimetre-scale errors, as before a calibration
+    tevix::emu::scene_renderer a(cfg, 2), b(cfg, 2);
+    cfg.unit_seed ^= 1;
+    tevix::emu::scene_renderer c(cfg, 2);
+    EXPECT_EQ(a.errors().pixel_mm, b.errors().pixel_mm);
+    EXPECT_NE(a.errors().pixel_mm, c.errors().pixel_mm);
+    // The error model itself: the cyclic part swings over the phase, the drift with temperature.
+    const auto &e = a.errors();
+    EXPECT_NE(e.at(0, 0.0, 350, 420), e.at(0, M_PI / 8, 350, 420));
+    EXPECT_NEAR(e.at(0, 0.0, 450, 420) - e.at(0, 0.0, 350, 420), 10 * e.drift_board_mm, 1e-9);
+}
+
 TEST_F(epc_fixture, SceneRoundTripWithNoise) {
     open();
     ops()->on_update_mod_freq(drv_, 20000000, 0);
