@@ -39,7 +39,10 @@ dpkg -i "$build"/libtevix1_*.deb "$build"/libtevix-dev_*.deb "$build"/tevix-tool
 # The library, its links and the ldconfig trigger.
 [ "$(readlink "$libdir/libtevix.so")" = libtevix.so.1 ] || fail "libtevix.so does not link to libtevix.so.1"
 [ -f "$libdir/$(readlink "$libdir/libtevix.so.1")" ] || fail "libtevix.so.1 points nowhere"
-ldconfig -p | grep -q "libtevix.so.1 " || fail "ldconfig does not know libtevix.so.1"
+# The cache is read whole first: grep -q leaving early would kill ldconfig with SIGPIPE, and
+# pipefail would take that for a miss.
+cache=$(ldconfig -p)
+grep -q "libtevix.so.1 " <<<"$cache" || fail "ldconfig does not know libtevix.so.1"
 
 # udev rules: verified by udevadm where it can, else each rule line checked for its keys.
 [ -f "$rules" ] || fail "no udev rules at $rules"
@@ -81,5 +84,6 @@ for f in "$libdir/libtevix.so.1" "$libdir/libtevix.so" /usr/include/tevix /usr/b
          /usr/lib/python3/dist-packages/tevix; do
     [ -e "$f" ] && fail "$f left after removal"
 done
-ldconfig -p | grep -q "libtevix.so" && fail "ldconfig still lists libtevix"
+cache=$(ldconfig -p)
+grep -q "libtevix.so" <<<"$cache" && fail "ldconfig still lists libtevix"
 echo "install test: packages install, work and remove cleanly"
