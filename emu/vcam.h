@@ -54,6 +54,8 @@ enum param_id : uint8_t {
     k_par_sensor = 7,
     k_par_calib_info = 8,
     k_par_fps = 12,
+    k_par_intg1 = 13,
+    k_par_intg2 = 16,
 };
 
 struct camera_config {
