@@ -41,11 +41,11 @@ T _get(const uint8_t *p) {
 #if defined(__x86_64__) || defined(__i386__)
 // Eight pixels a step, the table read by a gather; the scalar loop's operations in its order.
 VX_TARGET_AVX2 size_t _apply_avx2(const float *table, const int16_t *pix, float pix_scale,
-                                  float add, float top, int32_t *dist, size_t n) {
+                                  float add, float top, float wrap, int32_t *dist, size_t n) {
     const __m256i turn = _mm256_set1_epi32(int32_t(k_phase_turn)), none = _mm256_set1_epi32(-1);
     const __m256 vadd = _mm256_set1_ps(add), vscale = _mm256_set1_ps(pix_scale);
     const __m256 zero = _mm256_setzero_ps(), vtop = _mm256_set1_ps(top);
-    const __m256 half = _mm256_set1_ps(0.5f);
+    const __m256 half = _mm256_set1_ps(0.5f), vwrap = _mm256_set1_ps(wrap);
     size_t i = 0;
     for (; i + 8 <= n; i += 8) {
         const __m256i ph = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(dist + i));
@@ -56,6 +56,10 @@ VX_TARGET_AVX2 size_t _apply_avx2(const float *table, const int16_t *pix, float 
             const __m128i p16 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(pix + i));
             d = _mm256_add_ps(
                 d, _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_cvtepi16_epi32(p16)), vscale));
+        }
+        if (wrap > 0) {
+            d = _mm256_add_ps(d, _mm256_and_ps(_mm256_cmp_ps(d, zero, _CMP_LT_OQ), vwrap));
+            d = _mm256_sub_ps(d, _mm256_and_ps(_mm256_cmp_ps(d, vwrap, _CMP_GE_OQ), vwrap));
         }
         d = _mm256_min_ps(_mm256_max_ps(d, zero), vtop);
         const __m256i r = _mm256_cvttps_epi32(_mm256_add_ps(d, half));
@@ -137,6 +141,41 @@ bool parse_block(std::span<const uint8_t> payload, calib_block &b, const char **
         std::memcpy(b.pixels.data(), at, b.pixels.size() * 2);
     }
     return true;
+}
+
+std::vector<uint8_t> encode_block(const calib_block &b) {
+    std::vector<uint8_t> v(k_drv_hdr);
+    auto put = [&](size_t at, const auto &x) { std::memcpy(v.data() + at, &x, sizeof x); };
+    put(0, b.freq);
+    v[4] = b.ver;
+    put(5, b.ts);
+    v[9] = b.noneed_calc_coeff;
+    put(10, b.box_len_mm);
+    put(12, b.t_cb);
+    put(14, b.t_ib);
+    put(16, b.scale_um);
+    put(20, b.offset_mm);
+    put(24, b.c1);
+    put(28, b.c2);
+    put(32, b.width);
+    put(34, b.height);
+    v[36] = b.tables;
+    auto append = [&](const void *p, size_t n) {
+        if (!n) return;
+        const size_t at = v.size();
+        v.resize(at + n);
+        std::memcpy(v.data() + at, p, n);
+    };
+    if (!b.noneed_calc_coeff) {
+        const auto count = static_cast<uint16_t>(b.truth_mm.size());
+        append(&count, 2);
+        append(b.truth_mm.data(), b.truth_mm.size() * 4);
+        append(b.phases.data(), b.phases.size() * 2);
+        return v;
+    }
+    if (b.tables & k_table_phase) append(b.lut.data(), b.lut.size() * 2);
+    if (b.tables & k_table_pixels) append(b.pixels.data(), b.pixels.size() * 2);
+    return v;
 }
 
 bool calc_coeff(calib_block &b, const char *fn) {
@@ -286,7 +325,7 @@ int mount_block(drv_state &s, uint8_t type, uint32_t *freq, calib_slot &slot) {
 }
 
 void apply_calibration(drv_state &s, calib_slot &slot, uint32_t range, int32_t *dist, uint32_t w,
-                       uint32_t h, bool pixels) {
+                       uint32_t h, bool pixels, float wrap) {
     calib_block &mb = *slot.block;
     const calib_block &b = mb;
     double off = b.offset_mm;
@@ -330,13 +369,17 @@ void apply_calibration(drv_state &s, calib_slot &slot, uint32_t range, int32_t *
     size_t i = 0;
 #if defined(__x86_64__) || defined(__i386__)
     if (tevix::simd::active() == tevix::simd::level::avx2)
-        i = _apply_avx2(table, pix, pix_scale, add, top, dist, n);
+        i = _apply_avx2(table, pix, pix_scale, add, top, wrap, dist, n);
 #endif
     for (; i < n; ++i) {
         const int32_t phase = dist[i];
         if (uint32_t(phase) >= k_phase_turn) continue;  // invalid (65500)
         float d = table[phase] + add;
         if (pix) d += float(pix[i]) * pix_scale;
+        if (wrap > 0) {
+            d = d < 0.0f ? d + wrap : d;
+            d = d >= wrap ? d - wrap : d;
+        }
         d = std::min(std::max(d, 0.0f), top);
         dist[i] = static_cast<int32_t>(d + 0.5f);
     }

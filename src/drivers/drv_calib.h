@@ -71,6 +71,11 @@ bool parse_drv_hdr(std::span<const uint8_t> payload, calib_block &b);
 // reason in *why) for a malformed block.
 bool parse_block(std::span<const uint8_t> payload, calib_block &b, const char **why);
 
+// The payload of a block as parse_block reads it: the driver header, then the measurements when
+// noneed_calc_coeff is 0 (truth_mm and phases), else the tables the tables field names (lut,
+// pixels). The writer of the calibration station and of tests.
+std::vector<uint8_t> encode_block(const calib_block &b);
+
 // Fits a measurement block into its tables, scale and offset; false (logged under fn) for data
 // that decide nothing (no valid pixel, one distance only).
 bool calc_coeff(calib_block &b, const char *fn = "_calc_calib_coeff");
@@ -89,8 +94,10 @@ void list_freq(drv_state &s, uint32_t f);
 // invalid) and gets calibrated millimetres: phase x scale_um / 1000 x range / 32768, plus the
 // phase table at (phase >> 2) & 0x1FFF, plus the pixel's own offset when pixels is set (the DRNU
 // decode) and the table fits w x h, then the system scale and offset, the block's offset less the
-// temperature drift since calibration, and the distance offset filter.
+// temperature drift since calibration, and the distance offset filter. With wrap (the range in
+// mm) the result is taken modulo the range instead of held at 0, as dual-frequency unwrapping
+// needs: the corrections move a distance across the wrap.
 void apply_calibration(drv_state &s, calib_slot &slot, uint32_t range, int32_t *dist, uint32_t w,
-                       uint32_t h, bool pixels);
+                       uint32_t h, bool pixels, float wrap = 0);
 
 }  // namespace tevix::drv
