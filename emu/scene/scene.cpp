@@ -167,10 +167,12 @@ unit_errors unit_errors::draw(uint32_t seed, uint32_t width, uint32_t height) {
     return e;
 }
 
-double unit_errors::at(uint32_t pixel, double theta, int16_t tcb, int16_t tib) const {
+double unit_errors::at(uint32_t pixel, double d, double range, int16_t tcb, int16_t tib) const {
     if (pixel_mm.empty()) return 0.0;
-    return pixel_mm[pixel] + cyclic_amp_mm * std::sin(4.0 * theta + cyclic_phase) +
-           drift_board_mm * (tcb - 350) / 10.0 + drift_sensor_mm * (tib - 420) / 10.0;
+    const double e = pixel_mm[pixel] + drift_board_mm * (tcb - 350) / 10.0 +
+                     drift_sensor_mm * (tib - 420) / 10.0;
+    const double theta = 2.0 * M_PI * std::fmod(std::max(d + e, 0.0), range) / range;
+    return e + cyclic_amp_mm * std::sin(4.0 * theta + cyclic_phase);
 }
 
 uint32_t scene_time_word(uint32_t hours, uint32_t minutes, uint32_t seconds, uint32_t usec) {
@@ -324,10 +326,8 @@ void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_des
             double d = dist_[ii];
             const double a = amp_[ii];
             if (cfg_.unit_errors && d > 0) {
-                // The unit reads the distance its errors make of it, the cyclic part at the
-                // true phase.
-                d += errors_.at(ii, 2.0 * M_PI * std::fmod(d, range) / range, cfg_.tcb, cfg_.tib);
-                d = std::max(d, 0.0);
+                // The unit reads the distance its errors make of it.
+                d = std::max(d + errors_.at(ii, d, range, cfg_.tcb, cfg_.tib), 0.0);
             }
             const double theta = 2.0 * M_PI * std::fmod(d, range) / range;
             if (format_ == 11) {

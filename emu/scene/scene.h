@@ -59,8 +59,10 @@ struct unit_errors {
     double cyclic_amp_mm = 0, cyclic_phase = 0;      // amp x sin(4 theta + phase)
     double drift_board_mm = 0, drift_sensor_mm = 0;  // per degree above 35.0 / 42.0 C
     static unit_errors draw(uint32_t seed, uint32_t width, uint32_t height);
-    // The error a pixel adds at phase theta (radians) and temperatures tcb, tib (0.1 C).
-    double at(uint32_t pixel, double theta, int16_t tcb, int16_t tib) const;
+    // The error a pixel adds to a true distance d (mm) at a frequency's unambiguous range and
+    // temperatures tcb, tib (0.1 C): its offset and the drift, then the cyclic error at the phase
+    // the distance so far gives, as the sensor's wiggling follows the phase it measures.
+    double at(uint32_t pixel, double d, double range, int16_t tcb, int16_t tib) const;
 };
 
 constexpr uint32_t k_scene_header_bytes = 20;

@@ -965,8 +965,13 @@ TEST_F(epc_fixture, SceneUnitErrorsShowUncalibrated) {
     EXPECT_NE(a.errors().pixel_mm, c.errors().pixel_mm);
     // The error model itself: the cyclic part swings over the phase, the drift with temperature.
     const auto &e = a.errors();
-    EXPECT_NE(e.at(0, 0.0, 350, 420), e.at(0, M_PI / 8, 350, 420));
-    EXPECT_NEAR(e.at(0, 0.0, 450, 420) - e.at(0, 0.0, 350, 420), 10 * e.drift_board_mm, 1e-9);
+    const double range = tevix::epc::range_mm(20000000);
+    EXPECT_NE(e.at(0, 1000, range, 350, 420), e.at(0, 1000 + range / 16, range, 350, 420));
+    // The cyclic part follows the phase the other errors lead to: 10 C warmer reads as the
+    // distance the drift adds would.
+    const double drift = 10 * e.drift_board_mm;
+    EXPECT_NEAR(e.at(0, 1000, range, 450, 420), e.at(0, 1000 + drift, range, 350, 420) + drift,
+                1e-9);
 }
 
 TEST_F(epc_fixture, SceneRoundTripWithNoise) {
