@@ -61,6 +61,8 @@ enum param_id : uint8_t {
     k_par_sensor = 7,
     k_par_calib_info = 8,
     k_par_fps = 12,
+    k_par_intg1 = 13,
+    k_par_intg2 = 16,
     // The scene control only the virtual camera answers, a host-side handle on what a
     // calibration station moves: u32 distance of a flat target along the optical axis in mm
     // (0: the room scene), s16 board and s16 sensor temperature in 0.1 C, u8 flags (bit 0: shot

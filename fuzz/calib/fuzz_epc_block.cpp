@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if ((b.tables & 1) != !b.lut.empty()) __builtin_trap();
     if (b.pixels.size() != ((b.tables & 2) ? size_t{b.width} * b.height : 0)) __builtin_trap();
     tevix::epc::epc_priv p;
-    p.block = std::make_unique<tevix::epc::calib_block>(std::move(b));
+    p.slot.block = std::make_unique<tevix::epc::calib_block>(std::move(b));
     p.calib_mounted = 1;
     p.range = 7494;
     std::vector<int32_t> phases(64);

@@ -46,7 +46,7 @@ class epc_fixture : public ::testing::Test {
         if (drv_) drv_->dev = nullptr;
         dev_.reset();
     }
-    tevix::epc::epc_priv *p() { return static_cast<tevix::epc::epc_priv *>(drv_->priv); }
+    tevix::epc::epc_priv *p() { return tevix::epc::priv_of(drv_); }
     tevix_drv_ops *ops() { return drv_->ops; }
 
     tevix_frame_info_t info_of(const std::vector<uint8_t> &raw) {
@@ -536,7 +536,7 @@ void _mount(tevix::epc::epc_priv *p, uint32_t freq, int16_t lut_mm, uint32_t w =
     b->width = uint16_t(w);
     b->height = uint16_t(h);
     b->pixels.assign(size_t{w} * h, pix_mm);
-    p->block = std::move(b);
+    p->slot.block = std::move(b);
     p->calib_mounted = 1;
 }
 
@@ -1207,10 +1207,10 @@ TEST_F(epc_fixture, CalibrationComposition) {
     open();
     ops()->on_update_mod_freq(drv_, 20000000, 0);
     _mount(p(), 20000000, 10);
-    p()->block->scale_um = 1010;
-    p()->block->offset_mm = -30;
-    p()->block->t_cb = 250;  // 5 C colder board than now
-    p()->block->t_ib = 300;  // 5 C colder sensor
+    p()->slot.block->scale_um = 1010;
+    p()->slot.block->offset_mm = -30;
+    p()->slot.block->t_cb = 250;  // 5 C colder board than now
+    p()->slot.block->t_ib = 300;  // 5 C colder sensor
     p()->tcb = 300;
     p()->tib = 350;
     p()->sys_scale = 1.5f;
@@ -1229,11 +1229,11 @@ TEST_F(epc_fixture, CalibrationComposition) {
     EXPECT_EQ(phase[3], int32_t(tevix::epc::k_dist_invalid));
 
     // Every tier gives the scalar bits, with and without the per-pixel table.
-    p()->block->width = 37;
-    p()->block->height = 3;
-    p()->block->pixels.assign(37 * 3, 0);
-    for (size_t i = 0; i < p()->block->pixels.size(); ++i)
-        p()->block->pixels[i] = int16_t(int(i * 37 % 200) - 100);
+    p()->slot.block->width = 37;
+    p()->slot.block->height = 3;
+    p()->slot.block->pixels.assign(37 * 3, 0);
+    for (size_t i = 0; i < p()->slot.block->pixels.size(); ++i)
+        p()->slot.block->pixels[i] = int16_t(int(i * 37 % 200) - 100);
     std::vector<int32_t> phases(37 * 3);
     for (size_t i = 0; i < phases.size(); ++i)
         phases[i] = i % 11 == 0 ? int32_t(tevix::epc::k_dist_invalid) : int32_t(i * 2963 % 32768);
@@ -1337,7 +1337,7 @@ TEST(EpcCalibFit, MeasurementsFitIntoTables) {
         p.freq = freq;
         p.c1 = f.c1;
         p.c2 = f.c2;
-        p.block = std::make_unique<tevix::epc::calib_block>(f);
+        p.slot.block = std::make_unique<tevix::epc::calib_block>(f);
         p.calib_mounted = 1;
         double worst = 0;
         for (size_t k = 0; k < ms.size(); ++k) {
