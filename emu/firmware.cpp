@@ -65,6 +65,13 @@ firmware::firmware(const camera_config &cfg) {
     v.clear();
     _put32(v, cfg.mod_freq);
     params_[k_par_mod_freq] = v;
+    // Integration times as the camera starts: 500 us, no second one (no HDR).
+    v.clear();
+    _put16(v, 500);
+    params_[k_par_intg1] = v;
+    v.clear();
+    _put16(v, 0);
+    params_[k_par_intg2] = v;
     if (cfg.frame_format) {
         v.clear();
         _put32(v, cfg.frame_format);

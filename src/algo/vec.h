@@ -80,4 +80,31 @@ VX_INLINE V vmax(const V &a, const V &b) {
     return a < b ? b : a;
 }
 
+// True when every bit of v is zero: one vector test for all lanes. Plain assembly, because the
+// intrinsics would need the target attribute on every template between the kernel body and its
+// wrapper; 16-byte vectors are the SSE4.1 tier's (the AVX2 tier's are 32 bytes).
+template <class V>
+VX_INLINE bool all_zero(const V &v) {
+#if defined(__x86_64__) || defined(__i386__)
+    if constexpr (sizeof(V) == 32) {
+        bool z;
+        asm("vptest %1, %1" : "=@ccz"(z) : "x"(v));
+        return z;
+    } else if constexpr (sizeof(V) == 16) {
+        bool z;
+        asm("ptest %1, %1" : "=@ccz"(z) : "x"(v));
+        return z;
+    }
+#endif
+    if constexpr (sizeof(V) <= sizeof(uint64_t)) {
+        return v == 0;
+    } else {
+        uint64_t w[sizeof(V) / 8];
+        std::memcpy(w, &v, sizeof w);
+        uint64_t any = 0;
+        for (uint64_t x : w) any |= x;
+        return any == 0;
+    }
+}
+
 }  // namespace tevix::algo
