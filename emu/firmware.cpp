@@ -77,6 +77,12 @@ firmware::firmware(const camera_config &cfg) {
         _put32(v, cfg.frame_format);
         params_[k_par_frame_format] = v;
     }
+    if (cfg.dual_freq[0] && cfg.dual_freq[1]) {
+        v.clear();
+        _put32(v, cfg.dual_freq[0]);
+        _put32(v, cfg.dual_freq[1]);
+        params_[k_par_dual_freq] = v;
+    }
     // Lens intrinsics, floats in 16-byte pieces: cx cy fx fy, d0..d3, d4.
     if (cfg.lens.size() == 9) {
         const uint8_t ids[3] = {k_par_lens0, k_par_lens1, k_par_lens2};

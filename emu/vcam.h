@@ -95,10 +95,11 @@ struct camera_config {
     uint32_t fps = 30;                                   // 0: as fast as the host takes data
     uint32_t mod_freq = 20000000;                        // modulation frequency, Hz
     bool data_cksum = true;
-    uint32_t packet_payload = 153564;    // payload bytes per stream header (multiple of 4)
-    uint16_t width = 320, height = 240;  // the sensor's full image (geometry parameter)
-    uint32_t frame_format = 0;           // parameter 10 at start; 0: not set
-    std::vector<float> lens;             // cx, cy, fx, fy, d0..d4 as parameters 22, 86, 87
+    uint32_t packet_payload = 153564;     // payload bytes per stream header (multiple of 4)
+    uint16_t width = 320, height = 240;   // the sensor's full image (geometry parameter)
+    uint32_t frame_format = 0;            // parameter 10 at start; 0: not set
+    std::array<uint32_t, 2> dual_freq{};  // parameter 21 at start (both 0: not set)
+    std::vector<float> lens;              // cx, cy, fx, fy, d0..d4 as parameters 22, 86, 87
 };
 
 // One command the firmware received (status reads are not logged).

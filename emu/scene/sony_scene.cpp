@@ -92,6 +92,27 @@ std::vector<uint16_t> sony_renderer::station_phases(double truth_mm, uint32_t f)
     return out;
 }
 
+tevix::drv::calib_block sony_renderer::station_block(uint32_t f,
+                                                     const std::vector<float> &truths_mm) const {
+    tevix::drv::calib_block b;
+    b.freq = f;
+    b.ver = 1;
+    b.ts = 1;
+    b.box_len_mm = 1200;
+    b.t_cb = cfg_.tcb;
+    b.t_ib = cfg_.tib;
+    b.c1 = 13.78f;
+    b.c2 = 1.183f;
+    b.width = static_cast<uint16_t>(cfg_.width);
+    b.height = static_cast<uint16_t>(cfg_.height);
+    b.truth_mm = truths_mm;
+    for (float t : truths_mm) {
+        const std::vector<uint16_t> ph = station_phases(t, f);
+        b.phases.insert(b.phases.end(), ph.begin(), ph.end());
+    }
+    return b;
+}
+
 vx_frame_desc_t sony_renderer::describe() const {
     vx_frame_desc_t d{};
     d.frlen = frame_bytes();

@@ -28,6 +28,7 @@
 #include <span>
 #include <vector>
 
+#include "drivers/drv_calib.h"
 #include "scene/scene.h"
 
 namespace tevix::emu {
@@ -57,6 +58,9 @@ class sony_renderer : public frame_source {
     // A calibration station's view: the phase (1/32768 turn) each pixel measures at frequency f
     // when it sees a target at radial distance truth_mm, the unit's errors included.
     std::vector<uint16_t> station_phases(double truth_mm, uint32_t f) const;
+    // The station's measurement block for frequency f with the target at each of truths_mm
+    // (within f's range), at the scene's temperatures: the driver fits it at mount.
+    tevix::drv::calib_block station_block(uint32_t f, const std::vector<float> &truths_mm) const;
     bool under_header(uint32_t x, uint32_t y) const { return y == 0 && x < 20; }
     const std::vector<float> &truth_mm() const { return geo_.truth_mm(); }
     const std::vector<float> &amplitude() const { return geo_.amplitude(); }

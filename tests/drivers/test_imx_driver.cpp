@@ -283,8 +283,8 @@ TEST(ImxFormat, LayoutWords) {
         uint16_t format;
         uint32_t word, min_n;
     } cases[] = {{2, 4, 8},      {10, 769, 2},  {138, 769, 2}, {130, 769, 2}, {13, 514, 4},
-                 {142, 1028, 4}, {14, 1284, 4}, {15, 8, 4},   {16, 1538, 3}, {145, 1796, 6},
-                 {17, 2052, 6},  {1, 0, 0},     {3, 0, 0},    {11, 0, 0},    {171, 0, 0}};
+                 {142, 1028, 4}, {14, 1284, 4}, {15, 8, 4},    {16, 1538, 3}, {145, 1796, 6},
+                 {17, 2052, 6},  {1, 0, 0},     {3, 0, 0},     {11, 0, 0},    {171, 0, 0}};
     for (const auto &c : cases) {
         const tevix::imx::layout l = tevix::imx::layout_of(c.format);
         EXPECT_EQ(l.word, c.word) << c.format;
@@ -540,6 +540,148 @@ TEST_F(imx_fixture, FilterSwitchesRoiAndFrameInformation) {
     EXPECT_EQ(info.size, 153600u);
     EXPECT_EQ(log.count("frame: fmt=13, sz=153600, wxh = 320x240"), 1);
     EXPECT_EQ(log.count("idx:7,0x0"), 1);
+}
+
+// ---- Calibration: type-2 blocks per frequency in the device's container.
+
+class imx_calib : public imx_fixture {
+  protected:
+    void SetUp() override {
+        prefix_ = dir_.path().string() + "/";
+        open();
+        dev_->dev()->path_prefix = prefix_.c_str();
+        char name[512];
+        path_ = tevix_get_param_absolute_name(dev_->dev(), name, sizeof name);
+        dev_->cam().set_u32(TEVIX_PARAM_MOD_FREQ, 100000000);
+    }
+    void write(const std::vector<tevix::drv::calib_block> &blocks) {
+        tevix::calib::param_container c;
+        c.ts = 100;
+        for (const auto &b : blocks) c.blocks.push_back({2, tevix::drv::encode_block(b)});
+        ASSERT_TRUE(tevix::calib::param_container_write(path_, c));
+    }
+    static tevix::drv::calib_block tables(uint32_t f, int16_t lut_mm, int16_t pix_mm) {
+        tevix::drv::calib_block b;
+        b.freq = f;
+        b.ver = 1;
+        b.noneed_calc_coeff = 1;
+        b.box_len_mm = 1200;
+        b.t_cb = 350;
+        b.t_ib = 420;
+        b.width = k_w;
+        b.height = k_h;
+        b.tables = 3;
+        b.lut.assign(tevix::drv::k_phase_lut, lut_mm);
+        b.pixels.assign(k_n, pix_mm);
+        return b;
+    }
+    tevix::test::temp_dir dir_;
+    std::string prefix_, path_;
+};
+
+// Blocks mount for f0 alone and for a pair; a frequency the file lacks leaves the defaults; the
+// decode follows: the phase table always, the per-pixel table with pixel calibration on.
+TEST_F(imx_calib, SingleAndDualBlocksMount) {
+    write({tables(100000000, 20, 7), tables(80000000, 30, 7)});
+    log_capture log;
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    EXPECT_EQ(log.count("No valid calib data on dev, use local cache!"), 1);
+    EXPECT_EQ(log.count("adapting to device MOD_FREQ : [100000000, 0] HZ"), 1);
+    EXPECT_EQ(
+        log.count("Calib data loaded [freq=100.0, DRNU_LUT]: box_len: 120.0 cm, temp: cb=350, "
+                  "ib=420, scale_um/offset_mm = 1000/0"),
+        1);
+    uint32_t list[4], count = 0;
+    EXPECT_EQ(ops()->calib_freq_list_get(drv_, list, &count), 2u);
+    EXPECT_EQ(list[1], 80000000u);
+    EXPECT_TRUE(tevix::imx::calib_valid(p()));
+
+    tevix::emu::scene_config cfg = tevix::emu::sony_scene_config();
+    cfg.room_back_mm = 1400;
+    tevix::emu::sony_renderer r(cfg, 13);
+    r.set_freqs(100000000, 100000000);
+    std::vector<uint16_t> raw0, lut, drnu;
+    ASSERT_EQ(decode(r, 0, raw0), int32_t(2 * k_n));
+    ASSERT_EQ(decode(r, 1, lut), int32_t(2 * k_n));
+    ASSERT_TRUE(ops()->filter_enable(drv_, TEVIX_FILTER_PIX_CALIB, nullptr));
+    ASSERT_EQ(decode(r, 1, drnu), int32_t(2 * k_n));
+    const uint32_t c = (k_h / 2) * k_w + k_w / 2;
+    EXPECT_NEAR(lut[c], raw0[c] + 20, 1);
+    EXPECT_NEAR(drnu[c], raw0[c] + 27, 1);
+
+    // The pair: both blocks, R0 and R1 each; 80 MHz alone is in the file too.
+    ops()->on_update_mod_freq(drv_, 100000000, 80000000);
+    EXPECT_TRUE(tevix::imx::calib_valid(p()));
+    ASSERT_NE(p()->slot1.block, nullptr);
+    EXPECT_EQ(p()->slot1.block->freq, 80000000u);
+    ops()->on_update_mod_freq(drv_, 100000000, 20000000);
+    EXPECT_FALSE(tevix::imx::calib_valid(p()));
+    EXPECT_EQ(log.count("No calib data : freq=100000000. Use default scale_um/offset_mm = 1000/0"),
+              1);
+    EXPECT_FALSE(ops()->filter_enable(drv_, TEVIX_FILTER_PIX_CALIB, nullptr));
+}
+
+// A device at a frequency the file does not calibrate is set to the first one it does.
+TEST_F(imx_calib, DeviceSetToTheFirstCalibratedFrequency) {
+    write({tables(80000000, 0, 0), tables(100000000, 0, 0)});
+    dev_->cam().set_u32(TEVIX_PARAM_MOD_FREQ, 20000000);
+    log_capture log;
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    EXPECT_EQ(log.count("set device freq to first calibrated freq: 80000000"), 1);
+    uint32_t written;
+    std::memcpy(&written, dev_->cam().writes_of(TEVIX_PARAM_MOD_FREQ).back().data(), 4);
+    EXPECT_EQ(written, 80000000u);
+    EXPECT_EQ(p()->f0, 80000000u);
+    EXPECT_TRUE(tevix::imx::calib_valid(p()));
+    // A dual format whose pair the device cannot tell: the single frequency, said so.
+    dev_->cam().set_u32(TEVIX_PARAM_FRM_FMT, 17);
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    EXPECT_EQ(log.count("Get current dual mod freq failed"), 1);
+    // No file at all and an unreadable frequency: the device runs at 100 MHz uncalibrated.
+    std::remove(path_.c_str());
+    dev_->cam().fail_param_get = true;
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    dev_->cam().fail_param_get = false;
+    EXPECT_EQ(log.count("calib not valid: set freq to 100000000"), 1);
+    EXPECT_FALSE(tevix::imx::calib_valid(p()));
+}
+
+// A unit with its systematic errors, calibrated by a station's measurements of each frequency:
+// the calibrated decode removes most of the error, in single and in dual frequency.
+TEST_F(imx_calib, StationCalibrationRemovesTheUnitsErrors) {
+    tevix::emu::scene_config cfg = tevix::emu::sony_scene_config();
+    cfg.unit_errors = true;
+    cfg.unit_seed = 0x1234;
+    cfg.room_back_mm = 6200;
+    tevix::emu::sony_renderer r(cfg, 17);
+    write({r.station_block(100000000, {150, 330, 520, 710, 900, 1090, 1280, 1440}),
+           r.station_block(80000000, {150, 380, 610, 840, 1070, 1300, 1530, 1800})});
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    ASSERT_TRUE(ops()->filter_enable(drv_, TEVIX_FILTER_PIX_CALIB, nullptr));
+    ops()->on_update_mod_freq(drv_, 100000000, 80000000);
+    r.set_freqs(100000000, 80000000);
+    ASSERT_TRUE(tevix::imx::calib_valid(p()));
+    std::vector<uint16_t> raw, cal;
+    ASSERT_EQ(decode(r, 0, raw), int32_t(2 * k_n));
+    ASSERT_EQ(decode(r, 1, cal), int32_t(2 * k_n));
+    const accuracy before = _accuracy(r, raw, 6000), after = _accuracy(r, cal, 6000);
+    std::cout << "dual, unit errors: uncalibrated mean " << before.mean << " p95 " << before.p95
+              << " mm; calibrated mean " << after.mean << " p95 " << after.p95 << " mm\n";
+    EXPECT_GT(before.mean, 5.0);
+    EXPECT_LT(after.mean, before.mean / 3);
+    EXPECT_GT(after.valid, after.checked * 99 / 100);
+    // f0 alone (format 16) through its block, on the same unit before a near wall.
+    ops()->on_update_mod_freq(drv_, 100000000, 0);
+    cfg.room_back_mm = 1400;
+    tevix::emu::sony_renderer near(cfg, 16);
+    near.set_freqs(100000000, 100000000);
+    ASSERT_EQ(decode(near, 0, raw), int32_t(2 * k_n));
+    ASSERT_EQ(decode(near, 1, cal), int32_t(2 * k_n));
+    const accuracy b1 = _accuracy(near, raw, 1490), a1 = _accuracy(near, cal, 1490);
+    std::cout << "100 MHz, unit errors: uncalibrated mean " << b1.mean << " mm; calibrated mean "
+              << a1.mean << " p95 " << a1.p95 << " mm\n";
+    EXPECT_GT(a1.checked, 100000u);
+    EXPECT_LT(a1.mean, b1.mean / 3);
 }
 
 }  // namespace
