@@ -71,9 +71,11 @@ struct calib_block {
     std::vector<uint16_t> phases;
     std::vector<uint8_t> ns, nf, nc;
     bool lists = false;
-    // Built for the decode: millimetres of every phase (scale, range, phase table and system
-    // scale folded in) for the factor and system scale they were built with.
-    std::vector<float> phase_mm;
+    // Built for the decode: the phase table in millimetres with the system scale folded in, and
+    // millimetres per phase unit (scale, range and system scale), for the factor and system
+    // scale they were built with.
+    std::vector<float> lut_mm;
+    float per_phase = 0;
     double built_factor = 0, built_sys = 0;
 };
 

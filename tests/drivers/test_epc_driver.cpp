@@ -1179,6 +1179,18 @@ TEST_F(epc_calib_file, LoadDecidesFileAndFrequency) {
 TEST_F(epc_calib_file, DamagedBlocksLeaveTheDefaults) {
     auto cut = _block({20000000, 50});
     cut.pop_back();
+    // Station measurements that decide nothing: no valid pixel, or one phase everywhere.
+    auto measured = [](uint16_t phase) {
+        tevix::epc::calib_block m;
+        m.freq = 20000000;
+        m.width = 4;
+        m.height = 2;
+        m.truth_mm = {1000, 2000};
+        m.meas_cb = {300, 300};
+        m.meas_ib = {350, 350};
+        m.phases.assign(16, phase);
+        return tevix::epc::block_payload(m);
+    };
     const struct {
         std::vector<tevix::calib::param_block> blocks;
         const char *line;
@@ -1188,6 +1200,8 @@ TEST_F(epc_calib_file, DamagedBlocksLeaveTheDefaults) {
         {{{1, {1, 2, 3}}}, "read par_drv_hdr failed"},
         {{{1, _block({20000000, 50, 0, 0})}}, "parse calib file failed: bad table size"},
         {{{1, _block({20000000, 50, 0, 1, -5})}}, "parse calib file failed: scale out of range"},
+        {{{1, measured(65500)}}, "LSR FIT failed: 2 measurements of 4x2"},
+        {{{1, measured(9000)}}, "LSR FIT failed: 2 measurements of 4x2"},
     };
     for (const auto &c : cases) {
         write(c.blocks);
