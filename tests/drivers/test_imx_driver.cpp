@@ -384,6 +384,40 @@ TEST_F(imx_fixture, DualFrequencyUnwrapsTheDeepScene) {
     EXPECT_GT(_accuracy(r, d, 6000).far_off, deep.checked / 2);
 }
 
+// Shot noise at the scene's usual amplitudes, mode by mode (the README's accuracy table): nearly
+// every pixel kept, centimetre-free errors, no pair mis-wrapped.
+TEST_F(imx_fixture, AccuracyWithNoise) {
+    open();
+    const struct {
+        const char *mode;
+        uint16_t format;
+        uint32_t f0, f1;
+        double room_mm, limit_mm, p95_mm;
+    } cases[] = {
+        {"single 20 MHz, format 2", 2, 20000000, 0, 4800, 1e9, 12},
+        {"single 100 MHz, format 16 (near wall)", 16, 100000000, 0, 1400, 1490, 3},
+        {"dual 100 + 80 MHz, format 17", 17, 100000000, 80000000, 6200, 6000, 8},
+        {"dual 100 + 80 MHz, format 14", 14, 100000000, 80000000, 6200, 6000, 10},
+    };
+    for (const auto &c : cases) {
+        tevix::emu::scene_config cfg = tevix::emu::sony_scene_config();
+        cfg.noise = true;
+        cfg.seed = 17;
+        cfg.room_back_mm = c.room_mm;
+        tevix::emu::sony_renderer r(cfg, c.format);
+        r.set_freqs(c.f0, c.f1 ? c.f1 : c.f0);
+        ops()->on_update_mod_freq(drv_, c.f0, c.f1);
+        std::vector<uint16_t> d;
+        ASSERT_EQ(decode(r, 1, d), int32_t(2 * k_n));
+        const accuracy a = _accuracy(r, d, c.limit_mm, 100);
+        std::cout << c.mode << ": mean " << a.mean << " mm, p95 " << a.p95 << " mm, invalid "
+                  << 100.0 * (a.checked - a.valid) / a.checked << " %\n";
+        EXPECT_GT(a.valid, a.checked * 999 / 1000) << c.mode;
+        EXPECT_LT(a.p95, c.p95_mm) << c.mode;
+        EXPECT_EQ(a.far_off, 0u) << c.mode;
+    }
+}
+
 // Weak signal with noise: pixels whose two phases disagree are marked invalid, none is unwrapped
 // to a wrong wrap.
 TEST_F(imx_fixture, DualFrequencyMarksDisagreeingPixels) {
