@@ -18,6 +18,7 @@
 #include "drivers/sony/imx_format.h"
 #include "drivers/sony/imx_priv.h"
 #include "scene/sony_scene.h"
+#include "scene_accuracy.h"
 #include "tele/vxtele.h"
 #include "test_util.h"
 #include "tevix/tevix.h"
@@ -78,34 +79,11 @@ class imx_fixture : public ::testing::Test {
     tevix_drv_t *drv_ = nullptr;
 };
 
-struct accuracy {
-    uint32_t checked = 0, valid = 0, far_off = 0;
-    double mean = 0, p95 = 0, max = 0;
-};
+using tevix::test::accuracy;
 
-// Decoded distances against the truth, over the pixels whose truth is below limit_mm.
 accuracy _accuracy(const tevix::emu::sony_renderer &r, const std::vector<uint16_t> &d,
                    double limit_mm, double far_mm = 100) {
-    accuracy a;
-    std::vector<double> errs;
-    for (uint32_t y = 0; y < k_h; ++y)
-        for (uint32_t x = 0; x < k_w; ++x) {
-            const double t = r.truth_mm()[y * k_w + x];
-            if (r.under_header(x, y) || t <= 0 || t >= limit_mm) continue;
-            ++a.checked;
-            const uint16_t v = d[y * k_w + x];
-            if (v == 0 || v >= 60001) continue;
-            ++a.valid;
-            errs.push_back(std::fabs(v - t));
-            if (errs.back() > far_mm) ++a.far_off;
-        }
-    if (errs.empty()) return a;
-    std::sort(errs.begin(), errs.end());
-    for (double e : errs) a.mean += e;
-    a.mean /= double(errs.size());
-    a.p95 = errs[errs.size() * 95 / 100];
-    a.max = errs.back();
-    return a;
+    return tevix::test::scene_accuracy(r, d, limit_mm, far_mm);
 }
 
 TEST_F(imx_fixture, InitReadsTheLensFromTheDeviceAndRegistersItsSettings) {

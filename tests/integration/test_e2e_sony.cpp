@@ -16,6 +16,7 @@
 #include "calib/calib_writer.h"
 #include "drivers/drv_calib.h"
 #include "scene/sony_scene.h"
+#include "scene_accuracy.h"
 #include "test_util.h"
 #include "tevix/tevix.h"
 #include "vcam.h"
@@ -82,30 +83,10 @@ uint32_t _fw_u32(int unit, uint8_t id) {
     });
 }
 
-struct accuracy {
-    uint32_t checked = 0, valid = 0;
-    double mean = 0, p95 = 0, max = 0;
-};
+using tevix::test::accuracy;
 
 accuracy _accuracy(int unit, const std::vector<uint16_t> &mm, double limit_mm) {
-    const tevix::emu::sony_renderer &r = *sony_env::scene(unit);
-    accuracy a;
-    std::vector<double> errs;
-    for (uint32_t i = 0; i < k_n; ++i) {
-        const double t = r.truth_mm()[i];
-        if (r.under_header(i % k_w, i / k_w) || t <= 0 || t >= limit_mm) continue;
-        ++a.checked;
-        if (mm[i] == 0 || mm[i] >= 60001) continue;
-        ++a.valid;
-        errs.push_back(std::fabs(mm[i] - t));
-    }
-    if (errs.empty()) return a;
-    std::sort(errs.begin(), errs.end());
-    for (double e : errs) a.mean += e;
-    a.mean /= double(errs.size());
-    a.p95 = errs[errs.size() * 95 / 100];
-    a.max = errs.back();
-    return a;
+    return tevix::test::scene_accuracy(*sony_env::scene(unit), mm, limit_mm);
 }
 
 class sony_e2e : public ::testing::Test {
