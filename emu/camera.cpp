@@ -361,6 +361,7 @@ void camera::_producer() {
         const uint32_t corrupt = corrupt_n_;
         upload_frame up;
         const bool upload = fw_.dev_mode() == 9 && fw_.next_upload_frame(up.index, up.bytes);
+        if (!upload) src_->configure([this](uint8_t id) { return fw_.param(id); });
         lk.unlock();
         _build_frame(idx, pkt, upload ? &up : nullptr);
         if (corrupt) {

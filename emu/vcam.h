@@ -23,10 +23,16 @@
 
 namespace tevix::emu {
 
+// A firmware parameter's value bytes by id (empty when unset).
+using param_reader = std::function<std::vector<uint8_t>(uint8_t id)>;
+
 // Renders the raw frames the camera streams. The EPC scene renderer is another source.
 class frame_source {
   public:
     virtual ~frame_source() = default;
+    // Before each frame, under the camera's lock: the source may follow the firmware's
+    // parameters (frame format, frequencies, integration times).
+    virtual void configure(const param_reader &) {}
     // frlen, frfmt, width and height of the frames (fridx is set by the camera).
     virtual vx_frame_desc_t describe() const = 0;
     // Fills out (describe().frlen bytes) with frame number index; may fill desc's temperatures
@@ -60,9 +66,14 @@ enum param_id : uint8_t {
     k_par_version = 6,
     k_par_sensor = 7,
     k_par_calib_info = 8,
+    k_par_frame_format = 10,
     k_par_fps = 12,
     k_par_intg1 = 13,
     k_par_intg2 = 16,
+    k_par_dual_freq = 21,
+    k_par_lens0 = 22,
+    k_par_lens1 = 86,
+    k_par_lens2 = 87,
     // The scene control only the virtual camera answers, a host-side handle on what a
     // calibration station moves: u32 distance of a flat target along the optical axis in mm
     // (0: the room scene), s16 board and s16 sensor temperature in 0.1 C, u8 flags (bit 0: shot
@@ -84,7 +95,11 @@ struct camera_config {
     uint32_t fps = 30;                                   // 0: as fast as the host takes data
     uint32_t mod_freq = 20000000;                        // modulation frequency, Hz
     bool data_cksum = true;
-    uint32_t packet_payload = 153564;  // payload bytes per stream header (multiple of 4)
+    uint32_t packet_payload = 153564;     // payload bytes per stream header (multiple of 4)
+    uint16_t width = 320, height = 240;   // the sensor's full image (geometry parameter)
+    uint32_t frame_format = 0;            // parameter 10 at start; 0: not set
+    std::array<uint32_t, 2> dual_freq{};  // parameter 21 at start (both 0: not set)
+    std::vector<float> lens;              // cx, cy, fx, fy, d0..d4 as parameters 22, 86, 87
 };
 
 // One command the firmware received (status reads are not logged).

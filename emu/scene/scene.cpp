@@ -24,7 +24,7 @@ vec3 cross(vec3 a, vec3 b) {
 }
 
 // The scene in camera coordinates (mm; x right, y down, z forward).
-constexpr double k_room_x = 2200, k_room_top = -1400, k_room_floor = 1200, k_room_back = 4800;
+constexpr double k_room_x = 2200, k_room_top = -1400, k_room_floor = 1200;
 
 struct box {
     vec3 lo, hi;
@@ -51,12 +51,12 @@ void _try(hit &h, double t, float refl) {
     }
 }
 
-void _room(hit &h, vec3 d) {
+void _room(hit &h, vec3 d, double back) {
     if (d.x > 0) _try(h, k_room_x / d.x, 0.8f);
     if (d.x < 0) _try(h, -k_room_x / d.x, 0.8f);
     if (d.y > 0) _try(h, k_room_floor / d.y, 0.75f);
     if (d.y < 0) _try(h, k_room_top / d.y, 0.7f);
-    if (d.z > 0) _try(h, k_room_back / d.z, 0.9f);
+    if (d.z > 0) _try(h, back / d.z, 0.9f);
 }
 
 void _box(hit &h, vec3 d, const box &b) {
@@ -175,6 +175,11 @@ double unit_errors::at(uint32_t pixel, double d, double range, int16_t tcb, int1
     return e + cyclic_amp_mm * std::sin(4.0 * theta + cyclic_phase);
 }
 
+double unit_errors::read(uint32_t pixel, double d, double range, int16_t tcb, int16_t tib) const {
+    if (pixel_mm.empty() || d <= 0) return d;
+    return std::max(d + at(pixel, d, range, tcb, tib), 0.0);
+}
+
 uint32_t scene_time_word(uint32_t hours, uint32_t minutes, uint32_t seconds, uint32_t usec) {
     return (hours & 0x1F) | ((minutes & 0x3F) << 5) | ((seconds & 0x3F) << 11) |
            ((usec / 64) << 17);
@@ -202,7 +207,7 @@ scene_renderer::scene_renderer(const scene_config &cfg, uint16_t format)
             const uint32_t i = v * w + u;
             axial_[i] = static_cast<float>(d.z);
             hit hh;
-            _room(hh, d);
+            _room(hh, d, cfg_.room_back_mm);
             for (const box &b : k_boxes) _box(hh, d, b);
             _sphere(hh, d);
             _ramp(hh, d);
@@ -325,10 +330,8 @@ void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_des
             const uint32_t ii = ir * w + x, si = sr * w + x;
             double d = dist_[ii];
             const double a = amp_[ii];
-            if (cfg_.unit_errors && d > 0) {
-                // The unit reads the distance its errors make of it.
-                d = std::max(d + errors_.at(ii, d, range, cfg_.tcb, cfg_.tib), 0.0);
-            }
+            // The unit reads the distance its errors make of it.
+            if (cfg_.unit_errors) d = errors_.read(ii, d, range, cfg_.tcb, cfg_.tib);
             const double theta = 2.0 * M_PI * std::fmod(d, range) / range;
             if (format_ == 11) {
                 s[si] = _sample(noisy(2048 + a));
@@ -357,10 +360,14 @@ void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_des
         }
     }
     std::memcpy(out.data(), s.data(), s.size() * 2);
-    const uint32_t usec_total = index * 33333u;
-    const uint32_t secs = usec_total / 1000000u;
     lk.unlock();
     desc = describe();
+    scene_write_header(index, out.data(), desc);
+}
+
+void scene_write_header(uint32_t index, uint8_t *frame, vx_frame_desc_t &desc) {
+    const uint32_t usec_total = index * 33333u;
+    const uint32_t secs = usec_total / 1000000u;
     desc.fridx = static_cast<uint16_t>(index);
     desc.time = scene_time_word(12, (secs / 60) % 60, secs % 60, usec_total % 1000000u);
     uint8_t hdr[k_scene_header_bytes];
@@ -372,7 +379,7 @@ void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_des
     std::memcpy(hdr + 12, &desc.tcb, 2);
     std::memcpy(hdr + 14, &desc.tib, 2);
     std::memcpy(hdr + 16, &desc.time, 4);
-    std::memcpy(out.data(), hdr, sizeof hdr);
+    std::memcpy(frame, hdr, sizeof hdr);
 }
 
 std::vector<uint8_t> scene_render_frame(const scene_config &cfg, uint16_t format, uint32_t index) {

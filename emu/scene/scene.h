@@ -47,6 +47,9 @@ struct scene_config {
     // from unit_seed (the virtual camera takes it from the serial number). Off: ideal phases.
     bool unit_errors = false;
     uint32_t unit_seed = 0;
+    // Depth of the room's back wall: 4.8 m, or 6.2 m for a scene deeper than one frequency's
+    // unambiguous range (1.5 m at 100 MHz).
+    double room_back_mm = 4800;
     // A flat target square to the optical axis at this distance (mm) filling the view instead of
     // the room: what a calibration station shows the camera. 0: the room.
     uint32_t target_mm = 0;
@@ -63,6 +66,9 @@ struct unit_errors {
     // temperatures tcb, tib (0.1 C): its offset and the drift, then the cyclic error at the phase
     // the distance so far gives, as the sensor's wiggling follows the phase it measures.
     double at(uint32_t pixel, double d, double range, int16_t tcb, int16_t tib) const;
+    // The distance the unit reads for a true distance d: d plus the error, never below 0 (d
+    // itself when off or where nothing is hit).
+    double read(uint32_t pixel, double d, double range, int16_t tcb, int16_t tib) const;
 };
 
 constexpr uint32_t k_scene_header_bytes = 20;
@@ -109,6 +115,10 @@ class scene_renderer : public frame_source {
 // Time word of the frame header for a time of day: bits 0-4 hours, 5-10 minutes, 11-16
 // seconds, 17-31 microseconds / 64.
 uint32_t scene_time_word(uint32_t hours, uint32_t minutes, uint32_t seconds, uint32_t usec);
+
+// The frame header over the first 20 bytes of a frame: desc's size, format, geometry and
+// temperatures, frame number index and a time word 33.333 ms a frame after noon.
+void scene_write_header(uint32_t index, uint8_t *frame, vx_frame_desc_t &desc);
 
 // One frame of a format as a byte vector (a convenience over scene_renderer).
 std::vector<uint8_t> scene_render_frame(const scene_config &cfg, uint16_t format, uint32_t index);

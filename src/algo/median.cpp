@@ -1,10 +1,18 @@
-// Rank filter over the valid pixels of a 3x3 or 5x5 window. Invalid pixels get the key 0xFFFF,
-// which sorts them behind every valid value, so the lower median of the n valid values is entry
-// (n - 1) / 2 of the sorted window. Each row first sorts every column of the window once (shared
-// by the K windows that contain it); a merge network then yields the first K*K/2 + 1 entries of
-// each window from its K sorted columns. For 3x3 the columns are also kept sorted with invalid
-// pixels as 0: where no window of a vector holds more than one invalid pixel (most of an image),
-// the classic median of nine from sorted columns gives the result without the rank selection.
+// Rank filter over the valid pixels of a 3x3 or 5x5 window. Invalid pixels count as 0, which
+// sorts them before every valid value: with m invalid pixels among the K*K, the lower median of
+// the valid ones (entry (K*K - m - 1) / 2 of them) is entry K*K/2 + m/2 of the sorted window.
+//
+// Rows go in pairs. Each column of the pair's K + 1 rows sorts its K - 1 middle rows once and
+// merges in the top row for the first output row and the bottom row for the second, and counts
+// its invalid pixels; the K sorted columns of a window then give its entries. Windows with few
+// invalid pixels (at most three for 3x3, whose entries 4 and 5 come from the sorted columns
+// directly; at most five for 5x5) take a fast path without branches; vectors holding a window
+// with more are noted and done again after the row with the network for every entry.
+//
+// The filter works in place without a copy of the image: rows below the pair are still
+// unfiltered, and the rows above it that the windows need are kept in a small ring, with their
+// invalid pixels already 0.
+#include <algorithm>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -17,172 +25,291 @@ using namespace tevix::algo;
 
 template <uint32_t K>
 struct nets {
-    static constexpr sort_net column = make_sort_net(K, K);
-    static constexpr merge_net window = make_merge_net(K, K, K *K / 2 + 1);
-    // With at most `few` invalid pixels in every window of a vector, only the ranks from
-    // (K*K - few - 1) / 2 up are needed, and a smaller network gives them.
-    static constexpr uint32_t few = K == 5 ? 4 : 2;
-    static constexpr uint32_t low_rank = (K * K - few - 1) / 2;
-    static constexpr merge_net dense = make_merge_net(K, K, K *K / 2 + 1, low_rank);
+    static constexpr uint32_t mid = K * K / 2;
+    // The most invalid pixels of a window on the fast path, and the fast path's network.
+    static constexpr uint32_t few = K == 5 ? 5 : 3;
+    static constexpr merge_net fast = make_merge_net(K, K, mid + few / 2 + 1, mid);
+    static constexpr merge_net all = make_merge_net(K, K, K *K, mid);
+    static constexpr sort_net inner = make_sort_net(K - 1, K - 1);
 };
 
-struct columns {
-    uint16_t *key[5];  // sorted keys of each window column, by rank
-    uint16_t *count;   // valid pixels per window column
-    uint16_t *low[3];  // 3x3: the column sorted with invalid pixels as 0, by rank
+// Lane masks (all ones where true) on every path; a scalar comparison gives a bool.
+template <class V>
+VX_INLINE V _eq(const V &v, uint16_t k) {
+    if constexpr (sizeof(V) == sizeof(uint16_t))
+        return V(-int(v == k));
+    else
+        return V(v == splat<V>(k));
+}
+
+// The signed form of a 16-bit lane type, for comparisons of small counts in one instruction.
+template <class V>
+struct signed_form {
+    typedef int16_t type __attribute__((vector_size(sizeof(V))));
+};
+template <>
+struct signed_form<uint16_t> {
+    typedef int16_t type;
+};
+template <class V>
+using s16_t = typename signed_form<V>::type;
+
+struct buffers {
+    uint16_t *col[2];           // the two output rows' sorted columns: K ranks of cw from column -r
+    uint16_t *count[2];         // invalid pixels per column, from column -r
+    const uint16_t *centre[2];  // the two output rows with invalid pixels as 0 (ring)
+    size_t cw;                  // width + 2r
+    const uint16_t *old[4];     // rows y - r .. y + r - 1 with invalid pixels as 0 (ring or zeros)
+    const uint16_t *src[2];     // image rows y + r, y + r + 1 (or zeros)
+    uint16_t *dst[2];           // their ring slots
+    uint32_t *fix;              // vector positions to do again
 };
 
-// True when every lane of a comparison result is set.
-template <class V>
-VX_INLINE bool _all(const V &mask) {
-    if constexpr (sizeof(V) == sizeof(uint16_t)) {
-        return mask != 0;
-    } else {
-        uint64_t w[sizeof(V) / 8];
-        std::memcpy(w, &mask, sizeof w);
-        uint64_t all = ~uint64_t{0};
-        for (uint64_t x : w) all &= x;
-        return all == ~uint64_t{0};
-    }
-}
-
-template <class V>
-VX_INLINE void _sort3(V *v) {
-    const V lo = vmin(v[0], v[1]), hi = vmax(v[0], v[1]);
-    const V mid = vmin(hi, v[2]);
-    v[2] = vmax(hi, v[2]);
-    v[0] = vmin(lo, mid);
-    v[1] = vmax(lo, mid);
-}
-
-template <class V>
-VX_INLINE V _med3(const V &a, const V &b, const V &c) {
-    return vmax(vmin(a, b), vmin(vmax(a, b), c));
-}
-
+// The sorted columns of both output rows at x .. x + lanes - 1.
 template <uint32_t K, class V>
-VX_INLINE void _column(const padded p, uint32_t y, const columns c, uint32_t xx) {
-    constexpr int r = K / 2;
-    // The invalid mask is all ones: or-ing it gives the key 0xFFFF, adding it counts down.
-    V key[K], low[K], n = splat<V>(uint16_t(K));
-    for (int i = 0; i < int(K); ++i) {
-        const V v = load<V>(p.origin + (int(y) + i - r) * std::ptrdiff_t(p.stride) + int(xx) - r);
-        const V bad = V(is_invalid(v));
-        key[i] = V(v | bad);
-        low[i] = V(v & ~bad);
-        n = V(n + bad);
+VX_INLINE void _columns(const buffers &b, uint32_t x) {
+    constexpr uint32_t r = K / 2;
+    V low[K + 1], z[K + 1];
+#pragma GCC unroll 4
+    for (uint32_t i = 0; i + 1 < K; ++i) low[i] = load<V>(b.old[i] + x);
+#pragma GCC unroll 2
+    for (uint32_t i = 0; i < 2; ++i) {
+        const V v = load<V>(b.src[i] + x);
+        low[K - 1 + i] = V(v & ~_eq(v, VX_DIST_INVALID));
+        store(b.dst[i] + x, low[K - 1 + i]);
     }
-    if constexpr (K == 3) {
-        // Invalid pixels as 0 instead: with at most one in a window, the plain median of nine
-        // is then the lower median of the valid ones.
-        _sort3(low);
-        _sort3(key);
-        store(c.low[0] + xx, low[0]);
-        store(c.low[1] + xx, low[1]);
-        store(c.low[2] + xx, low[2]);
-        store(c.key[0] + xx, key[0]);
-        store(c.key[1] + xx, key[1]);
-        store(c.key[2] + xx, key[2]);
-        store(c.count + xx, n);
-        return;
-    }
-    apply_net<nets<K>::column>(key);
-    for (uint32_t i = 0; i < K; ++i) store(c.key[i] + xx, key[i]);
-    store(c.count + xx, n);
-}
-
-template <uint32_t K, class V>
-VX_INLINE V _window(const padded p, uint32_t y, const columns c, uint32_t x) {
-    const V one = splat<V>(uint16_t(1)), none = splat<V>(uint16_t(0xFFFF));
-    const V centre = load<V>(p.origin + y * p.stride + x);
     V n = splat<V>(uint16_t(0));
-    for (uint32_t col = 0; col < K; ++col) n += load<V>(c.count + x + col);
-    if constexpr (K == 3) {
-        // At most one invalid pixel in every window: the median of the three column ranks.
-        if (_all(V(n >= splat<V>(uint16_t(8))))) {
-            V r[3][3];
-            for (uint32_t col = 0; col < 3; ++col)
-                for (uint32_t i = 0; i < 3; ++i) r[i][col] = load<V>(c.low[i] + x + col);
-            const V lows = vmax(vmax(r[0][0], r[0][1]), r[0][2]);
-            const V highs = vmin(vmin(r[2][0], r[2][1]), r[2][2]);
-            const V med = _med3(lows, _med3(r[1][0], r[1][1], r[1][2]), highs);
-            return is_invalid(centre) ? centre : med;
+#pragma GCC unroll 6
+    for (uint32_t i = 0; i <= K; ++i) z[i] = _eq(low[i], 0);
+#pragma GCC unroll 4
+    for (uint32_t i = 1; i < K; ++i) n = V(n - z[i]);
+    V s[K - 1];
+#pragma GCC unroll 4
+    for (uint32_t i = 0; i + 1 < K; ++i) s[i] = low[i + 1];
+    apply_net<nets<K>::inner>(s);
+    // Each output row inserts its own outer row into the shared sorted middle.
+#pragma GCC unroll 2
+    for (uint32_t o = 0; o < 2; ++o) {
+        V c = low[o * K];
+        uint16_t *col = b.col[o] + x + r;
+#pragma GCC unroll 4
+        for (uint32_t j = 0; j + 1 < K; ++j) {
+            const uint32_t i = K - 2 - j;
+            store(col + (i + 1) * b.cw, vmax(s[i], c));
+            c = vmin(s[i], c);
         }
+        store(col, c);
+        store(b.count[o] + x + r, V(n - z[o * K]));
     }
+}
+
+// The sorted columns of one output row: rank by rank, and the invalid counts.
+struct view {
+    const uint16_t *rank[5];
+    const uint16_t *count;
+};
+
+// Entry mid + m/2 of every window at x .. x + lanes - 1 for m up to `few`; false when a lane
+// has more invalid pixels.
+template <uint32_t K, class V>
+VX_INLINE bool _fast(const view &c, uint32_t x, V &med) {
+    constexpr uint32_t mid = nets<K>::mid;
+    V m = load<V>(c.count + x);
+#pragma GCC unroll 4
+    for (uint32_t col = 1; col < K; ++col) m += load<V>(c.count + x + col);
+    if constexpr (K == 3) {
+        // With the columns sorted, sorting the rows of ranks too leaves the nine sorted both
+        // ways. Entry 4 is then the median of the anti-diagonal: the largest of the lowest
+        // (p), the middle of the middles (q) and the smallest of the highest (u). Entry 5 is
+        // the smallest of the largest of those, the largest of the middles (t) and the middle
+        // of the highest (v): below t and v lie at least five entries each.
+        const uint16_t *r0 = c.rank[0] + x, *r1 = c.rank[1] + x, *r2 = c.rank[2] + x;
+        const V p = vmax(vmax(load<V>(r0), load<V>(r0 + 1)), load<V>(r0 + 2));
+        const V a1 = load<V>(r1), b1 = load<V>(r1 + 1), c1 = load<V>(r1 + 2);
+        const V hi1 = vmax(a1, b1);
+        const V q = vmax(vmin(a1, b1), vmin(hi1, c1)), t = vmax(hi1, c1);
+        const V a2 = load<V>(r2), b2 = load<V>(r2 + 1), c2 = load<V>(r2 + 2);
+        const V lo2 = vmin(a2, b2);
+        const V u = vmin(lo2, c2), v = vmax(lo2, vmin(vmax(a2, b2), c2));
+        const V lo = vmin(p, q), hi = vmax(p, q);
+        const V e4 = vmax(lo, vmin(hi, u)), e5 = vmin(vmin(vmax(hi, u), t), v);
+        med = s16_t<V>(m) > splat<s16_t<V>>(int16_t(1)) ? e5 : e4;
+        return all_zero(V(m & splat<V>(uint16_t(0xFFFC))));
+    } else {
+        // Columns at 8 * col; the slots past K hold 0xFFFF, which sorts after every entry used.
+        V v[K * 8];
+#pragma GCC unroll 5
+        for (uint32_t col = 0; col < K; ++col) {
+#pragma GCC unroll 5
+            for (uint32_t i = 0; i < K; ++i) v[col * 8 + i] = load<V>(c.rank[i] + x + col);
+            for (uint32_t i = K; i < 8; ++i) v[col * 8 + i] = splat<V>(uint16_t(0xFFFF));
+        }
+        apply_net<nets<K>::fast>(v);
+        med = select_rank(v, V(splat<V>(uint16_t(mid)) + (m >> 1)), mid + nets<K>::few / 2, mid);
+        return all_zero(V(vmin(m, splat<V>(uint16_t(nets<K>::few + 1))) ==
+                          splat<V>(uint16_t(nets<K>::few + 1))));
+    }
+}
+
+// Entry mid + m/2 of the window from the network for every entry.
+template <uint32_t K, class V>
+VX_INLINE V _full(const view &c, uint32_t x) {
+    constexpr uint32_t mid = nets<K>::mid;
+    V m = load<V>(c.count + x);
+    for (uint32_t col = 1; col < K; ++col) m += load<V>(c.count + x + col);
     V v[K * 8];
     for (uint32_t col = 0; col < K; ++col) {
-        for (uint32_t i = 0; i < K; ++i) v[col * 8 + i] = load<V>(c.key[i] + x + col);
-        for (uint32_t i = K; i < 8; ++i) v[col * 8 + i] = none;
+        for (uint32_t i = 0; i < K; ++i) v[col * 8 + i] = load<V>(c.rank[i] + x + col);
+        for (uint32_t i = K; i < 8; ++i) v[col * 8 + i] = splat<V>(uint16_t(0xFFFF));
     }
-    V med;
-    if (_all(V(n >= splat<V>(uint16_t(K * K - nets<K>::few))))) {
-        apply_net<nets<K>::dense>(v);
-        med = select_rank(v, V((n - one) >> 1), K * K / 2, nets<K>::low_rank);
-    } else {
-        apply_net<nets<K>::window>(v);
-        med = select_rank(v, V((n - one) >> 1), K * K / 2);
-    }
-    return is_invalid(centre) ? centre : med;
+    apply_net<nets<K>::all>(v);
+    return select_rank(v, V(splat<V>(uint16_t(mid)) + (m >> 1)), K * K - 1, mid);
 }
 
+// One vector of outputs; a vector that needs the full network is noted in fix.
 template <uint32_t K, class V>
-VX_INLINE void _median(uint16_t *img, uint32_t w, uint32_t h, const padded p, const columns c) {
+VX_INLINE void _step(const view &c, const uint16_t *centre, uint16_t *out, uint32_t x,
+                     uint32_t *fix, uint32_t &nfix) {
+    V med;
+    const bool ok = _fast<K, V>(c, x, med);
+    store(out + x, load<V>(centre + x) == splat<V>(uint16_t(0)) ? load<V>(out + x) : med);
+    fix[nfix] = x;
+    nfix += !ok;
+}
+
+// Output row o of the pair: whole vectors of V, the last one overlapping the one before it
+// (it reads the sorted columns only, so it writes the same values again), then the noted
+// vectors. An invalid pixel keeps its value and a valid one stays valid, so the centre may be
+// read after the pixel was written.
+template <uint32_t K, class V>
+VX_INLINE void _output_pass(const buffers &shared, uint32_t o, uint16_t *out, uint32_t w) {
     constexpr uint32_t L = sizeof(V) / sizeof(uint16_t);
-    const uint32_t cw = w + K - 1;
-    for (uint32_t y = 0; y < h; ++y) {
-        uint32_t x = 0;
-        if constexpr (L > 1)
-            for (; x + L <= cw; x += L) _column<K, V>(p, y, c, x);
-        for (; x < cw; ++x) _column<K, uint16_t>(p, y, c, x);
-        uint16_t *out = img + size_t(y) * w;
-        x = 0;
-        if constexpr (L > 1)
-            for (; x + L <= w; x += L) store(out + x, _window<K, V>(p, y, c, x));
-        for (; x < w; ++x) out[x] = _window<K, uint16_t>(p, y, c, x);
+    if constexpr (L > 1) {
+        if (w < L) {
+            _output_pass<K, uint16_t>(shared, o, out, w);
+            return;
+        }
+    }
+    // Local copies, which the stores through the vector helpers cannot alias: the pointers stay
+    // in registers.
+    view c{};
+    for (uint32_t i = 0; i < K; ++i) c.rank[i] = shared.col[o] + i * shared.cw;
+    c.count = shared.count[o];
+    const uint16_t *centre = shared.centre[o];
+    uint32_t *fix = shared.fix, nfix = 0;
+#pragma GCC unroll 2
+    for (uint32_t x = 0; x + L < w; x += L) _step<K, V>(c, centre, out, x, fix, nfix);
+    _step<K, V>(c, centre, out, w - L, fix, nfix);
+    for (uint32_t i = 0; i < nfix; ++i) {
+        const uint32_t x = fix[i];
+        const V med = _full<K, V>(c, x);
+        store(out + x, load<V>(centre + x) == splat<V>(uint16_t(0)) ? load<V>(out + x) : med);
     }
 }
 
-template <uint32_t K>
-void _run_scalar(uint16_t *img, uint32_t w, uint32_t h, const padded &p, const columns &c) {
-    _median<K, uint16_t>(img, w, h, p, c);
+// The sorted columns of the pair: whole vectors, then lane by lane. The pass may not overlap
+// its vectors: it replaces ring rows as it reads them.
+template <uint32_t K, class V>
+VX_INLINE void _column_pass(const buffers &shared, uint32_t w) {
+    constexpr uint32_t L = sizeof(V) / sizeof(uint16_t);
+    const buffers b = shared;
+    uint32_t x = 0;
+    for (; x + L <= w; x += L) _columns<K, V>(b, x);
+    for (; x < w; ++x) _columns<K, uint16_t>(b, x);
 }
+
+// Each pass of each tier is a function of its own, so that its loop gets the registers.
+struct passes {
+    void (*columns)(const buffers &, uint32_t);
+    void (*outputs)(const buffers &, uint32_t, uint16_t *, uint32_t);
+};
+
+#define VX_MEDIAN_PASSES(tier, attr, V)                                                 \
+    template <uint32_t K>                                                               \
+    attr __attribute__((noinline)) void _columns_##tier(const buffers &b, uint32_t w) { \
+        _column_pass<K, V>(b, w);                                                       \
+    }                                                                                   \
+    template <uint32_t K>                                                               \
+    attr __attribute__((noinline)) void _outputs_##tier(const buffers &b, uint32_t o,   \
+                                                        uint16_t *out, uint32_t w) {    \
+        _output_pass<K, V>(b, o, out, w);                                               \
+    }
+
+VX_MEDIAN_PASSES(scalar, , uint16_t)
+VX_MEDIAN_PASSES(sse41, VX_TARGET_SSE41, u16x8)
+VX_MEDIAN_PASSES(avx2, VX_TARGET_AVX2, u16x16)
+
 template <uint32_t K>
-VX_TARGET_SSE41 void _run_sse41(uint16_t *img, uint32_t w, uint32_t h, const padded &p,
-                                const columns &c) {
-    _median<K, u16x8>(img, w, h, p, c);
-}
-template <uint32_t K>
-VX_TARGET_AVX2 void _run_avx2(uint16_t *img, uint32_t w, uint32_t h, const padded &p,
-                              const columns &c) {
-    _median<K, u16x16>(img, w, h, p, c);
+void _median(uint16_t *img, uint32_t w, uint32_t h, uint16_t *ring, const uint16_t *zero, buffers b,
+             const passes &run) {
+    // Rows y - r - 2 .. y + r + 1 of the pair at y: the last two replace the first two.
+    constexpr int r = K / 2, slots = K + 1;
+    auto slot = [&](int row) { return ring + size_t(row % slots) * w; };
+    // The ring starts with rows 0 .. r - 1.
+    for (int row = 0; row < r && row < int(h); ++row) {
+        const uint16_t *in = img + size_t(row) * w;
+        uint16_t *lo = slot(row);
+        for (uint32_t x = 0; x < w; ++x) lo[x] = in[x] == VX_DIST_INVALID ? 0 : in[x];
+    }
+    for (uint32_t y = 0; y < h; y += 2) {
+        for (int i = 0; i + 1 < int(K); ++i) {
+            const int row = int(y) - r + i;
+            b.old[i] = row < 0 || row >= int(h) ? zero : slot(row);
+        }
+        for (int i = 0; i < 2; ++i) {
+            const int row = int(y) + r + i;
+            b.src[i] = row < int(h) ? img + size_t(row) * w : zero;
+            b.dst[i] = slot(row);
+            b.centre[i] = slot(int(y) + i);
+        }
+        run.columns(b, w);
+        run.outputs(b, 0, img + size_t(y) * w, w);
+        if (y + 1 < h) run.outputs(b, 1, img + size_t(y + 1) * w, w);
+    }
 }
 
 template <uint32_t K>
 bool _filter(uint16_t *img, uint32_t w, uint32_t h) noexcept {
-    padded p;
-    if (!make_padded(img, w, h, K / 2, p)) return false;
-    // Column keys and counts of one row, kept per thread like the padded copy.
+    constexpr uint32_t r = K / 2;
+    // Per thread: sorted columns and counts of the two output rows (from column -r), the ring,
+    // a row of zeros for the rows outside the image and the list of vectors to do again.
     thread_local std::vector<uint16_t> scratch;
-    const size_t cw = size_t(w) + K - 1, rows = K == 3 ? K + 4 : K + 1;
+    thread_local std::vector<uint32_t> fix;
+    const size_t cw = size_t(w) + 2 * r;
+    const size_t need = 2 * (K + 1) * cw + (K + 2) * size_t(w);
     try {
-        if (scratch.size() < rows * cw) scratch.resize(rows * cw);
+        if (scratch.size() < need) scratch.resize(need);
+        if (fix.size() < w) fix.resize(w);
     } catch (const std::bad_alloc &) {
         return false;
     }
-    columns c{};
-    for (uint32_t i = 0; i < K; ++i) c.key[i] = scratch.data() + i * cw;
-    c.count = scratch.data() + K * cw;
-    if constexpr (K == 3)
-        for (uint32_t i = 0; i < 3; ++i) c.low[i] = scratch.data() + (K + 1 + i) * cw;
+    buffers b{};
+    b.cw = cw;
+    uint16_t *p = scratch.data();
+    for (uint32_t o = 0; o < 2; ++o) {
+        b.col[o] = p;
+        b.count[o] = p + K * cw;
+        p += (K + 1) * cw;
+        // The columns outside the image are all invalid.
+        for (uint32_t i = 0; i < r; ++i) {
+            for (uint32_t k = 0; k < K; ++k)
+                b.col[o][k * cw + i] = b.col[o][k * cw + cw - 1 - i] = 0;
+            b.count[o][i] = b.count[o][cw - 1 - i] = K;
+        }
+    }
+    uint16_t *ring = p;
+    uint16_t *zero = ring + (K + 1) * size_t(w);
+    std::fill_n(zero, w, uint16_t(0));
+    b.fix = fix.data();
     switch (tevix::simd::active()) {
         case tevix::simd::level::avx2:
-            _run_avx2<K>(img, w, h, p, c);
+            _median<K>(img, w, h, ring, zero, b, {_columns_avx2<K>, _outputs_avx2<K>});
             break;
         case tevix::simd::level::sse41:
-            _run_sse41<K>(img, w, h, p, c);
+            _median<K>(img, w, h, ring, zero, b, {_columns_sse41<K>, _outputs_sse41<K>});
             break;
         default:
-            _run_scalar<K>(img, w, h, p, c);
+            _median<K>(img, w, h, ring, zero, b, {_columns_scalar<K>, _outputs_scalar<K>});
             break;
     }
     return true;

@@ -42,12 +42,13 @@ T _get(const uint8_t *p) {
 // Eight pixels a step, the phase table read by a gather; the scalar loop's operations in its
 // order (no fused multiply-add, which the scalar loop does not have either).
 VX_TARGET_AVX2 size_t _apply_avx2(const float *lut, float per_phase, const int16_t *pix,
-                                  float pix_scale, float add, float top, int32_t *dist, size_t n) {
+                                  float pix_scale, float add, float top, float wrap, int32_t *dist,
+                                  size_t n) {
     const __m256i turn = _mm256_set1_epi32(int32_t(k_phase_turn)), none = _mm256_set1_epi32(-1);
     const __m256 vadd = _mm256_set1_ps(add), vscale = _mm256_set1_ps(pix_scale);
     const __m256 vper = _mm256_set1_ps(per_phase);
     const __m256 zero = _mm256_setzero_ps(), vtop = _mm256_set1_ps(top);
-    const __m256 half = _mm256_set1_ps(0.5f);
+    const __m256 half = _mm256_set1_ps(0.5f), vwrap = _mm256_set1_ps(wrap);
     size_t i = 0;
     for (; i + 8 <= n; i += 8) {
         const __m256i ph = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(dist + i));
@@ -61,6 +62,10 @@ VX_TARGET_AVX2 size_t _apply_avx2(const float *lut, float per_phase, const int16
             const __m128i p16 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(pix + i));
             d = _mm256_add_ps(
                 d, _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_cvtepi16_epi32(p16)), vscale));
+        }
+        if (wrap > 0) {
+            d = _mm256_add_ps(d, _mm256_and_ps(_mm256_cmp_ps(d, zero, _CMP_LT_OQ), vwrap));
+            d = _mm256_sub_ps(d, _mm256_and_ps(_mm256_cmp_ps(d, vwrap, _CMP_GE_OQ), vwrap));
         }
         d = _mm256_min_ps(_mm256_max_ps(d, zero), vtop);
         const __m256i r = _mm256_cvttps_epi32(_mm256_add_ps(d, half));
@@ -554,7 +559,7 @@ int mount_block(drv_state &s, uint8_t type, uint32_t *freq, calib_slot &slot) {
 }
 
 void apply_calibration(drv_state &s, calib_slot &slot, uint32_t range, int32_t *dist, uint32_t w,
-                       uint32_t h, bool pixels) {
+                       uint32_t h, bool pixels, float wrap) {
     calib_block &mb = *slot.block;
     const calib_block &b = mb;
     double off = b.offset_mm;
@@ -598,7 +603,7 @@ void apply_calibration(drv_state &s, calib_slot &slot, uint32_t range, int32_t *
     size_t i = 0;
 #if defined(__x86_64__) || defined(__i386__)
     if (tevix::simd::active() == tevix::simd::level::avx2)
-        i = _apply_avx2(lut, per_phase, pix, pix_scale, add, top, dist, n);
+        i = _apply_avx2(lut, per_phase, pix, pix_scale, add, top, wrap, dist, n);
 #endif
     for (; i < n; ++i) {
         const int32_t phase = dist[i];
@@ -607,6 +612,10 @@ void apply_calibration(drv_state &s, calib_slot &slot, uint32_t range, int32_t *
         d = d + lut[uint32_t(phase) >> 2];
         d = d + add;
         if (pix) d += float(pix[i]) * pix_scale;
+        if (wrap > 0) {
+            d = d < 0.0f ? d + wrap : d;
+            d = d >= wrap ? d - wrap : d;
+        }
         d = std::min(std::max(d, 0.0f), top);
         dist[i] = static_cast<int32_t>(d + 0.5f);
     }

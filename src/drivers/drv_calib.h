@@ -115,8 +115,10 @@ void list_freq(drv_state &s, uint32_t f);
 // invalid) and gets calibrated millimetres: phase x scale_um / 1000 x range / 32768, plus the
 // phase table at (phase >> 2) & 0x1FFF, plus the pixel's own offset when pixels is set (the DRNU
 // decode) and the table fits w x h, then the system scale and offset, the block's offset less the
-// temperature drift since calibration, and the distance offset filter.
+// temperature drift since calibration, and the distance offset filter. With wrap (the range in
+// mm) the result is taken modulo the range instead of held at 0, as dual-frequency unwrapping
+// needs: the corrections move a distance across the wrap.
 void apply_calibration(drv_state &s, calib_slot &slot, uint32_t range, int32_t *dist, uint32_t w,
-                       uint32_t h, bool pixels);
+                       uint32_t h, bool pixels, float wrap = 0);
 
 }  // namespace tevix::drv

@@ -2,6 +2,7 @@
 #include "drivers/drv_pipeline.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +19,10 @@ namespace {
 constexpr uint16_t k_fmt_calib = 171;
 constexpr uint16_t k_fmt_grey = 11;
 constexpr int32_t k_raw_grey = 56506;
+
+// Process-wide time of the last automatic integration adjustment.
+std::atomic<uint64_t> g_auto_intg_us{0};
+std::atomic<bool> g_auto_intg_done{false};
 
 int16_t _median7(const int16_t *ring) {
     int16_t v[k_temp_ring];
@@ -270,6 +275,37 @@ bool frame_info(drv_state &s, const tevix_dev_t *dev, tevix_frame_info_t *info, 
         s.meas_ms = now;
     }
     return true;
+}
+
+void auto_intg(drv_state &st, tevix_dev_t *dev, const uint16_t *samples, uint32_t count) {
+    if (!st.auto_intg || !st.auto_intg_th || st.hdr ||
+        (g_auto_intg_done && tevix::plat::mono_us() - g_auto_intg_us < 2000))
+        return;
+    drv_state *p = &st;
+    const tevix::epc::sample_stats s = tevix::epc::classify_samples(samples, count);
+    const uint32_t bad_pct =
+        s.samples ? static_cast<uint32_t>(static_cast<uint64_t>(s.bad) * 1000 / s.samples) : 0;
+    VX_LOG_AS(VX_LOG_TRC, "_feature_auto_intg_calc_step",
+              "[%s]bad_pct:%d, bad_cnt:%d, cnt_high/low:%d,%d sat_ratio: %d,\n", bad_pct, s.bad,
+              s.high, s.low, p->auto_intg_th);
+    const int32_t step = tevix::epc::auto_intg_step(s, p->auto_intg_th);
+    tevix_param_item_t it = param_item(TEVIX_PARAM_INTG1, 2);
+    if (!tevix_param_batch_get(dev, &it, 1)) {
+        VX_LOG_AS(VX_LOG_ERR, "_feature_auto_intg", "[%s]get intg failed\n");
+    } else {
+        const int32_t cur = it.value.u16[0];
+        const int32_t next = std::clamp(cur + step, 50, 1500);
+        if (next != cur) {
+            VX_LOG_AS(VX_LOG_DBG, "_feature_auto_intg", "[%s]AUTO_INTG: %d->%d\n", cur, next);
+            tevix_param_item_t set = param_item(TEVIX_PARAM_INTG1, 2);
+            set.value.u16[0] = static_cast<uint16_t>(next);
+            if (!tevix_param_batch_set(dev, &set, 1))
+                VX_LOG_AS(VX_LOG_ERR, "_feature_auto_intg",
+                          "[%s]adjust intg from %d to %d failed\n", cur, next);
+        }
+    }
+    g_auto_intg_us = tevix::plat::mono_us();
+    g_auto_intg_done = true;
 }
 
 uint32_t dev_fps(const drv_state &s) {

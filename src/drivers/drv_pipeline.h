@@ -41,6 +41,10 @@ void bpf_reload(drv_state &s, bool force);
 bool frame_info(drv_state &s, const tevix_dev_t *dev, tevix_frame_info_t *info, const uint8_t *raw,
                 uint32_t def_w, uint32_t def_h);
 
+// Automatic integration time (filter 5, not with HDR), at most once per 2 ms in the process: the
+// frame's 16-bit samples classified, the first integration time stepped within 50..1500.
+void auto_intg(drv_state &s, tevix_dev_t *dev, const uint16_t *samples, uint32_t count);
+
 // The device's frame rate: the host's when it set one, else the measured one.
 uint32_t dev_fps(const drv_state &s);
 

@@ -29,11 +29,9 @@ constexpr uint8_t k_reg_class = 1;
 constexpr uint16_t k_fmt_calib = 171;
 constexpr uint32_t k_hdr_no_merge = 23205;
 
-// Process-wide times of the last automatic integration adjustment and consistency write.
-std::atomic<uint64_t> g_auto_intg_us{0};
+// Process-wide time of the last consistency write.
 std::atomic<uint64_t> g_consist_ms{0};
 std::atomic<bool> g_consist_done{false};
-std::atomic<bool> g_auto_intg_done{false};
 
 bool _reg_write(tevix_dev_t *dev, uint32_t reg, const uint32_t *v, uint16_t n) {
     if (tevix_reg_batch_write(dev, k_reg_class, reg, v, n)) return true;
@@ -161,32 +159,6 @@ bool _epc_frame_get_info(tevix_drv_t *drv, tevix_frame_info_t *info, const uint8
     if (!p || !info || !raw) return false;
     const bool small = p->sensor_mode == 4;
     return drv::frame_info(*p, drv->dev, info, raw, small ? 160u : 320u, small ? 60u : 240u);
-}
-
-void _feature_auto_intg(epc_priv *p, tevix_dev_t *dev, const uint16_t *samples, uint32_t count) {
-    const sample_stats s = classify_samples(samples, count);
-    const uint32_t bad_pct =
-        s.samples ? static_cast<uint32_t>(static_cast<uint64_t>(s.bad) * 1000 / s.samples) : 0;
-    VX_LOG_AS(VX_LOG_TRC, "_feature_auto_intg_calc_step",
-              "[%s]bad_pct:%d, bad_cnt:%d, cnt_high/low:%d,%d sat_ratio: %d,\n", bad_pct, s.bad,
-              s.high, s.low, p->auto_intg_th);
-    const int32_t step = auto_intg_step(s, p->auto_intg_th);
-    tevix_param_item_t it = drv::param_item(TEVIX_PARAM_INTG1, 2);
-    if (!tevix_param_batch_get(dev, &it, 1)) {
-        VX_ERR("[%s]get intg failed\n");
-    } else {
-        const int32_t cur = it.value.u16[0];
-        const int32_t next = std::clamp(cur + step, 50, 1500);
-        if (next != cur) {
-            VX_DBG("[%s]AUTO_INTG: %d->%d\n", cur, next);
-            tevix_param_item_t set = drv::param_item(TEVIX_PARAM_INTG1, 2);
-            set.value.u16[0] = static_cast<uint16_t>(next);
-            if (!tevix_param_batch_set(dev, &set, 1))
-                VX_ERR("[%s]adjust intg from %d to %d failed\n", cur, next);
-        }
-    }
-    g_auto_intg_us = tevix::plat::mono_us();
-    g_auto_intg_done = true;
 }
 
 struct layout {
@@ -320,9 +292,7 @@ int32_t _epc_frame_decode(tevix_drv_t *drv, uint8_t *out_bytes, uint32_t out_cap
     const auto *raw = reinterpret_cast<const uint16_t *>(raw_bytes);
     auto *out = reinterpret_cast<uint16_t *>(out_bytes);
 
-    if (p->auto_intg && p->auto_intg_th && !p->hdr &&
-        (!g_auto_intg_done || tevix::plat::mono_us() - g_auto_intg_us >= 2000))
-        _feature_auto_intg(p, drv->dev, raw, std::min(info->size, raw_len) / 2);
+    drv::auto_intg(*p, drv->dev, raw, std::min(info->size, raw_len) / 2);
 
     switch (info->format) {
         case 1:
