@@ -298,16 +298,35 @@ bool scene_renderer::under_header(uint32_t x, uint32_t y) const {
     return x < k_scene_header_bytes / 2 && y == _image_row(0, cfg_.height);
 }
 
+void scene_dcs_ideal(double theta, double a, double v[4]) {
+    const dcs4 q = _samples(theta, a);
+    for (int p = 0; p < 4; ++p) v[p] = q.d[p];
+}
+
+void scene_dcs_exact(double theta, double a, uint16_t d[4]) {
+    const long dx = std::lround(-a * std::cos(theta));
+    const long dy = std::lround(-a * std::sin(theta));
+    const long d0 = 2048 - dx / 2, d1 = 2048 - dy / 2;
+    d[0] = _sample(d0);
+    d[1] = _sample(d1);
+    d[2] = _sample(d0 + dx);
+    d[3] = _sample(d1 + dy);
+}
+
+vx_frame_desc_t scene_describe(const scene_config &cfg, uint16_t format, uint32_t frame_bytes) {
+    vx_frame_desc_t d{};
+    d.frlen = frame_bytes;
+    d.frfmt = format;
+    d.width = cfg.width;
+    d.height = cfg.height;
+    d.tcb = cfg.tcb;
+    d.tib = cfg.tib;
+    return d;
+}
+
 vx_frame_desc_t scene_renderer::describe() const {
     std::lock_guard lk(m_);
-    vx_frame_desc_t d{};
-    d.frlen = frame_bytes();
-    d.frfmt = format_;
-    d.width = cfg_.width;
-    d.height = cfg_.height;
-    d.tcb = cfg_.tcb;
-    d.tib = cfg_.tib;
-    return d;
+    return scene_describe(cfg_, format_, frame_bytes());
 }
 
 void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_desc_t &desc) {
@@ -339,14 +358,9 @@ void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_des
             }
             dcs4 q = _samples(theta, a);
             if (format_ == 2 && !cfg_.noise) {
-                // Exact differences: D2 - D0 and D3 - D1 are the rounded ideal values.
-                const long dx = std::lround(-a * std::cos(theta));
-                const long dy = std::lround(-a * std::sin(theta));
-                const long d0 = 2048 - dx / 2, d1 = 2048 - dy / 2;
-                s[si] = _sample(d0);
-                s[n + si] = _sample(d1);
-                s[2 * n + si] = _sample(d0 + dx);
-                s[3 * n + si] = _sample(d1 + dy);
+                uint16_t d[4];
+                scene_dcs_exact(theta, a, d);
+                for (uint32_t p = 0; p < 4; ++p) s[p * n + si] = d[p];
                 continue;
             }
             if (format_ == 2) {

@@ -116,6 +116,15 @@ class scene_renderer : public frame_source {
 // seconds, 17-31 microseconds / 64.
 uint32_t scene_time_word(uint32_t hours, uint32_t minutes, uint32_t seconds, uint32_t usec);
 
+// The four DCS samples of a pixel of amplitude a at phase theta (12-bit, around 2048, with
+// D2 - D0 = -a cos(theta) and D3 - D1 = -a sin(theta)): the ideal values, and rounded so that the
+// two differences are the rounded ideal ones exactly.
+void scene_dcs_ideal(double theta, double a, double v[4]);
+void scene_dcs_exact(double theta, double a, uint16_t d[4]);
+
+// The frame description of a renderer's frames: size, format, geometry and temperatures.
+vx_frame_desc_t scene_describe(const scene_config &cfg, uint16_t format, uint32_t frame_bytes);
+
 // The frame header over the first 20 bytes of a frame: desc's size, format, geometry and
 // temperatures, frame number index and a time word 33.333 ms a frame after noon.
 void scene_write_header(uint32_t index, uint8_t *frame, vx_frame_desc_t &desc);

@@ -116,14 +116,7 @@ tevix::drv::calib_block sony_renderer::station_block(uint32_t f,
 }
 
 vx_frame_desc_t sony_renderer::describe() const {
-    vx_frame_desc_t d{};
-    d.frlen = frame_bytes();
-    d.frfmt = format_;
-    d.width = cfg_.width;
-    d.height = cfg_.height;
-    d.tcb = cfg_.tcb;
-    d.tib = cfg_.tib;
-    return d;
+    return scene_describe(cfg_, format_, frame_bytes());
 }
 
 void sony_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_desc_t &desc) {
@@ -156,21 +149,16 @@ void sony_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_desc
                 continue;
             }
             if (l.type == sample::dcs16) {
+                uint16_t d4[4];
                 if (!cfg_.noise) {
-                    // Exact differences: D2 - D0 and D3 - D1 are the rounded ideal values.
-                    const long dx = std::lround(-a * std::cos(theta));
-                    const long dy = std::lround(-a * std::sin(theta));
-                    const long d0 = 2048 - dx / 2, d1 = 2048 - dy / 2;
-                    dcs[i] = _sample(d0);
-                    dcs[n + i] = _sample(d1);
-                    dcs[2 * n + i] = _sample(d0 + dx);
-                    dcs[3 * n + i] = _sample(d1 + dy);
+                    scene_dcs_exact(theta, a, d4);
                 } else {
-                    const double c = 0.5 * a * std::cos(theta), s = 0.5 * a * std::sin(theta);
-                    const double v[4] = {2048 + c, 2048 + s, 2048 - c, 2048 - s};
-                    for (uint32_t p = 0; p < 4; ++p)
-                        dcs[p * n + i] = _sample(noisy(v[p], 0.1 * std::sqrt(std::max(v[p], 0.0))));
+                    double v[4];
+                    scene_dcs_ideal(theta, a, v);
+                    for (int p = 0; p < 4; ++p)
+                        d4[p] = _sample(noisy(v[p], 0.1 * std::sqrt(std::max(v[p], 0.0))));
                 }
+                for (uint32_t p = 0; p < 4; ++p) dcs[p * n + i] = d4[p];
                 continue;
             }
             iq[(size_t{k} * 2) * n + i] = noisy(-a * std::cos(theta), k_iq_noise);

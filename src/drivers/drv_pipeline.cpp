@@ -308,6 +308,16 @@ void auto_intg(drv_state &st, tevix_dev_t *dev, const uint16_t *samples, uint32_
     g_auto_intg_done = true;
 }
 
+bool roi_resize(drv_state &s, const tevix_roi_t &roi, uint32_t w, uint32_t h) {
+    VX_LOG_AS(VX_LOG_DBG, "on_update_roi", "[%s] roi updated: %ux%u @ (%u, %u), binning=%u\n", w, h,
+              roi.left, roi.top, roi.binning);
+    if (w == s.width && h == s.height) return false;
+    s.width = w;
+    s.height = h;
+    bpf_reload(s, true);
+    return true;
+}
+
 uint32_t dev_fps(const drv_state &s) {
     return s.fps_host ? s.fps_host : static_cast<uint32_t>(s.fps);
 }

@@ -45,6 +45,11 @@ bool frame_info(drv_state &s, const tevix_dev_t *dev, tevix_frame_info_t *info, 
 // frame's 16-bit samples classified, the first integration time stepped within 50..1500.
 void auto_intg(drv_state &s, tevix_dev_t *dev, const uint16_t *samples, uint32_t count);
 
+// A new region of interest whose binning gives w x h: logged; when the size changes it becomes the
+// image size and the bilateral filter is rebuilt for it, and the result is true (the caller then
+// mounts its calibration again).
+bool roi_resize(drv_state &s, const tevix_roi_t &roi, uint32_t w, uint32_t h);
+
 // The device's frame rate: the host's when it set one, else the measured one.
 uint32_t dev_fps(const drv_state &s);
 

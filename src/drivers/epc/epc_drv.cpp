@@ -392,12 +392,7 @@ void _epc_on_update_roi(tevix_drv_t *drv, const tevix_roi_t *roi) {
             h = 240u >> sh[roi->binning];
         }
     }
-    VX_DBG("[%s] roi updated: %ux%u @ (%u, %u), binning=%u\n", w, h, roi->left, roi->top,
-           roi->binning);
-    if (w == p->width && h == p->height) return;
-    p->width = w;
-    p->height = h;
-    drv::bpf_reload(*p, true);
+    if (!drv::roi_resize(*p, *roi, w, h)) return;
     std::lock_guard<std::mutex> lock(p->calib_mtx);
     _calib_unmount(p);
     _calib_mount(p);

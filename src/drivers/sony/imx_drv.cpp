@@ -117,7 +117,7 @@ void _imx_uninit(tevix_drv_t *drv) {
         std::lock_guard<std::mutex> lock(p->calib_mtx);
         calib_unmount(p);
     }
-    std::free(p->planes);
+    std::free(p->iq);
     std::free(p->dist1);
     std::free(p->conf1);
     delete p;
@@ -136,11 +136,11 @@ bool _imx_frame_get_info(tevix_drv_t *drv, tevix_frame_info_t *info, const uint8
     return true;
 }
 
-// The second set's buffers and the pseudo-DCS planes for n pixels.
+// The second set's buffers and the I/Q buffers for n pixels.
 bool _ensure_sets(imx_priv *p, uint32_t n) {
     if (p->work1_n >= n) return true;
-    void *a = std::realloc(p->planes, size_t{n} * 8);
-    if (a) p->planes = static_cast<uint16_t *>(a);
+    void *a = std::realloc(p->iq, size_t{n} * 12);
+    if (a) p->iq = static_cast<int16_t *>(a);
     void *b = std::realloc(p->dist1, size_t{n} * 4);
     if (b) p->dist1 = static_cast<int32_t *>(b);
     void *c = std::realloc(p->conf1, size_t{n} * 4);
@@ -150,21 +150,27 @@ bool _ensure_sets(imx_priv *p, uint32_t n) {
     return true;
 }
 
-// Distances (range mm per turn plus off, 65500 invalid) and confidences of one I/Q set.
-void _decode_set(imx_priv *p, const layout &l, const uint8_t *raw, uint32_t n, uint32_t set,
-                 uint32_t range, int32_t off, int32_t *dist, uint32_t *conf) {
+// Phases (1/32768 turn, 65500 invalid) and confidences of one frequency (or exposure) of a frame.
+void _decode_phases(imx_priv *p, const layout &l, const uint8_t *raw, uint32_t n, uint32_t set,
+                    int32_t *phase, uint32_t *conf) {
     const auto *raw16 = reinterpret_cast<const uint16_t *>(raw);
     switch (l.type) {
         case sample::dcs16:
-            tevix::epc::decode_4dcs(raw16, n, range, off, dist, conf);
+            tevix::epc::decode_4dcs(raw16, n, tevix::epc::k_phase_turn, 0, phase, conf);
             break;
         case sample::phase16:
-            decode_phase_words(raw16, n, range, off, dist, conf);
+            decode_phase_words(raw16, n, tevix::epc::k_phase_turn, 0, phase, conf);
             break;
-        default:
-            unpack_iq(l, raw, n, set, p->planes);
-            tevix::epc::decode_4dcs(p->planes, n, range, off, dist, conf);
+        default: {
+            const int16_t *x = nullptr, *y = nullptr;
+            if (!iq_planes(l, raw, n, &x, &y)) {
+                expand_iq(l, raw, n, set, p->iq, p->iq + n, p->iq + 2 * size_t{n});
+                x = p->iq;
+                y = p->iq + n;
+            }
+            tevix::epc::phase_xy(x, y, n, phase, conf);
             break;
+        }
     }
 }
 
@@ -173,13 +179,12 @@ int32_t _decode_grey(imx_priv *p, uint16_t *out, const uint8_t *raw, const layou
     if (drv::grey_from_cache(*p, out, n, info)) return static_cast<int32_t>(n * 2);
     if (!drv::grow_work(*p, n) || !_ensure_sets(p, n)) return -1;
     uint32_t *g = p->conf_raw;
-    if (l.type == sample::phase16) {
-        std::memset(g, 0, size_t{n} * 4);
-    } else if (l.type == sample::dcs16) {
+    if (l.type == sample::dcs16) {
         tevix::epc::grey_4dcs(reinterpret_cast<const uint16_t *>(raw), n, g);
     } else {
-        unpack_iq(l, raw, n, 0, p->planes);
-        tevix::epc::grey_4dcs(p->planes, n, g);
+        // The amplitude of the samples, as the 4-plane grey takes it: fast_sqrt(conf / 4).
+        _decode_phases(p, l, raw, n, 0, p->dist1, g);
+        for (uint32_t i = 0; i < n; ++i) g[i] = tevix::epc::fast_sqrt(g[i] >> 2);
     }
     for (uint32_t i = 0; i < n; ++i)
         out[i] = static_cast<uint16_t>(std::min<uint32_t>(g[i], 65535));
@@ -254,27 +259,27 @@ int32_t _imx_frame_decode(tevix_drv_t *drv, uint8_t *out_bytes, uint32_t out_cap
         calib_mode mode = calib_mode::none;
         if (kind == TEVIX_DECODE_DIST && calib_valid(p) && p->r0 && (!dual || p->r1))
             mode = p->pix_calib ? calib_mode::drnu : calib_mode::sincor;
-        // Every decode takes the phases (a range of one turn) first.
-        const uint32_t turn = tevix::epc::k_phase_turn;
-        _decode_set(p, l, raw, n, 0, turn, 0, p->dist32, p->conf_raw);
-        if (dual || hdr) _decode_set(p, l, raw, n, 1, turn, 0, p->dist1, p->conf1);
+        // Every decode takes the phases first.
+        _decode_phases(p, l, raw, n, 0, p->dist32, p->conf_raw);
+        if (dual || hdr) _decode_phases(p, l, raw, n, 1, p->dist1, p->conf1);
         if (hdr) hdr_pick(p->dist32, p->conf_raw, p->dist1, p->conf1, n);
         if (mode != calib_mode::none) {
             // Through the mounted blocks; a pair's distances wrap at their ranges for unwrapping.
             const bool pixels = mode == calib_mode::drnu;
             drv::apply_calibration(*p, p->slot, p->r0, p->dist32, w, h, pixels,
                                    dual ? p->unwrap.r0_mm : 0.0f);
-            if (dual)
+            tevix::epc::narrow_u16(p->dist32, out, n);
+            if (dual) {
                 drv::apply_calibration(*p, p->slot1, p->r1, p->dist1, w, h, pixels,
                                        p->unwrap.r1_mm);
+                tevix::epc::narrow_u16(p->dist1, p->work16, n);
+            }
         } else {
             // The distance offset of a pair applies to the unwrapped distance.
-            phase_to_mm(p->dist32, n, p->rx0, dual ? 0 : off);
-            if (dual) phase_to_mm(p->dist1, n, p->rx1, 0);
+            phase_to_mm(p->dist32, n, p->rx0, dual ? 0 : off, out);
+            if (dual) phase_to_mm(p->dist1, n, p->rx1, 0, p->work16);
         }
-        tevix::epc::narrow_u16(p->dist32, out, n);
         if (dual) {
-            tevix::epc::narrow_u16(p->dist1, p->work16, n);
             tevix::algo::dual_freq_unwrap(p->unwrap, out, p->work16, out, n);
             if (mode == calib_mode::none && off)
                 for (uint32_t i = 0; i < n; ++i)
@@ -372,12 +377,7 @@ void _imx_on_update_roi(tevix_drv_t *drv, const tevix_roi_t *roi) {
         w = k_width >> roi->binning;
         h = k_height >> roi->binning;
     }
-    VX_DBG("[%s] roi updated: %ux%u @ (%u, %u), binning=%u\n", w, h, roi->left, roi->top,
-           roi->binning);
-    if (w == p->width && h == p->height) return;
-    p->width = w;
-    p->height = h;
-    drv::bpf_reload(*p, true);
+    if (!drv::roi_resize(*p, *roi, w, h)) return;
     std::lock_guard<std::mutex> lock(p->calib_mtx);
     calib_unmount(p);
     calib_mount(p);

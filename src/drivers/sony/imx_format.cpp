@@ -1,87 +1,154 @@
-// SONY raw formats (see imx_format.h). The unpacking loops are plain integer code written once and
-// compiled for each instruction-set tier, so every tier gives the same planes.
+// SONY raw formats (see imx_format.h). The expansion of the 12-bit streams has vector forms
+// (byte shuffles); the other loops are plain integer code compiled for each instruction-set tier.
+// Every tier gives the same values.
 #include "drivers/sony/imx_format.h"
 
 #include <algorithm>
 #include <cstring>
 
 #include "algo/simd.h"
+#include "algo/vec.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
 
 namespace tevix::imx {
 
 namespace {
 
-// I and Q of the pseudo planes stay within what a 12-bit sample pair can carry.
-constexpr int32_t k_lim = 4090;
+constexpr int16_t k_none = -32768;
 
-VX_INLINE int32_t _s12(const uint8_t *stream, uint32_t j) {
+VX_INLINE int16_t _s12(const uint8_t *stream, uint32_t j) {
     const uint8_t *g = stream + size_t{j >> 1} * 3;
     const uint32_t v = (j & 1) ? (uint32_t{g[1]} >> 4) | (uint32_t{g[2]} << 4)
                                : uint32_t{g[0]} | ((uint32_t{g[1]} & 0xF) << 8);
-    return int32_t(v << 20) >> 20;
+    const auto s = static_cast<int16_t>(int32_t(v << 20) >> 20);
+    return s == k_none_s12 ? k_none : s;
 }
 
-VX_INLINE int32_t _s16(const uint8_t *p, uint32_t i) {
-    int16_t v;
-    std::memcpy(&v, p + size_t{i} * 2, 2);
-    return v;
+// Samples j0 .. j0 + count of a packed 12-bit stream as int16 (the marker as -32768); the vector
+// forms take eight or sixteen samples from 12 or 24 bytes a step, from an even sample on.
+VX_INLINE void _expand12_tail(const uint8_t *stream, uint32_t j0, uint32_t count, int16_t *dst,
+                              uint32_t i) {
+    for (; i < count; ++i) dst[i] = _s12(stream, j0 + i);
 }
 
-// Writes pixel i of the four planes from its I and Q.
-VX_INLINE void _put(uint16_t *planes, uint32_t n, uint32_t i, int32_t I, int32_t Q, bool ok) {
-    I = std::clamp(I, -k_lim, k_lim);
-    Q = std::clamp(Q, -k_lim, k_lim);
-    const int32_t d0 = 2048 - (I >> 1), d1 = 2048 - (Q >> 1);
-    planes[i] = ok ? uint16_t(d0) : uint16_t(0);
-    planes[n + i] = uint16_t(d1);
-    planes[2 * size_t{n} + i] = uint16_t(d0 + I);
-    planes[3 * size_t{n} + i] = uint16_t(d1 + Q);
+#if defined(__x86_64__) || defined(__i386__)
+VX_TARGET_SSE41 void _expand12_sse41(const uint8_t *stream, uint32_t j0, uint32_t count,
+                                     int16_t *dst) {
+    uint32_t i = 0;
+    if (j0 & 1) dst[i++] = _s12(stream, j0);
+    const uint8_t *s = stream + size_t{(j0 + i) >> 1} * 3;
+    const __m128i shuf = _mm_setr_epi8(0, 1, 1, 2, 3, 4, 4, 5, 6, 7, 7, 8, 9, 10, 10, 11);
+    const __m128i mask = _mm_set1_epi16(0x0FFF), marker = _mm_set1_epi16(k_none_s12);
+    const __m128i none = _mm_set1_epi16(k_none);
+    // Sixteen bytes are read for twelve: eleven samples must remain.
+    for (; i + 11 <= count; i += 8, s += 12) {
+        __m128i v = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(s)), shuf);
+        v = _mm_blend_epi16(_mm_and_si128(v, mask), _mm_srli_epi16(v, 4), 0xAA);
+        v = _mm_srai_epi16(_mm_slli_epi16(v, 4), 4);
+        v = _mm_blendv_epi8(v, none, _mm_cmpeq_epi16(v, marker));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + i), v);
+    }
+    _expand12_tail(stream, j0, count, dst, i);
 }
 
-VX_INLINE void _unpack_body(const layout &l, const uint8_t *raw, uint32_t n, uint32_t set,
-                            uint16_t *planes) {
-    const uint32_t c0 = 2 * set;  // component of I; Q follows
+VX_TARGET_AVX2 void _expand12_avx2(const uint8_t *stream, uint32_t j0, uint32_t count,
+                                   int16_t *dst) {
+    uint32_t i = 0;
+    if (j0 & 1) dst[i++] = _s12(stream, j0);
+    const uint8_t *s = stream + size_t{(j0 + i) >> 1} * 3;
+    const __m256i shuf = _mm256_setr_epi8(0, 1, 1, 2, 3, 4, 4, 5, 6, 7, 7, 8, 9, 10, 10, 11, 0, 1,
+                                          1, 2, 3, 4, 4, 5, 6, 7, 7, 8, 9, 10, 10, 11);
+    const __m256i mask = _mm256_set1_epi16(0x0FFF), marker = _mm256_set1_epi16(k_none_s12);
+    const __m256i none = _mm256_set1_epi16(k_none);
+    // 24 bytes a step in two lanes of 12; the upper load reads 28 bytes in all.
+    for (; i + 19 <= count; i += 16, s += 24) {
+        const __m128i lo = _mm_loadu_si128(reinterpret_cast<const __m128i *>(s));
+        const __m128i hi = _mm_loadu_si128(reinterpret_cast<const __m128i *>(s + 12));
+        __m256i v = _mm256_shuffle_epi8(_mm256_set_m128i(hi, lo), shuf);
+        v = _mm256_blend_epi16(_mm256_and_si256(v, mask), _mm256_srli_epi16(v, 4), 0xAA);
+        v = _mm256_srai_epi16(_mm256_slli_epi16(v, 4), 4);
+        v = _mm256_blendv_epi8(v, none, _mm256_cmpeq_epi16(v, marker));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dst + i), v);
+    }
+    _expand12_tail(stream, j0, count, dst, i);
+}
+#endif
+
+void _expand12(const uint8_t *stream, uint32_t j0, uint32_t count, int16_t *dst,
+               tevix::simd::level l) {
+#if defined(__x86_64__) || defined(__i386__)
+    if (l == tevix::simd::level::avx2) return _expand12_avx2(stream, j0, count, dst);
+    if (l == tevix::simd::level::sse41) return _expand12_sse41(stream, j0, count, dst);
+#endif
+    _expand12_tail(stream, j0, count, dst, 0);
+}
+
+// 8-bit samples (component c of `comps`, plane by plane or each pixel's together) times 16.
+VX_INLINE void _expand8_body(const int8_t *s, uint32_t n, uint32_t comps, uint32_t c,
+                             bool interleaved, int16_t *dst) {
+    if (interleaved) {
+        for (uint32_t i = 0; i < n; ++i) {
+            const int8_t v = s[size_t{i} * comps + c];
+            dst[i] = v == k_none_s8 ? k_none : static_cast<int16_t>(v * 16);
+        }
+        return;
+    }
+    const int8_t *p = s + size_t{c} * n;
+    for (uint32_t i = 0; i < n; ++i)
+        dst[i] = p[i] == k_none_s8 ? k_none : static_cast<int16_t>(p[i] * 16);
+}
+
+void _expand8_scalar(const int8_t *s, uint32_t n, uint32_t comps, uint32_t c, bool interleaved,
+                     int16_t *dst) {
+    _expand8_body(s, n, comps, c, interleaved, dst);
+}
+VX_TARGET_AVX2 void _expand8_avx2(const int8_t *s, uint32_t n, uint32_t comps, uint32_t c,
+                                  bool interleaved, int16_t *dst) {
+    _expand8_body(s, n, comps, c, interleaved, dst);
+}
+VX_TARGET_SSE41 void _expand8_sse41(const int8_t *s, uint32_t n, uint32_t comps, uint32_t c,
+                                    bool interleaved, int16_t *dst) {
+    _expand8_body(s, n, comps, c, interleaved, dst);
+}
+
+void _expand(const layout &l, const uint8_t *raw, uint32_t n, uint32_t set, int16_t *x, int16_t *y,
+             int16_t *scratch, tevix::simd::level tier) {
+    const uint32_t comps = 2u * l.sets, c0 = 2 * set;
     switch (l.type) {
         case sample::iq16:
-            for (uint32_t i = 0; i < n; ++i) {
-                const int32_t I = _s16(raw, i), Q = _s16(raw, n + i);
-                _put(planes, n, i, I, Q, I != k_none_s16 && Q != k_none_s16);
-            }
+            std::memcpy(x, raw, size_t{n} * 2);
+            std::memcpy(y, raw + size_t{n} * 2, size_t{n} * 2);
             break;
         case sample::iq8: {
             const auto *s = reinterpret_cast<const int8_t *>(raw);
-            const uint32_t spp = 2u * l.sets;
-            for (uint32_t i = 0; i < n; ++i) {
-                const int32_t I = l.interleaved ? s[size_t{i} * spp + c0] : s[size_t{c0} * n + i];
-                const int32_t Q =
-                    l.interleaved ? s[size_t{i} * spp + c0 + 1] : s[size_t{c0 + 1} * n + i];
-                _put(planes, n, i, I * 16, Q * 16, I != k_none_s8 && Q != k_none_s8);
-            }
+            auto *fn = tier == tevix::simd::level::avx2    ? _expand8_avx2
+                       : tier == tevix::simd::level::sse41 ? _expand8_sse41
+                                                           : _expand8_scalar;
+            fn(s, n, comps, c0, l.interleaved, x);
+            fn(s, n, comps, c0 + 1, l.interleaved, y);
             break;
         }
-        case sample::iq12: {
-            const uint32_t spp = 2u * l.sets;
+        case sample::iq12:
+            if (!l.interleaved) {
+                _expand12(raw, c0 * n, n, x, tier);
+                _expand12(raw, (c0 + 1) * n, n, y, tier);
+                break;
+            }
+            // Each pixel's samples together: the whole stream, then this pair's.
+            _expand12(raw, 0, comps * n, scratch, tier);
             for (uint32_t i = 0; i < n; ++i) {
-                const uint32_t ji = l.interleaved ? i * spp + c0 : c0 * n + i;
-                const uint32_t jq = l.interleaved ? ji + 1 : ji + n;
-                const int32_t I = _s12(raw, ji), Q = _s12(raw, jq);
-                _put(planes, n, i, I, Q, I != k_none_s12 && Q != k_none_s12);
+                x[i] = scratch[size_t{i} * comps + c0];
+                y[i] = scratch[size_t{i} * comps + c0 + 1];
             }
             break;
-        }
         default:
-            std::memset(planes, 0, size_t{n} * 8);
+            std::memset(x, 0, size_t{n} * 2);
+            std::memset(y, 0, size_t{n} * 2);
             break;
     }
-}
-
-VX_TARGET_AVX2 void _unpack_avx2(const layout &l, const uint8_t *raw, uint32_t n, uint32_t set,
-                                 uint16_t *planes) {
-    _unpack_body(l, raw, n, set, planes);
-}
-VX_TARGET_SSE41 void _unpack_sse41(const layout &l, const uint8_t *raw, uint32_t n, uint32_t set,
-                                   uint16_t *planes) {
-    _unpack_body(l, raw, n, set, planes);
 }
 
 VX_INLINE void _phase_body(const uint16_t *words, uint32_t n, uint32_t range, int32_t offset_mm,
@@ -99,38 +166,64 @@ VX_TARGET_AVX2 void _phase_avx2(const uint16_t *words, uint32_t n, uint32_t rang
     _phase_body(words, n, range, offset_mm, dist, conf);
 }
 
-VX_INLINE void _to_mm_body(int32_t *dist, uint32_t n, float k, int32_t offset_mm) {
-    for (uint32_t i = 0; i < n; ++i) {
-        const int32_t ph = dist[i];
-        const int32_t d = static_cast<int32_t>(static_cast<float>(ph) * k + 0.5f) + offset_mm;
-        dist[i] = uint32_t(ph) < 32768u ? d : ph;
-    }
+// Phase to millimetres for L pixels at a time (L 1: a scalar); invalid phases pass as they are.
+template <class V, class F>
+VX_INLINE V _to_mm(const V &ph, float k, int32_t offset_mm) {
+    V d;
+    if constexpr (sizeof(V) == sizeof(int32_t))
+        d = static_cast<int32_t>(static_cast<float>(ph) * k + 0.5f) + offset_mm;
+    else
+        d = __builtin_convertvector(__builtin_convertvector(ph, F) * k + 0.5f, V) + offset_mm;
+    d = d < 0 ? V{} : d;
+    d = d > 65499 ? V{} + 65499 : d;
+    return (ph >= 0) & (ph < 32768) ? d : ph;
 }
 
-VX_TARGET_AVX2 void _to_mm_avx2(int32_t *dist, uint32_t n, float k, int32_t offset_mm) {
-    _to_mm_body(dist, n, k, offset_mm);
+template <class V, class F>
+VX_INLINE void _to_mm_run(const int32_t *phase, uint32_t n, float k, int32_t offset_mm,
+                          uint16_t *out) {
+    uint32_t i = 0;
+    if constexpr (sizeof(V) > sizeof(int32_t)) {
+        constexpr uint32_t L = sizeof(V) / sizeof(int32_t);
+        typedef uint16_t h __attribute__((vector_size(2 * L)));
+        for (; i + L <= n; i += L) {
+            const V d = _to_mm<V, F>(tevix::algo::load<V>(phase + i), k, offset_mm);
+            const h r = __builtin_convertvector(d, h);
+            std::memcpy(out + i, &r, sizeof r);
+        }
+    }
+    for (; i < n; ++i)
+        out[i] = static_cast<uint16_t>(_to_mm<int32_t, float>(phase[i], k, offset_mm));
 }
-VX_TARGET_SSE41 void _to_mm_sse41(int32_t *dist, uint32_t n, float k, int32_t offset_mm) {
-    _to_mm_body(dist, n, k, offset_mm);
+
+VX_TARGET_AVX2 void _to_mm_avx2(const int32_t *phase, uint32_t n, float k, int32_t offset_mm,
+                                uint16_t *out) {
+    _to_mm_run<tevix::algo::i32x8, tevix::algo::f32x8>(phase, n, k, offset_mm, out);
+}
+VX_TARGET_SSE41 void _to_mm_sse41(const int32_t *phase, uint32_t n, float k, int32_t offset_mm,
+                                  uint16_t *out) {
+    _to_mm_run<tevix::algo::i32x4, tevix::algo::f32x4>(phase, n, k, offset_mm, out);
 }
 
 }  // namespace
 
-void phase_to_mm_scalar(int32_t *dist, uint32_t n, float mm_per_turn, int32_t offset_mm) {
-    _to_mm_body(dist, n, mm_per_turn / 32768.0f, offset_mm);
+void phase_to_mm_scalar(const int32_t *phase, uint32_t n, float mm_per_turn, int32_t offset_mm,
+                        uint16_t *out) {
+    _to_mm_run<int32_t, float>(phase, n, mm_per_turn / 32768.0f, offset_mm, out);
 }
 
-void phase_to_mm(int32_t *dist, uint32_t n, float mm_per_turn, int32_t offset_mm) {
+void phase_to_mm(const int32_t *phase, uint32_t n, float mm_per_turn, int32_t offset_mm,
+                 uint16_t *out) {
     const float k = mm_per_turn / 32768.0f;
     switch (tevix::simd::active()) {
         case tevix::simd::level::avx2:
-            _to_mm_avx2(dist, n, k, offset_mm);
+            _to_mm_avx2(phase, n, k, offset_mm, out);
             break;
         case tevix::simd::level::sse41:
-            _to_mm_sse41(dist, n, k, offset_mm);
+            _to_mm_sse41(phase, n, k, offset_mm, out);
             break;
         default:
-            _to_mm_body(dist, n, k, offset_mm);
+            _to_mm_run<int32_t, float>(phase, n, k, offset_mm, out);
             break;
     }
 }
@@ -163,23 +256,22 @@ layout layout_of(uint16_t format) {
     }
 }
 
-void unpack_iq_scalar(const layout &l, const uint8_t *raw, uint32_t n, uint32_t set,
-                      uint16_t *planes) {
-    _unpack_body(l, raw, n, set, planes);
+void expand_iq_scalar(const layout &l, const uint8_t *raw, uint32_t n, uint32_t set, int16_t *x,
+                      int16_t *y, int16_t *scratch) {
+    _expand(l, raw, n, set, x, y, scratch, tevix::simd::level::scalar);
 }
 
-void unpack_iq(const layout &l, const uint8_t *raw, uint32_t n, uint32_t set, uint16_t *planes) {
-    switch (tevix::simd::active()) {
-        case tevix::simd::level::avx2:
-            _unpack_avx2(l, raw, n, set, planes);
-            break;
-        case tevix::simd::level::sse41:
-            _unpack_sse41(l, raw, n, set, planes);
-            break;
-        default:
-            unpack_iq_scalar(l, raw, n, set, planes);
-            break;
-    }
+void expand_iq(const layout &l, const uint8_t *raw, uint32_t n, uint32_t set, int16_t *x,
+               int16_t *y, int16_t *scratch) {
+    _expand(l, raw, n, set, x, y, scratch, tevix::simd::active());
+}
+
+bool iq_planes(const layout &l, const uint8_t *raw, uint32_t n, const int16_t **x,
+               const int16_t **y) {
+    if (l.type != sample::iq16 || (reinterpret_cast<uintptr_t>(raw) & 1)) return false;
+    *x = reinterpret_cast<const int16_t *>(raw);
+    *y = *x + n;
+    return true;
 }
 
 void decode_phase_words(const uint16_t *words, uint32_t n, uint32_t range, int32_t offset_mm,

@@ -44,13 +44,18 @@ struct layout {
 
 layout layout_of(uint16_t format);
 
-// Four u16 planes of n samples whose D2 - D0 and D3 - D1 are the I and Q of pair `set` (0 or 1),
-// so that the 4-plane phase decode and grey kernels serve every I/Q format. Samples carrying the
-// format's marker give D0 = 0, which those kernels take as invalid. raw is the frame (header
-// included); planes has room for 4n samples.
-void unpack_iq(const layout &l, const uint8_t *raw, uint32_t n, uint32_t set, uint16_t *planes);
-void unpack_iq_scalar(const layout &l, const uint8_t *raw, uint32_t n, uint32_t set,
-                      uint16_t *planes);
+// The I and Q of pair `set` (0 or 1) of n pixels as 16-bit values for the phase decode (the
+// 8-bit samples times 16); a sample carrying the format's marker becomes -32768, which the decode
+// takes as "nothing measured". raw is the frame (header included); x and y have room for n
+// values, scratch for 4n (used by the 12-bit samples of a pixel together). Formats whose I and Q
+// are already such planes (13) need no expansion: iq_planes gives them in place.
+void expand_iq(const layout &l, const uint8_t *raw, uint32_t n, uint32_t set, int16_t *x,
+               int16_t *y, int16_t *scratch);
+void expand_iq_scalar(const layout &l, const uint8_t *raw, uint32_t n, uint32_t set, int16_t *x,
+                      int16_t *y, int16_t *scratch);
+// The I and Q planes of a 16-bit format in the (even-aligned) frame, or false.
+bool iq_planes(const layout &l, const uint8_t *raw, uint32_t n, const int16_t **x,
+               const int16_t **y);
 
 // Phase words into distances: phase x range / 32768 + offset_mm, 65500 where bit 15 is set;
 // confidence 0 (the format carries no amplitude). With range 32768 and offset 0 the distances
@@ -58,10 +63,12 @@ void unpack_iq_scalar(const layout &l, const uint8_t *raw, uint32_t n, uint32_t 
 void decode_phase_words(const uint16_t *words, uint32_t n, uint32_t range, int32_t offset_mm,
                         int32_t *dist, uint32_t *conf);
 
-// Phases (1/32768 turn, 65500 invalid) into millimetres: phase x mm_per_turn / 32768 rounded, plus
-// offset_mm; invalid pixels stay 65500.
-void phase_to_mm(int32_t *dist, uint32_t n, float mm_per_turn, int32_t offset_mm);
-void phase_to_mm_scalar(int32_t *dist, uint32_t n, float mm_per_turn, int32_t offset_mm);
+// Phases (1/32768 turn, 65500 invalid) into u16 millimetres: phase x mm_per_turn / 32768 rounded,
+// plus offset_mm, held within 0..65499; invalid pixels stay 65500.
+void phase_to_mm(const int32_t *phase, uint32_t n, float mm_per_turn, int32_t offset_mm,
+                 uint16_t *out);
+void phase_to_mm_scalar(const int32_t *phase, uint32_t n, float mm_per_turn, int32_t offset_mm,
+                        uint16_t *out);
 
 // Unambiguous range of a modulation frequency in mm, c / 2f (0 for f = 0).
 double exact_range_mm(uint32_t f);

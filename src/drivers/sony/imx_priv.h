@@ -67,9 +67,9 @@ struct imx_priv : tevix::drv::drv_state {
 
     tevix::drv::calib_slot slot1;  // the block of f1 in dual frequency
 
-    // Pseudo-DCS planes of the I/Q formats (4 x n) and the second frequency's (or exposure's)
-    // distances and confidences.
-    uint16_t *planes = nullptr;
+    // I and Q of the formats that carry them (x, y and a scratch of 4n: 6n values), and the
+    // second frequency's (or exposure's) distances and confidences.
+    int16_t *iq = nullptr;
     int32_t *dist1 = nullptr;
     uint32_t *conf1 = nullptr;
     uint32_t work1_n = 0;
