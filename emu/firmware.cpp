@@ -167,7 +167,9 @@ int firmware::_sys(bool in, uint16_t value, std::span<uint8_t> data) {
         if (!items_ok) return _done(k_cmd_sys, value, "bad parameter batch"), 0;
         for (size_t i = 0; i < n; ++i) {
             const uint8_t *it = data.data() + i * k_param_item;
-            set_param(it[0], std::span<const uint8_t>(it + 2, std::min<size_t>(it[1], 18)));
+            const std::span<const uint8_t> v(it + 2, std::min<size_t>(it[1], 18));
+            set_param(it[0], v);
+            if (on_param) on_param(it[0], v);
         }
         _done(k_cmd_sys, value, nullptr);
         return static_cast<int>(data.size());

@@ -38,6 +38,13 @@ class frame_source {
     // Fills out (describe().frlen bytes) with frame number index; may fill desc's temperatures
     // and time word.
     virtual void render(uint32_t index, std::span<uint8_t> out, vx_frame_desc_t &desc) = 0;
+    // A parameter the host set on the camera (the modulation frequency, the scene control);
+    // called on the control path, while render may run on the streaming thread.
+    virtual void on_param(uint8_t /*id*/, std::span<const uint8_t> /*value*/) {}
+    // The value of a parameter the source answers itself (empty: none), read at attach and reset.
+    virtual std::vector<uint8_t> param(uint8_t /*id*/) const { return {}; }
+    // Back to the state it was made in (the camera's reset).
+    virtual void reset() {}
 };
 
 // Moving test pattern: 320x240, 4 planes of 12-bit samples in u16 (614400 bytes), format 2.
@@ -67,7 +74,14 @@ enum param_id : uint8_t {
     k_par_lens0 = 22,
     k_par_lens1 = 86,
     k_par_lens2 = 87,
+    // The scene control only the virtual camera answers, a host-side handle on what a
+    // calibration station moves: u32 distance of a flat target along the optical axis in mm
+    // (0: the room scene), s16 board and s16 sensor temperature in 0.1 C, u8 flags (bit 0: shot
+    // noise). A real camera has no parameter 224 and answers an empty value.
+    k_par_scene = 224,
 };
+constexpr uint8_t k_scene_ctl_len = 9;
+constexpr uint8_t k_scene_noise = 1;
 
 struct camera_config {
     uint8_t bus = 1;
@@ -109,6 +123,8 @@ class firmware {
     std::function<void(uint32_t)> on_start;
     std::function<void()> on_stop;
     std::function<void(uint32_t)> on_reset;
+    // Every parameter the host sets, after it is stored.
+    std::function<void(uint8_t, std::span<const uint8_t>)> on_param;
 
     // Faults: the next n status reads report busy; the next command ends in error with text; the
     // next status read names another command.
@@ -277,6 +293,7 @@ class camera {
     void _fifo_signal();
     void _unplug_locked();
     void _hooks();
+    void _source_params();
     void _start(uint32_t mode);
     void _stop();
     void _uevent(const char *action);

@@ -106,6 +106,8 @@ tevix::drv::calib_block sony_renderer::station_block(uint32_t f,
     b.width = static_cast<uint16_t>(cfg_.width);
     b.height = static_cast<uint16_t>(cfg_.height);
     b.truth_mm = truths_mm;
+    b.meas_cb.assign(truths_mm.size(), cfg_.tcb);
+    b.meas_ib.assign(truths_mm.size(), cfg_.tib);
     for (float t : truths_mm) {
         const std::vector<uint16_t> ph = station_phases(t, f);
         b.phases.insert(b.phases.end(), ph.begin(), ph.end());

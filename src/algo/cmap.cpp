@@ -151,12 +151,42 @@ VX_TARGET_SSE41 size_t put_interleaved(const planes &pl, size_t first, const uin
     }
     return j;
 }
+
+// The same eight colours a step: each 128-bit lane shuffles four of them and is stored on its own.
+VX_TARGET_AVX2 size_t put_interleaved_avx2(const planes &pl, size_t first, const uint32_t *c,
+                                           size_t len) noexcept {
+    const __m256i shuffle =
+        _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i *>(pl.shuffle)));
+    const __m256i keep =
+        _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i *>(pl.keep)));
+    const size_t stride = pl.stride, need = stride == 4 ? 5 : 6;
+    uint8_t *const base = pl.base + first * stride;
+    const size_t end = pl.total - first;
+    size_t j = 0;
+    for (; j + 8 <= len && j + 4 + need <= end; j += 8) {
+        uint8_t *o = base + j * stride;
+        __m256i x = _mm256_shuffle_epi8(
+            _mm256_loadu_si256(reinterpret_cast<const __m256i *>(c + j)), shuffle);
+        if (stride == 4)
+            x = _mm256_or_si256(
+                x, _mm256_and_si256(_mm256_loadu2_m128i(reinterpret_cast<__m128i *>(o + 4 * stride),
+                                                        reinterpret_cast<__m128i *>(o)),
+                                    keep));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(o), _mm256_castsi256_si128(x));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(o + 4 * stride),
+                         _mm256_extracti128_si256(x, 1));
+    }
+    return j;
+}
 #endif
 
 void write(const planes &pl, size_t first, const uint32_t *c, size_t len) noexcept {
     size_t j = 0;
 #if defined(__x86_64__) || defined(__i386__)
-    if (pl.base) j = put_interleaved(pl, first, c, len);
+    if (pl.base) {
+        if (simd::active() == simd::level::avx2) j = put_interleaved_avx2(pl, first, c, len);
+        j += put_interleaved(pl, first + j, c + j, len - j);
+    }
 #endif
     for (; j < len; ++j) put(pl.r, pl.g, pl.b, (first + j) * pl.stride, c[j]);
 }
@@ -187,10 +217,73 @@ uint32_t colour_f32(const float *pal, float p, bool flat, float min, float max,
 }
 
 #if defined(__x86_64__) || defined(__i386__)
-// Four pixels at a time: row indices and fractions as in blend(), then each pixel's three
-// channels in one vector from a palette copy padded to four floats per row. The operations and
-// their order are those of the scalar code, so the colours are the same bits.
-VX_TARGET_SSE41 void colours_f32_sse41(const float *pal4, const float *src, size_t n, float min,
+// Row index and fraction as in blend(), eight pixels at a time, for a block of pixels: the
+// table offset of the row (8k; an unlit pixel takes the table's zero row, which blends to
+// black), the fraction f and 1 - f.
+struct blend_terms {
+    alignas(32) int32_t at[block];
+    alignas(32) float f[block], g[block];
+};
+
+VX_TARGET_AVX2 void terms_avx2(const float *src, size_t n, float min, float max, float scale,
+                               blend_terms &t) noexcept {
+    const __m256 vmin = _mm256_set1_ps(min), vmax = _mm256_set1_ps(max);
+    const __m256 vscale = _mm256_set1_ps(scale), zero = _mm256_setzero_ps();
+    const __m256 one = _mm256_set1_ps(1.0f), top = _mm256_set1_ps(256.0f);
+    const __m256i dark = _mm256_set1_epi32(8 * palette_rows);
+    for (size_t i = 0; i < n; i += 8) {
+        const __m256 p = _mm256_loadu_ps(src + i);
+        const __m256 lit = _mm256_cmp_ps(p, vmin, _CMP_GT_OQ);
+        // std::min(p, max) keeps p unless max < p.
+        const __m256 pc = _mm256_blendv_ps(p, vmax, _mm256_cmp_ps(vmax, p, _CMP_LT_OQ));
+        const __m256 v = _mm256_mul_ps(_mm256_sub_ps(pc, vmin), vscale);
+        const __m256 big = _mm256_cmp_ps(v, top, _CMP_GE_OQ);
+        const __m256 mid = _mm256_andnot_ps(big, _mm256_cmp_ps(v, zero, _CMP_GE_OQ));
+        __m256i k = _mm256_cvttps_epi32(_mm256_and_ps(v, mid));
+        k = _mm256_blendv_epi8(k, _mm256_set1_epi32(255), _mm256_castps_si256(big));
+        const __m256 f = _mm256_and_ps(_mm256_sub_ps(v, _mm256_cvtepi32_ps(k)), mid);
+        _mm256_store_si256(
+            reinterpret_cast<__m256i *>(t.at + i),
+            _mm256_blendv_epi8(dark, _mm256_slli_epi32(k, 3), _mm256_castps_si256(lit)));
+        _mm256_store_ps(t.f + i, f);
+        _mm256_store_ps(t.g + i, _mm256_sub_ps(one, f));
+    }
+}
+
+// Colours of the block from its terms, two pixels a register: rows k of a and b in one register,
+// their next rows in another, each weighted by its own pixel's fraction. Reading the terms back
+// from memory keeps the shuffle port free: the loads and broadcasts go to the load ports.
+VX_TARGET_AVX2 void colours_avx2(const float *tab, const blend_terms &t, size_t n,
+                                 uint32_t *out) noexcept {
+    const __m256 c255 = _mm256_set1_ps(255.0f), half = _mm256_set1_ps(0.5f);
+    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    for (size_t i = 0; i < n; i += 8) {
+        __m256i c[4];
+        for (int j = 0; j < 4; ++j) {
+            const size_t a = i + 2 * j, b = a + 1;
+            const float *ra = tab + t.at[a], *rb = tab + t.at[b];
+            const __m256 row =
+                _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_load_ps(ra)), _mm_load_ps(rb), 1);
+            const __m256 next = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_load_ps(ra + 4)),
+                                                     _mm_load_ps(rb + 4), 1);
+            const __m256 f =
+                _mm256_blend_ps(_mm256_broadcast_ss(t.f + a), _mm256_broadcast_ss(t.f + b), 0xF0);
+            const __m256 g =
+                _mm256_blend_ps(_mm256_broadcast_ss(t.g + a), _mm256_broadcast_ss(t.g + b), 0xF0);
+            const __m256 mix = _mm256_add_ps(_mm256_mul_ps(next, f), _mm256_mul_ps(row, g));
+            c[j] = _mm256_cvttps_epi32(_mm256_add_ps(_mm256_mul_ps(mix, c255), half));
+        }
+        // Lanes hold pixels (0, 2, 4, 6) and (1, 3, 5, 7) after packing; the permute restores
+        // their order.
+        const __m256i bytes =
+            _mm256_packus_epi16(_mm256_packus_epi32(c[0], c[1]), _mm256_packus_epi32(c[2], c[3]));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(out + i),
+                            _mm256_permutevar8x32_epi32(bytes, order));
+    }
+}
+
+// Four pixels at a time with SSE4.1: the same terms, each pixel's rows in two registers.
+VX_TARGET_SSE41 void colours_f32_sse41(const float *tab, const float *src, size_t n, float min,
                                        float max, float scale, uint32_t *out) noexcept {
     const __m128 vmin = _mm_set1_ps(min), vmax = _mm_set1_ps(max);
     const __m128 vscale = _mm_set1_ps(scale), zero = _mm_setzero_ps();
@@ -199,7 +292,6 @@ VX_TARGET_SSE41 void colours_f32_sse41(const float *pal4, const float *src, size
     for (size_t i = 0; i < n; i += 4) {
         const __m128 p = _mm_loadu_ps(src + i);
         const __m128 lit = _mm_cmpgt_ps(p, vmin);
-        // std::min(p, max) keeps p unless max < p.
         const __m128 pc = _mm_blendv_ps(p, vmax, _mm_cmplt_ps(vmax, p));
         const __m128 v = _mm_mul_ps(_mm_sub_ps(pc, vmin), vscale);
         const __m128 big = _mm_cmpge_ps(v, top);
@@ -207,95 +299,57 @@ VX_TARGET_SSE41 void colours_f32_sse41(const float *pal4, const float *src, size
         __m128i k = _mm_cvttps_epi32(_mm_and_ps(v, mid));
         k = _mm_blendv_epi8(k, _mm_set1_epi32(255), _mm_castps_si128(big));
         const __m128 f = _mm_and_ps(_mm_sub_ps(v, _mm_cvtepi32_ps(k)), mid);
-        const __m128i next =
-            _mm_add_epi32(_mm_min_epi32(k, _mm_set1_epi32(253)), _mm_set1_epi32(1));
-        alignas(16) int32_t ks[4], ns[4], on[4];
+        alignas(16) int32_t ks[4], on[4];
         alignas(16) float fs[4];
         _mm_store_si128(reinterpret_cast<__m128i *>(ks), k);
-        _mm_store_si128(reinterpret_cast<__m128i *>(ns), next);
         _mm_store_si128(reinterpret_cast<__m128i *>(on), _mm_castps_si128(lit));
         _mm_store_ps(fs, f);
         for (int j = 0; j < 4; ++j) {
             const __m128 fj = _mm_set1_ps(fs[j]);
-            const __m128 a = _mm_load_ps(pal4 + ks[j] * 4), b = _mm_load_ps(pal4 + ns[j] * 4);
-            const __m128 c = _mm_add_ps(
-                _mm_mul_ps(_mm_add_ps(_mm_mul_ps(b, fj), _mm_mul_ps(a, _mm_sub_ps(one, fj))), c255),
-                half);
+            const float *r = tab + ks[j] * 8;
+            const __m128 c =
+                _mm_add_ps(_mm_mul_ps(_mm_add_ps(_mm_mul_ps(_mm_load_ps(r + 4), fj),
+                                                 _mm_mul_ps(_mm_load_ps(r), _mm_sub_ps(one, fj))),
+                                      c255),
+                           half);
             const __m128i w = _mm_packus_epi32(_mm_cvttps_epi32(c), _mm_setzero_si128());
             out[i + j] = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_packus_epi16(w, w))) &
                          static_cast<uint32_t>(on[j]);
         }
     }
 }
-
-// The same with eight pixels a step: the index arithmetic eight wide, the blend two pixels a
-// register (one per 128-bit lane), and the packing of eight colours at once.
-VX_TARGET_AVX2 void colours_f32_avx2(const float *pal4, const float *src, size_t n, float min,
-                                     float max, float scale, uint32_t *out) noexcept {
-    const __m256 vmin = _mm256_set1_ps(min), vmax = _mm256_set1_ps(max);
-    const __m256 vscale = _mm256_set1_ps(scale), zero = _mm256_setzero_ps();
-    const __m256 one = _mm256_set1_ps(1.0f), c255 = _mm256_set1_ps(255.0f);
-    const __m256 half = _mm256_set1_ps(0.5f), top = _mm256_set1_ps(256.0f);
-    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
-    for (size_t i = 0; i < n; i += 8) {
-        const __m256 p = _mm256_loadu_ps(src + i);
-        const __m256 lit = _mm256_cmp_ps(p, vmin, _CMP_GT_OQ);
-        const __m256 pc = _mm256_blendv_ps(p, vmax, _mm256_cmp_ps(vmax, p, _CMP_LT_OQ));
-        const __m256 v = _mm256_mul_ps(_mm256_sub_ps(pc, vmin), vscale);
-        const __m256 big = _mm256_cmp_ps(v, top, _CMP_GE_OQ);
-        const __m256 mid = _mm256_andnot_ps(big, _mm256_cmp_ps(v, zero, _CMP_GE_OQ));
-        __m256i k = _mm256_cvttps_epi32(_mm256_and_ps(v, mid));
-        k = _mm256_blendv_epi8(k, _mm256_set1_epi32(255), _mm256_castps_si256(big));
-        const __m256 f = _mm256_and_ps(_mm256_sub_ps(v, _mm256_cvtepi32_ps(k)), mid);
-        const __m256i next =
-            _mm256_add_epi32(_mm256_min_epi32(k, _mm256_set1_epi32(253)), _mm256_set1_epi32(1));
-        alignas(32) int32_t ks[8], ns[8];
-        alignas(32) float fs[8];
-        _mm256_store_si256(reinterpret_cast<__m256i *>(ks), k);
-        _mm256_store_si256(reinterpret_cast<__m256i *>(ns), next);
-        _mm256_store_ps(fs, f);
-        __m256i c[4];
-        for (int j = 0; j < 4; ++j) {
-            const int lo = 2 * j, hi = 2 * j + 1;
-            const __m256 a = _mm256_loadu2_m128(pal4 + ks[hi] * 4, pal4 + ks[lo] * 4);
-            const __m256 b = _mm256_loadu2_m128(pal4 + ns[hi] * 4, pal4 + ns[lo] * 4);
-            const __m256 fj = _mm256_set_m128(_mm_set1_ps(fs[hi]), _mm_set1_ps(fs[lo]));
-            const __m256 mix =
-                _mm256_add_ps(_mm256_mul_ps(b, fj), _mm256_mul_ps(a, _mm256_sub_ps(one, fj)));
-            c[j] = _mm256_cvttps_epi32(_mm256_add_ps(_mm256_mul_ps(mix, c255), half));
-        }
-        // Lanes hold pixels (0, 2, 4, 6) and (1, 3, 5, 7) after packing; the permute restores
-        // their order.
-        const __m256i bytes =
-            _mm256_packus_epi16(_mm256_packus_epi32(c[0], c[1]), _mm256_packus_epi32(c[2], c[3]));
-        const __m256i packed =
-            _mm256_and_si256(_mm256_permutevar8x32_epi32(bytes, order), _mm256_castps_si256(lit));
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(out + i), packed);
-    }
-}
 #endif
 
-// A palette padded to four floats a row for the vector kernels, made once per call.
+// A palette as a table of eight floats a row for the vector kernels, made once per call: row k
+// and the row blended with it (min(k, 253) + 1), each padded to four floats; then a row of zeros.
 class vector_palette {
   public:
     explicit vector_palette(const float *pal) noexcept {
         for (int k = 0; k < palette_rows; ++k) {
-            for (int ch = 0; ch < 3; ++ch) pal4_[k * 4 + ch] = pal[k * 3 + ch];
-            pal4_[k * 4 + 3] = 0.0f;
+            const int next = std::min(k, palette_rows - 3) + 1;
+            for (int ch = 0; ch < 3; ++ch) {
+                tab_[k * 8 + ch] = pal[k * 3 + ch];
+                tab_[k * 8 + 4 + ch] = pal[next * 3 + ch];
+            }
+            tab_[k * 8 + 3] = tab_[k * 8 + 7] = 0.0f;
         }
+        std::fill_n(tab_ + palette_rows * 8, 8, 0.0f);
     }
 
-    // Colours of the whole steps of eight float pixels (none without SSE4.1); answers how many
-    // pixels it did.
+    // Colours of the whole steps of eight float pixels, at most `block` of them (none without
+    // SSE4.1); answers how many pixels it did.
     size_t colours(const float *src, size_t n, float min, float max, float scale,
                    uint32_t *out) const noexcept {
 #if defined(__x86_64__) || defined(__i386__)
         if (level_ == simd::level::scalar) return 0;
         const size_t done = n / 8 * 8;
-        if (level_ == simd::level::avx2)
-            colours_f32_avx2(pal4_, src, done, min, max, scale, out);
-        else
-            colours_f32_sse41(pal4_, src, done, min, max, scale, out);
+        if (level_ == simd::level::avx2) {
+            blend_terms t;
+            terms_avx2(src, done, min, max, scale, t);
+            colours_avx2(tab_, t, done, out);
+        } else {
+            colours_f32_sse41(tab_, src, done, min, max, scale, out);
+        }
         return done;
 #else
         (void)src, (void)n, (void)min, (void)max, (void)scale, (void)out;
@@ -305,7 +359,7 @@ class vector_palette {
 
   private:
     simd::level level_ = simd::active();
-    alignas(16) float pal4_[palette_rows * 4];
+    alignas(32) float tab_[(palette_rows + 1) * 8];
 };
 
 void render_f32(const float *pal, const float *src, const planes &pl, float min,
@@ -316,7 +370,7 @@ void render_f32(const float *pal, const float *src, const planes &pl, float min,
     size_t i = 0;
     if (!flat && n >= block && simd::active() != simd::level::scalar) {
         const vector_palette vp(pal);
-        uint32_t colours[block];
+        uint32_t colours[block] = {};
         for (; i + block <= n; i += block) {
             vp.colours(src + i, block, min, max, scale, colours);
             write(pl, i, colours, block);

@@ -4,6 +4,12 @@
 // for wide kernels, whose poles approach 1; narrow ones (up to 16 pixels) run in float, twice the
 // lanes, well inside a millimetre. The sweeps start from zero state, which the normalisation
 // turns into a correct weighting at the borders.
+//
+// The horizontal sweeps run over blocks of rows transposed side by side (one row a lane), four
+// blocks at once so that their recursions overlap. Each group of rows goes through the vertical
+// forward sweep while it is in cache; the backward sweep then runs bottom up and writes each row
+// as soon as it is done. Every value sees the same operations in the same order as in a plain
+// sweep per row and per column.
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -49,62 +55,169 @@ yvv _coefficients(double sigma) {
 // Widest kernel (in pixels, both axes) that runs in float.
 constexpr double k_float_sigma = 16.0;
 
+// Blocks of rows swept side by side, so that their recursions overlap, and the zero steps
+// before and after each line (the sweeps' start state).
+constexpr uint32_t k_blocks = 4, k_pad = 3;
+
 template <class T>
 struct work {
     T *num, *den;  // width x height each
-    T *line;       // 2 x 8 x width: signal and mask of up to 8 rows side by side
+    T *line;       // signal and mask lines of k_blocks blocks: (width + 2 k_pad) x lanes each
+    T *zero;       // width zeros: the rows beyond the image
+};
+
+template <uint32_t L>
+struct u16_lanes {
+    typedef uint16_t type __attribute__((vector_size(2 * L)));
+};
+
+// The coefficients in the lane type, made once per loop: loaded from the yvv inside a loop they
+// would be read again after every store.
+template <class V>
+struct coef {
+    V B, b1, b2, b3;
+    explicit coef(const yvv &k) {
+        using T = lane_t<V>;
+        B = splat<V>(T(k.B)), b1 = splat<V>(T(k.b1)), b2 = splat<V>(T(k.b2));
+        b3 = splat<V>(T(k.b3));
+    }
 };
 
 template <class V>
-VX_INLINE V _step(const yvv &k, const V &x, const V &w1, const V &w2, const V &w3) {
-    using T = lane_t<V>;
-    return splat<V>(T(k.B)) * x +
-           ((splat<V>(T(k.b1)) * w1 + splat<V>(T(k.b2)) * w2) + splat<V>(T(k.b3)) * w3);
+VX_INLINE V _step(const coef<V> &k, const V &x, const V &w1, const V &w2, const V &w3) {
+    return k.B * x + ((k.b1 * w1 + k.b2 * w2) + k.b3 * w3);
 }
 
-// One sweep in place over interleaved lines of signal and mask; dir +1 runs forward, -1 back.
-template <class V, class T = lane_t<V>>
-VX_INLINE void _sweep(const yvv &k, T *xs, T *ms, uint32_t w, int dir) {
-    constexpr uint32_t L = sizeof(V) / sizeof(T);
-    V x1{}, x2{}, x3{}, m1{}, m2{}, m3{};
+// One sweep in place over n interleaved lines; dir +1 runs forward, -1 back. The last value of
+// each line stays in a register, the two before it are read back (the pads give the zeros).
+template <class V, uint32_t N, class T = lane_t<V>>
+VX_INLINE void _sweep(const yvv &ky, T *const *lines, uint32_t w, int dir) {
+    constexpr std::ptrdiff_t L = sizeof(V) / sizeof(T);
+    const coef<V> k(ky);
+    const std::ptrdiff_t d = dir * L;
+    T *p[N];
+    V w1[N];
+#pragma GCC unroll 8
+    for (uint32_t j = 0; j < N; ++j) {
+        p[j] = lines[j] + (dir > 0 ? 0 : std::ptrdiff_t(w - 1) * L);
+        w1[j] = V{};
+    }
     for (uint32_t i = 0; i < w; ++i) {
-        const size_t at = size_t(dir > 0 ? i : w - 1 - i) * L;
-        const V xn = _step(k, load<V>(xs + at), x1, x2, x3);
-        const V mn = _step(k, load<V>(ms + at), m1, m2, m3);
-        store(xs + at, xn);
-        store(ms + at, mn);
-        x3 = x2, x2 = x1, x1 = xn;
-        m3 = m2, m2 = m1, m1 = mn;
+#pragma GCC unroll 8
+        for (uint32_t j = 0; j < N; ++j) {
+            w1[j] = _step(k, load<V>(p[j]), w1[j], load<V>(p[j] - 2 * d), load<V>(p[j] - 3 * d));
+            store(p[j], w1[j]);
+            p[j] += d;
+        }
     }
 }
 
-// Horizontal sweeps over L rows side by side (lane l is row r0 + l).
+// Signal (invalid pixels 0) and mask of L rows from r0 into a block's lines, lane l for row l.
 template <class V, class T = lane_t<V>>
+VX_INLINE void _pack(const uint16_t *img, uint32_t w, uint32_t r0, T *sig, T *msk) {
+    constexpr uint32_t L = sizeof(V) / sizeof(T);
+    uint32_t x = 0;
+    if constexpr (L > 1) {
+        using U = typename u16_lanes<L>::type;
+        for (; x + L <= w; x += L) {
+            V s[L], m[L];
+#pragma GCC unroll 8
+            for (uint32_t l = 0; l < L; ++l) {
+                const U u = load<U>(img + size_t(r0 + l) * w + x);
+                const U ok =
+                    U((u != splat<U>(uint16_t(0))) & (u != splat<U>(uint16_t(VX_DIST_INVALID))));
+                s[l] = __builtin_convertvector(U(u & ok), V);
+                m[l] = __builtin_convertvector(U(ok & splat<U>(uint16_t(1))), V);
+            }
+            tevix::algo::transpose(s);
+            tevix::algo::transpose(m);
+#pragma GCC unroll 8
+            for (uint32_t j = 0; j < L; ++j) {
+                store(sig + size_t(x + j) * L, s[j]);
+                store(msk + size_t(x + j) * L, m[j]);
+            }
+        }
+    }
+    for (; x < w; ++x)
+        for (uint32_t l = 0; l < L; ++l) {
+            const uint16_t v = img[size_t(r0 + l) * w + x];
+            const bool ok = v != 0 && v != VX_DIST_INVALID;
+            sig[x * L + l] = ok ? T(v) : T(0);
+            msk[x * L + l] = ok ? T(1) : T(0);
+        }
+}
+
+// A block's lines back into L rows of the planes from r0.
+template <class V, class T = lane_t<V>>
+VX_INLINE void _unpack(const T *sig, const T *msk, uint32_t w, uint32_t r0, const work<T> &t) {
+    constexpr uint32_t L = sizeof(V) / sizeof(T);
+    T *num = t.num + size_t(r0) * w, *den = t.den + size_t(r0) * w;
+    uint32_t x = 0;
+    if constexpr (L > 1) {
+        for (; x + L <= w; x += L) {
+            V s[L], m[L];
+#pragma GCC unroll 8
+            for (uint32_t j = 0; j < L; ++j) {
+                s[j] = load<V>(sig + size_t(x + j) * L);
+                m[j] = load<V>(msk + size_t(x + j) * L);
+            }
+            tevix::algo::transpose(s);
+            tevix::algo::transpose(m);
+#pragma GCC unroll 8
+            for (uint32_t l = 0; l < L; ++l) {
+                store(num + size_t(l) * w + x, s[l]);
+                store(den + size_t(l) * w + x, m[l]);
+            }
+        }
+    }
+    for (; x < w; ++x)
+        for (uint32_t l = 0; l < L; ++l) {
+            num[size_t(l) * w + x] = sig[x * L + l];
+            den[size_t(l) * w + x] = msk[x * L + l];
+        }
+}
+
+// Horizontal sweeps of N blocks of L rows from r0 into the planes.
+template <class V, uint32_t N, class T = lane_t<V>>
 VX_INLINE void _rows(const yvv &k, const uint16_t *img, uint32_t w, const work<T> &t, uint32_t r0) {
     constexpr uint32_t L = sizeof(V) / sizeof(T);
-    T *xs = t.line, *ms = xs + size_t(w) * L;
-    for (uint32_t l = 0; l < L; ++l) {
-        const uint16_t *row = img + size_t(r0 + l) * w;
-        for (uint32_t x = 0; x < w; ++x) {
-            const bool ok = row[x] != 0 && row[x] != VX_DIST_INVALID;
-            xs[x * L + l] = ok ? T(row[x]) : T(0);
-            ms[x * L + l] = ok ? T(1) : T(0);
-        }
+    const size_t stride = (size_t(w) + 2 * k_pad) * L;
+    T *lines[2 * N];
+    for (uint32_t j = 0; j < 2 * N; ++j) {
+        T *base = t.line + j * stride;
+        std::fill_n(base, k_pad * L, T(0));
+        std::fill_n(base + stride - k_pad * L, k_pad * L, T(0));
+        lines[j] = base + k_pad * L;
     }
-    _sweep<V>(k, xs, ms, w, +1);
-    _sweep<V>(k, xs, ms, w, -1);
-    for (uint32_t l = 0; l < L; ++l) {
-        T *num = t.num + size_t(r0 + l) * w, *den = t.den + size_t(r0 + l) * w;
-        for (uint32_t x = 0; x < w; ++x) {
-            num[x] = xs[x * L + l];
-            den[x] = ms[x * L + l];
-        }
-    }
+    for (uint32_t b = 0; b < N; ++b) _pack<V>(img, w, r0 + b * L, lines[2 * b], lines[2 * b + 1]);
+    _sweep<V, 2 * N>(k, lines, w, +1);
+    _sweep<V, 2 * N>(k, lines, w, -1);
+    for (uint32_t b = 0; b < N; ++b) _unpack<V>(lines[2 * b], lines[2 * b + 1], w, r0 + b * L, t);
 }
 
-template <class V, class T>
-VX_INLINE V _at(const T *p, uint32_t x) {
-    return p ? load<V>(p + x) : V{};
+// One step of a vertical sweep on row `row` of a plane from the rows before it in the sweep.
+template <class V, class T = lane_t<V>>
+VX_INLINE void _vstep(const yvv &ky, T *row, const T *p1, const T *p2, const T *p3, uint32_t w) {
+    constexpr uint32_t L = sizeof(V) / sizeof(T);
+    const coef<V> k(ky);
+    const coef<T> ks(ky);
+    uint32_t x = 0;
+    if constexpr (L > 1)
+        for (; x + L <= w; x += L)
+            store(row + x,
+                  _step(k, load<V>(row + x), load<V>(p1 + x), load<V>(p2 + x), load<V>(p3 + x)));
+    for (; x < w; ++x) row[x] = _step(ks, row[x], p1[x], p2[x], p3[x]);
+}
+
+template <class V, class T = lane_t<V>>
+VX_INLINE void _vsteps(const yvv &k, const work<T> &t, uint32_t w, uint32_t h, uint32_t y,
+                       int dir) {
+    auto at = [&](const T *plane, std::ptrdiff_t back) -> const T * {
+        const std::ptrdiff_t yy = std::ptrdiff_t(y) - dir * back;
+        return yy < 0 || yy >= std::ptrdiff_t(h) ? t.zero : plane + size_t(yy) * w;
+    };
+    for (T *plane : {t.num, t.den})
+        _vstep<V>(k, plane + size_t(y) * w, at(plane, 1), at(plane, 2), at(plane, 3), w);
 }
 
 // Rounded to the nearest millimetre and kept within 1..65535 by the same operations at every
@@ -125,46 +238,58 @@ VX_INLINE void _put(uint16_t *img, const T *den, size_t j, T rounded) {
     img[j] = r == VX_DIST_INVALID ? uint16_t(VX_DIST_INVALID - 1) : r;
 }
 
-// One vertical sweep over a whole image in place; dir +1 runs top to bottom, -1 bottom to top.
+// Row y of the result into the image.
 template <class V, class T = lane_t<V>>
-VX_INLINE void _cols(const yvv &k, T *img, uint32_t w, uint32_t h, int dir) {
+VX_INLINE void _output(uint16_t *img, const work<T> &t, uint32_t w, uint32_t y) {
     constexpr uint32_t L = sizeof(V) / sizeof(T);
-    const std::ptrdiff_t step = dir * std::ptrdiff_t(w);
-    for (uint32_t i = 0; i < h; ++i) {
-        const uint32_t y = dir > 0 ? i : h - 1 - i;
-        T *row = img + size_t(y) * w;
-        const T *p1 = i >= 1 ? row - step : nullptr;
-        const T *p2 = i >= 2 ? row - 2 * step : nullptr;
-        const T *p3 = i >= 3 ? row - 3 * step : nullptr;
-        uint32_t x = 0;
-        for (; x + L <= w; x += L)
-            store(row + x, _step(k, load<V>(row + x), _at<V>(p1, x), _at<V>(p2, x), _at<V>(p3, x)));
-        for (; x < w; ++x)
-            row[x] = _step(k, row[x], p1 ? p1[x] : T(0), p2 ? p2[x] : T(0), p3 ? p3[x] : T(0));
+    uint16_t *out = img + size_t(y) * w;
+    const T *num = t.num + size_t(y) * w, *den = t.den + size_t(y) * w;
+    uint32_t x = 0;
+    if constexpr (L > 1) {
+        using U = typename u16_lanes<L>::type;
+        typedef int32_t I __attribute__((vector_size(4 * L)));
+        typedef int16_t S __attribute__((vector_size(2 * L)));
+        for (; x + L <= w; x += L) {
+            const V d = load<V>(den + x);
+            const U r = __builtin_convertvector(
+                __builtin_convertvector(_rounded<V>(load<V>(num + x), d), I), U);
+            const U c = load<U>(out + x);
+            const S use =
+                S((c != splat<U>(uint16_t(0))) & (c != splat<U>(uint16_t(VX_DIST_INVALID)))) &
+                __builtin_convertvector(d > splat<V>(T(1e-12)), S);
+            const U kept = U(r + U(r == splat<U>(uint16_t(VX_DIST_INVALID))));
+            store(out + x, use ? kept : c);
+        }
     }
+    for (; x < w; ++x) _put(out, den, x, _rounded<T>(num[x], den[x]));
 }
 
+// Top to bottom: the horizontal sweeps of a group of rows, then the vertical forward sweep over
+// them while they are in cache. Bottom to top: the vertical backward sweep, each row finished
+// and written as soon as it is done.
 template <class V, class T = lane_t<V>>
 VX_INLINE void _filter(uint16_t *img, uint32_t w, uint32_t h, const yvv &kx, const yvv &ky,
                        const work<T> &t) {
     constexpr uint32_t L = sizeof(V) / sizeof(T);
-    uint32_t r = 0;
-    for (; r + L <= h; r += L) _rows<V>(kx, img, w, t, r);
-    for (; r < h; ++r) _rows<T>(kx, img, w, t, r);
-    if (ky.on) {
-        for (T *plane : {t.num, t.den}) {
-            _cols<V>(ky, plane, w, h, +1);
-            _cols<V>(ky, plane, w, h, -1);
+    for (uint32_t r = 0; r < h;) {
+        uint32_t rows = 1;
+        if (r + k_blocks * L <= h) {
+            rows = k_blocks * L;
+            _rows<V, k_blocks>(kx, img, w, t, r);
+        } else if (r + L <= h) {
+            rows = L;
+            _rows<V, 1>(kx, img, w, t, r);
+        } else {
+            _rows<T, 1>(kx, img, w, t, r);
         }
+        if (ky.on)
+            for (uint32_t y = r; y < r + rows; ++y) _vsteps<V>(ky, t, w, h, y, +1);
+        r += rows;
     }
-    const size_t n = size_t(w) * h;
-    size_t i = 0;
-    T q[L];
-    for (; i + L <= n; i += L) {
-        store(q, _rounded<V>(load<V>(t.num + i), load<V>(t.den + i)));
-        for (uint32_t l = 0; l < L; ++l) _put(img, t.den, i + l, q[l]);
+    for (uint32_t y = h; y-- > 0;) {
+        if (ky.on) _vsteps<V>(ky, t, w, h, y, -1);
+        _output<V>(img, t, w, y);
     }
-    for (; i < n; ++i) _put(img, t.den, i, _rounded<T>(t.num[i], t.den[i]));
 }
 
 template <class T>
@@ -194,12 +319,15 @@ bool _run(uint16_t *img, uint32_t width, uint32_t height, const yvv &kx, const y
     // Kept per thread and reused: steady use allocates nothing.
     thread_local std::vector<T> scratch;
     const size_t n = size_t(width) * height;
+    const size_t lines = 2 * k_blocks * (size_t(width) + 2 * k_pad) * 8;
     try {
-        if (scratch.size() < 2 * n + 16 * size_t(width)) scratch.resize(2 * n + 16 * size_t(width));
+        if (scratch.size() < 2 * n + lines + width) scratch.resize(2 * n + lines + width);
     } catch (const std::bad_alloc &) {
         return false;
     }
-    const work<T> t{scratch.data(), scratch.data() + n, scratch.data() + 2 * n};
+    T *zero = scratch.data() + 2 * n + lines;
+    std::fill_n(zero, width, T(0));
+    const work<T> t{scratch.data(), scratch.data() + n, scratch.data() + 2 * n, zero};
     switch (tevix::simd::active()) {
         case tevix::simd::level::avx2:
             _run_avx2(img, width, height, kx, ky, t);

@@ -80,6 +80,60 @@ VX_INLINE V vmax(const V &a, const V &b) {
     return a < b ? b : a;
 }
 
+// Transposes a square block of vectors in place: lane j of r[i] swaps with lane i of r[j]. The
+// shuffles are generic, so each tier lowers them to its own unpack and permute instructions.
+VX_INLINE void transpose(float (&)[1]) {}
+VX_INLINE void transpose(double (&)[1]) {}
+
+VX_INLINE void transpose(f64x2 (&r)[2]) {
+    const f64x2 a = __builtin_shufflevector(r[0], r[1], 0, 2);
+    r[1] = __builtin_shufflevector(r[0], r[1], 1, 3);
+    r[0] = a;
+}
+
+VX_INLINE void transpose(f32x4 (&r)[4]) {
+    const f32x4 t0 = __builtin_shufflevector(r[0], r[1], 0, 4, 1, 5);
+    const f32x4 t1 = __builtin_shufflevector(r[0], r[1], 2, 6, 3, 7);
+    const f32x4 t2 = __builtin_shufflevector(r[2], r[3], 0, 4, 1, 5);
+    const f32x4 t3 = __builtin_shufflevector(r[2], r[3], 2, 6, 3, 7);
+    r[0] = __builtin_shufflevector(t0, t2, 0, 1, 4, 5);
+    r[1] = __builtin_shufflevector(t0, t2, 2, 3, 6, 7);
+    r[2] = __builtin_shufflevector(t1, t3, 0, 1, 4, 5);
+    r[3] = __builtin_shufflevector(t1, t3, 2, 3, 6, 7);
+}
+
+VX_INLINE void transpose(f64x4 (&r)[4]) {
+    const f64x4 t0 = __builtin_shufflevector(r[0], r[1], 0, 4, 2, 6);
+    const f64x4 t1 = __builtin_shufflevector(r[0], r[1], 1, 5, 3, 7);
+    const f64x4 t2 = __builtin_shufflevector(r[2], r[3], 0, 4, 2, 6);
+    const f64x4 t3 = __builtin_shufflevector(r[2], r[3], 1, 5, 3, 7);
+    r[0] = __builtin_shufflevector(t0, t2, 0, 1, 4, 5);
+    r[1] = __builtin_shufflevector(t1, t3, 0, 1, 4, 5);
+    r[2] = __builtin_shufflevector(t0, t2, 2, 3, 6, 7);
+    r[3] = __builtin_shufflevector(t1, t3, 2, 3, 6, 7);
+}
+
+VX_INLINE void transpose(f32x8 (&r)[8]) {
+    f32x8 t[8], u[8];
+#pragma GCC unroll 4
+    for (int i = 0; i < 8; i += 2) {
+        t[i] = __builtin_shufflevector(r[i], r[i + 1], 0, 8, 1, 9, 4, 12, 5, 13);
+        t[i + 1] = __builtin_shufflevector(r[i], r[i + 1], 2, 10, 3, 11, 6, 14, 7, 15);
+    }
+#pragma GCC unroll 2
+    for (int i = 0; i < 8; i += 4) {
+        u[i] = __builtin_shufflevector(t[i], t[i + 2], 0, 1, 8, 9, 4, 5, 12, 13);
+        u[i + 1] = __builtin_shufflevector(t[i], t[i + 2], 2, 3, 10, 11, 6, 7, 14, 15);
+        u[i + 2] = __builtin_shufflevector(t[i + 1], t[i + 3], 0, 1, 8, 9, 4, 5, 12, 13);
+        u[i + 3] = __builtin_shufflevector(t[i + 1], t[i + 3], 2, 3, 10, 11, 6, 7, 14, 15);
+    }
+#pragma GCC unroll 4
+    for (int i = 0; i < 4; ++i) {
+        r[i] = __builtin_shufflevector(u[i], u[i + 4], 0, 1, 2, 3, 8, 9, 10, 11);
+        r[i + 4] = __builtin_shufflevector(u[i], u[i + 4], 4, 5, 6, 7, 12, 13, 14, 15);
+    }
+}
+
 // True when every bit of v is zero: one vector test for all lanes. Plain assembly, because the
 // intrinsics would need the target attribute on every template between the kernel body and its
 // wrapper; 16-byte vectors are the SSE4.1 tier's (the AVX2 tier's are 32 bytes).

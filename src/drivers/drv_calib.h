@@ -22,13 +22,26 @@
 //     cyclic ("wiggling") error of the sensor over one turn
 //   per-pixel table (bit 1): width x height s16, millimetres added to each pixel (its fixed
 //     offset, the DRNU), in the driver's decode order (sensor rows for the EPC driver)
-// Measurement payload (noneed_calc_coeff 0; the tables field is ignored): u16 count (2..64),
-// count f32 true distances (mm, the radial distance every pixel saw), then count images of
-// width x height u16 phases (1/32768 turn, 65500 where the pixel saw nothing), in the same
-// order. At mount the driver fits one line true = s x measured + o over every sample (scale_um
-// and offset_mm), each pixel's mean residual (the per-pixel table; pixels never seen keep the
-// line alone), and the cyclic error left over as a sine of four periods a turn plus an offset
-// (the phase table).
+// Measurement payload (noneed_calc_coeff 0; the tables field is ignored), what a calibration
+// station saw of a flat target at known distances and temperatures:
+//   u16 count (2..64) of measurements
+//   count f32  distance of the target, mm: the radial distance every pixel saw (geometry 0), or
+//              the distance of the target plane along the optical axis (geometry 1)
+//   count s16  board temperature of each measurement, 0.1 C
+//   count s16  sensor temperature of each measurement, 0.1 C
+//   u8         geometry: 0 a target at one radial distance; 1 a flat target, width x height u16
+//              follow: each pixel's radial distance over its axial one, x 16384 (16384..65535)
+//   count x width x height u16 phases (1/32768 turn, 65500 where the pixel saw nothing)
+//   optionally the measurements each fit takes, three lists of a u8 count and that many u8
+//   indices: Ns (the cyclic error's sine; may be empty), Nf (the line, scale and offset, and the
+//   temperature coefficients), Nc (each pixel's offset). Without them every fit takes all.
+// Tables and images are in the driver's decode order. At mount the driver fits, over a few
+// alternating rounds: true = s x measured + o - (c1 x dTcb + c2 x dTib) / 10 over Nf (a plain line
+// when the temperatures do not vary, a multiple linear fit when they do; dT from the block's
+// calibration temperatures), each pixel's mean residual over Nc (pixels never valid keep the
+// global line), and the cyclic error left over Ns as a sine of four periods a turn plus an
+// offset (the phase table). Scale and offset are rounded as stored and the pixel offsets fitted
+// against the rounded values.
 #pragma once
 
 #include <cstdint>
@@ -49,11 +62,20 @@ struct calib_block {
     int32_t scale_um = 1000, offset_mm = 0;
     float c1 = 0, c2 = 0;
     std::vector<int16_t> lut, pixels;
-    std::vector<float> truth_mm;   // measurement blocks, until fitted
-    std::vector<uint16_t> phases;  // count x width x height
-    // Built for the decode: millimetres of every phase (scale, range, phase table and system
-    // scale folded in) for the factor and system scale they were built with.
-    std::vector<float> phase_mm;
+    // Measurement blocks, until fitted: per measurement the target distance and temperatures,
+    // the flat target's ratios per pixel (empty: geometry 0), the phases (count x width x
+    // height), and the index lists (all empty when the block has none).
+    std::vector<float> truth_mm;
+    std::vector<int16_t> meas_cb, meas_ib;
+    std::vector<uint16_t> ratio;
+    std::vector<uint16_t> phases;
+    std::vector<uint8_t> ns, nf, nc;
+    bool lists = false;
+    // Built for the decode: the phase table in millimetres with the system scale folded in, and
+    // millimetres per phase unit (scale, range and system scale), for the factor and system
+    // scale they were built with.
+    std::vector<float> lut_mm;
+    float per_phase = 0;
     double built_factor = 0, built_sys = 0;
 };
 
@@ -71,13 +93,12 @@ bool parse_drv_hdr(std::span<const uint8_t> payload, calib_block &b);
 // reason in *why) for a malformed block.
 bool parse_block(std::span<const uint8_t> payload, calib_block &b, const char **why);
 
-// The payload of a block as parse_block reads it: the driver header, then the measurements when
-// noneed_calc_coeff is 0 (truth_mm and phases), else the tables the tables field names (lut,
-// pixels). The writer of the calibration station and of tests.
-std::vector<uint8_t> encode_block(const calib_block &b);
+// The payload of a block as parse_block reads it: the tables of a fitted block, or the
+// measurements of one to fit at mount.
+std::vector<uint8_t> block_payload(const calib_block &b);
 
-// Fits a measurement block into its tables, scale and offset; false (logged under fn) for data
-// that decide nothing (no valid pixel, one distance only).
+// Fits a measurement block into its tables, scale, offset and temperature coefficients; false
+// (logged under fn) for data that decide nothing (no valid pixel, one distance only).
 bool calc_coeff(calib_block &b, const char *fn = "_calc_calib_coeff");
 
 // Reads the block of `type` for *freq out of the device's calibration file into slot (*freq 0:

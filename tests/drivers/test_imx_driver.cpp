@@ -585,7 +585,7 @@ class imx_calib : public imx_fixture {
     void write(const std::vector<tevix::drv::calib_block> &blocks) {
         tevix::calib::param_container c;
         c.ts = 100;
-        for (const auto &b : blocks) c.blocks.push_back({2, tevix::drv::encode_block(b)});
+        for (const auto &b : blocks) c.blocks.push_back({2, tevix::drv::block_payload(b)});
         ASSERT_TRUE(tevix::calib::param_container_write(path_, c));
     }
     static tevix::drv::calib_block tables(uint32_t f, int16_t lut_mm, int16_t pix_mm) {

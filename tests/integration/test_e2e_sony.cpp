@@ -242,7 +242,7 @@ TEST_F(sony_e2e, calibration_container_removes_the_units_errors) {
     c.ts = 100;
     for (const auto &b : {r.station_block(100000000, {150, 330, 520, 710, 900, 1090, 1280, 1440}),
                           r.station_block(80000000, {150, 380, 610, 840, 1070, 1300, 1530, 1800})})
-        c.blocks.push_back({2, tevix::drv::encode_block(b)});
+        c.blocks.push_back({2, tevix::drv::block_payload(b)});
     ASSERT_TRUE(tevix::calib::param_container_write(path, c));
 
     ASSERT_NE(open(1), nullptr);

@@ -10,6 +10,7 @@
 
 namespace tevix::epc {
 
+using tevix::drv::block_payload;
 using tevix::drv::calc_coeff;
 using tevix::drv::calib_block;
 using tevix::drv::k_drv_hdr;
