@@ -49,6 +49,7 @@ camera::camera(testbed &tb, const camera_config &cfg, std::unique_ptr<frame_sour
     uint8_t oscfg = cfg_.data_cksum ? 1 : 0;
     vx_ostream_set_cfg(os_, &oscfg);
     _hooks();
+    _source_params();
 
     auto *h = umockdev_ioctl_base_new();
     handler_ = h;
@@ -136,6 +137,13 @@ void camera::_hooks() {
             cv_.notify_all();
         }
     };
+    fw_.on_param = [this](uint8_t id, std::span<const uint8_t> v) { src_->on_param(id, v); };
+}
+
+// Parameters the frame source answers itself (the scene control) enter the firmware's table.
+void camera::_source_params() {
+    const std::vector<uint8_t> v = src_->param(k_par_scene);
+    if (!v.empty()) fw_.set_param(k_par_scene, v);
 }
 
 void camera::reset() {
@@ -143,6 +151,8 @@ void camera::reset() {
         std::lock_guard lk(m_);
         fw_ = firmware(cfg_);
         _hooks();
+        src_->reset();
+        _source_params();
         hold_ = halted_ = hold_ctrl_ = false;
         stall_n_ = error_n_ = garbage_n_ = drop_n_ = corrupt_n_ = 0;
         reenum_at_ = replug_at_ = 0;
@@ -351,6 +361,7 @@ void camera::_producer() {
         const uint32_t corrupt = corrupt_n_;
         upload_frame up;
         const bool upload = fw_.dev_mode() == 9 && fw_.next_upload_frame(up.index, up.bytes);
+        if (!upload) src_->configure([this](uint8_t id) { return fw_.param(id); });
         lk.unlock();
         _build_frame(idx, pkt, upload ? &up : nullptr);
         if (corrupt) {

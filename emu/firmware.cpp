@@ -50,8 +50,8 @@ firmware::firmware(const camera_config &cfg) {
     for (uint16_t w : cfg.sensor) _put16(v, w);
     params_[k_par_sensor] = v;
     v.clear();
-    _put16(v, test_pattern::k_width);
-    _put16(v, test_pattern::k_height);
+    _put16(v, cfg.width);
+    _put16(v, cfg.height);
     _put32(v, 60);    // highest frame rate
     _put32(v, 1500);  // longest integration time, us
     params_[k_par_geometry] = v;
@@ -65,6 +65,34 @@ firmware::firmware(const camera_config &cfg) {
     v.clear();
     _put32(v, cfg.mod_freq);
     params_[k_par_mod_freq] = v;
+    // Integration times as the camera starts: 500 us, no second one (no HDR).
+    v.clear();
+    _put16(v, 500);
+    params_[k_par_intg1] = v;
+    v.clear();
+    _put16(v, 0);
+    params_[k_par_intg2] = v;
+    if (cfg.frame_format) {
+        v.clear();
+        _put32(v, cfg.frame_format);
+        params_[k_par_frame_format] = v;
+    }
+    if (cfg.dual_freq[0] && cfg.dual_freq[1]) {
+        v.clear();
+        _put32(v, cfg.dual_freq[0]);
+        _put32(v, cfg.dual_freq[1]);
+        params_[k_par_dual_freq] = v;
+    }
+    // Lens intrinsics, floats in 16-byte pieces: cx cy fx fy, d0..d3, d4.
+    if (cfg.lens.size() == 9) {
+        const uint8_t ids[3] = {k_par_lens0, k_par_lens1, k_par_lens2};
+        for (int i = 0; i < 3; ++i) {
+            const size_t n = i < 2 ? 4 : 1;
+            std::vector<uint8_t> b(n * 4);
+            std::memcpy(b.data(), cfg.lens.data() + 4 * i, b.size());
+            params_[ids[i]] = b;
+        }
+    }
     // The running firmware image (type 0) is version 1.81, as the version parameter says.
     stores_[0].version = 181;
 }
@@ -139,7 +167,9 @@ int firmware::_sys(bool in, uint16_t value, std::span<uint8_t> data) {
         if (!items_ok) return _done(k_cmd_sys, value, "bad parameter batch"), 0;
         for (size_t i = 0; i < n; ++i) {
             const uint8_t *it = data.data() + i * k_param_item;
-            set_param(it[0], std::span<const uint8_t>(it + 2, std::min<size_t>(it[1], 18)));
+            const std::span<const uint8_t> v(it + 2, std::min<size_t>(it[1], 18));
+            set_param(it[0], v);
+            if (on_param) on_param(it[0], v);
         }
         _done(k_cmd_sys, value, nullptr);
         return static_cast<int>(data.size());

@@ -23,15 +23,28 @@
 
 namespace tevix::emu {
 
+// A firmware parameter's value bytes by id (empty when unset).
+using param_reader = std::function<std::vector<uint8_t>(uint8_t id)>;
+
 // Renders the raw frames the camera streams. The EPC scene renderer is another source.
 class frame_source {
   public:
     virtual ~frame_source() = default;
+    // Before each frame, under the camera's lock: the source may follow the firmware's
+    // parameters (frame format, frequencies, integration times).
+    virtual void configure(const param_reader &) {}
     // frlen, frfmt, width and height of the frames (fridx is set by the camera).
     virtual vx_frame_desc_t describe() const = 0;
     // Fills out (describe().frlen bytes) with frame number index; may fill desc's temperatures
     // and time word.
     virtual void render(uint32_t index, std::span<uint8_t> out, vx_frame_desc_t &desc) = 0;
+    // A parameter the host set on the camera (the modulation frequency, the scene control);
+    // called on the control path, while render may run on the streaming thread.
+    virtual void on_param(uint8_t /*id*/, std::span<const uint8_t> /*value*/) {}
+    // The value of a parameter the source answers itself (empty: none), read at attach and reset.
+    virtual std::vector<uint8_t> param(uint8_t /*id*/) const { return {}; }
+    // Back to the state it was made in (the camera's reset).
+    virtual void reset() {}
 };
 
 // Moving test pattern: 320x240, 4 planes of 12-bit samples in u16 (614400 bytes), format 2.
@@ -53,8 +66,22 @@ enum param_id : uint8_t {
     k_par_version = 6,
     k_par_sensor = 7,
     k_par_calib_info = 8,
+    k_par_frame_format = 10,
     k_par_fps = 12,
+    k_par_intg1 = 13,
+    k_par_intg2 = 16,
+    k_par_dual_freq = 21,
+    k_par_lens0 = 22,
+    k_par_lens1 = 86,
+    k_par_lens2 = 87,
+    // The scene control only the virtual camera answers, a host-side handle on what a
+    // calibration station moves: u32 distance of a flat target along the optical axis in mm
+    // (0: the room scene), s16 board and s16 sensor temperature in 0.1 C, u8 flags (bit 0: shot
+    // noise). A real camera has no parameter 224 and answers an empty value.
+    k_par_scene = 224,
 };
+constexpr uint8_t k_scene_ctl_len = 9;
+constexpr uint8_t k_scene_noise = 1;
 
 struct camera_config {
     uint8_t bus = 1;
@@ -68,7 +95,11 @@ struct camera_config {
     uint32_t fps = 30;                                   // 0: as fast as the host takes data
     uint32_t mod_freq = 20000000;                        // modulation frequency, Hz
     bool data_cksum = true;
-    uint32_t packet_payload = 153564;  // payload bytes per stream header (multiple of 4)
+    uint32_t packet_payload = 153564;     // payload bytes per stream header (multiple of 4)
+    uint16_t width = 320, height = 240;   // the sensor's full image (geometry parameter)
+    uint32_t frame_format = 0;            // parameter 10 at start; 0: not set
+    std::array<uint32_t, 2> dual_freq{};  // parameter 21 at start (both 0: not set)
+    std::vector<float> lens;              // cx, cy, fx, fy, d0..d4 as parameters 22, 86, 87
 };
 
 // One command the firmware received (status reads are not logged).
@@ -92,6 +123,8 @@ class firmware {
     std::function<void(uint32_t)> on_start;
     std::function<void()> on_stop;
     std::function<void(uint32_t)> on_reset;
+    // Every parameter the host sets, after it is stored.
+    std::function<void(uint8_t, std::span<const uint8_t>)> on_param;
 
     // Faults: the next n status reads report busy; the next command ends in error with text; the
     // next status read names another command.
@@ -260,6 +293,7 @@ class camera {
     void _fifo_signal();
     void _unplug_locked();
     void _hooks();
+    void _source_params();
     void _start(uint32_t mode);
     void _stop();
     void _uevent(const char *action);

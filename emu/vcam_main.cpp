@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -21,6 +22,7 @@
 #include "vcam.h"
 #ifdef TEVIX_VCAM_SCENE
 #include "scene/scene.h"
+#include "scene/sony_scene.h"
 #endif
 
 extern char **environ;
@@ -35,13 +37,19 @@ void _usage(FILE *f) {
         "  -n, --cameras N       number of cameras (default 1): two a bus (buses 1..,\n"
         "                        ports and addresses 2 and 3), each with its own serial\n"
         "                        and, unless --product is given, its own chip code\n"
-        "                        (E1, E2, E4, E5: one driver row each)\n"
+        "                        (E1, E2, E4, E5; S1, S2, S3: one driver row each)\n"
+        "      --model epc|sony  the kind of unit (default epc): sony is a 640x480 SONY\n"
+        "                        unit (VXCAM-S1-R1) with its lens intrinsics, streaming the\n"
+        "                        scene in the format of its parameter 10 (at start 17: dual\n"
+        "                        frequency, 100 + 80 MHz)\n"
+        "      --deep            the scene's room 6.2 m deep instead of 4.8 m\n"
         "  -f, --fps N           frame rate (default 30; 0 = as fast as the host reads)\n"
         "      --product TEXT    product string (default VXCAM-E1-R1)\n"
         "      --vendor TEXT     vendor string (default \"Tevix Virtual\")\n"
         "      --scene FORMAT    stream the rendered scene in an EPC frame format (1, 2, "
         "4, 10, 11)\n"
-        "                        instead of the test pattern\n"
+        "                        instead of the test pattern; for a sony unit the format\n"
+        "                        at start (2, 10, 13, 14, 15, 16, 17, 142, 145)\n"
         "      --unit-errors     the scene seen through each unit's own systematic errors\n"
         "                        (offset per pixel, cyclic error, temperature drift)\n"
         "      --no-cksum        stream headers without the data checksum\n"
@@ -60,6 +68,7 @@ struct options {
     int cameras = 1;
     long scene = -1;
     bool unit_errors = false;
+    bool sony = false, deep = false;
     tevix::emu::camera_config cfg;
     uint32_t garbage = 0, drop = 0, corrupt = 0, busy = 0;
     std::string fail;
@@ -70,6 +79,7 @@ struct options {
 // Chip codes of the units after the first: each picks a driver row of its own, as cameras of
 // different models do (the library serves one camera per chip code).
 constexpr const char *k_unit_chips[] = {"E1", "E2", "E4", "E5"};
+constexpr const char *k_sony_chips[] = {"S1", "S2", "S3"};
 
 bool _num(const char *s, long lo, long hi, long *out) {
     char *end = nullptr;
@@ -93,7 +103,9 @@ int _parse(int argc, char **argv, options &o) {
         o_unplug,
         o_replug,
         o_scene,
-        o_errors
+        o_errors,
+        o_model,
+        o_deep
     };
     static const option longs[] = {{"cameras", required_argument, nullptr, 'n'},
                                    {"fps", required_argument, nullptr, 'f'},
@@ -110,6 +122,8 @@ int _parse(int argc, char **argv, options &o) {
                                    {"replug-after", required_argument, nullptr, o_replug},
                                    {"scene", required_argument, nullptr, o_scene},
                                    {"unit-errors", no_argument, nullptr, o_errors},
+                                   {"model", required_argument, nullptr, o_model},
+                                   {"deep", no_argument, nullptr, o_deep},
                                    {"help", no_argument, nullptr, 'h'},
                                    {nullptr, 0, nullptr, 0}};
     int c;
@@ -152,6 +166,11 @@ int _parse(int argc, char **argv, options &o) {
                     return _num(optarg, 0, 255, &o.scene);
                 case o_errors:
                     return o.unit_errors = true, true;
+                case o_model:
+                    if (std::strcmp(optarg, "sony") == 0) return o.sony = true, true;
+                    return std::strcmp(optarg, "epc") == 0;
+                case o_deep:
+                    return o.deep = true, true;
                 case 'h':
                     _usage(stdout);
                     std::exit(0);
@@ -188,15 +207,32 @@ int main(int argc, char **argv) {
         cfg.port = static_cast<uint8_t>(2 + i % 2);
         cfg.addr = static_cast<uint8_t>(2 + i % 2);
         cfg.uid[2] += static_cast<uint32_t>(i);
-        if (!o.product_set) cfg.product = std::string("VXCAM-") + k_unit_chips[i % 4] + "-R1";
+        if (!o.product_set)
+            cfg.product = std::string("VXCAM-") +
+                          (o.sony ? k_sony_chips[i % 3] : k_unit_chips[i % 4]) + "-R1";
         std::unique_ptr<tevix::emu::frame_source> src;
-        if (o.scene >= 0) {
+        if (o.scene >= 0 || o.sony) {
 #ifdef TEVIX_VCAM_SCENE
-            tevix::emu::scene_config sc;
+            tevix::emu::scene_config sc =
+                o.sony ? tevix::emu::sony_scene_config() : tevix::emu::scene_config{};
             // Each unit's own systematic errors, drawn from its serial number.
             sc.unit_errors = o.unit_errors;
             sc.unit_seed = cfg.uid[0] ^ cfg.uid[1] ^ cfg.uid[2];
-            src = std::make_unique<tevix::emu::scene_renderer>(sc, static_cast<uint16_t>(o.scene));
+            if (o.deep) sc.room_back_mm = 6200;
+            if (o.sony) {
+                cfg.width = 640;
+                cfg.height = 480;
+                cfg.mod_freq = 100000000;
+                // Dual frequency (100 + 80 MHz, 7.5 m) unless another format is asked for.
+                cfg.frame_format = o.scene >= 0 ? static_cast<uint32_t>(o.scene) : 17;
+                cfg.dual_freq = {100000000, 80000000};
+                cfg.lens.assign(std::begin(tevix::emu::k_sony_lens),
+                                std::end(tevix::emu::k_sony_lens));
+                src = std::make_unique<tevix::emu::sony_renderer>(sc);
+            } else {
+                src = std::make_unique<tevix::emu::scene_renderer>(sc,
+                                                                   static_cast<uint16_t>(o.scene));
+            }
 #else
             std::fprintf(stderr, "tevix-vcam: built without the scene renderer\n");
             return 2;

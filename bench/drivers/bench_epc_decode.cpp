@@ -90,7 +90,7 @@ BENCHMARK(BM_epc_kind1_smooth);
 // The default chain with a mounted calibration block: phase table and per-pixel table (filter 1).
 void BM_epc_kind1_calibrated(benchmark::State &state) {
     rig &r = _rig();
-    auto *p = static_cast<tevix::epc::epc_priv *>(r.drv->priv);
+    auto *p = tevix::epc::priv_of(r.drv);
     auto b = std::make_unique<tevix::epc::calib_block>();
     b->freq = 20000000;
     b->noneed_calc_coeff = 1;
@@ -98,13 +98,13 @@ void BM_epc_kind1_calibrated(benchmark::State &state) {
     b->width = 320;
     b->height = 240;
     b->pixels.assign(320 * 240, -7);
-    p->block = std::move(b);
+    p->slot.block = std::move(b);
     p->calib_mounted = 1;
     tevix_filter_arg_t arg{};
     r.drv->ops->filter_enable(r.drv, 1, &arg);
     for (auto _ : state) benchmark::DoNotOptimize(r.decode(1, r.info));
     r.drv->ops->filter_disable(r.drv, 1);
-    p->block.reset();
+    p->slot.block.reset();
     p->calib_mounted = 0;
     _fps(state, "BM_epc_kind1_default");
 }

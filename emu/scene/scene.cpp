@@ -24,7 +24,7 @@ vec3 cross(vec3 a, vec3 b) {
 }
 
 // The scene in camera coordinates (mm; x right, y down, z forward).
-constexpr double k_room_x = 2200, k_room_top = -1400, k_room_floor = 1200, k_room_back = 4800;
+constexpr double k_room_x = 2200, k_room_top = -1400, k_room_floor = 1200;
 
 struct box {
     vec3 lo, hi;
@@ -51,12 +51,12 @@ void _try(hit &h, double t, float refl) {
     }
 }
 
-void _room(hit &h, vec3 d) {
+void _room(hit &h, vec3 d, double back) {
     if (d.x > 0) _try(h, k_room_x / d.x, 0.8f);
     if (d.x < 0) _try(h, -k_room_x / d.x, 0.8f);
     if (d.y > 0) _try(h, k_room_floor / d.y, 0.75f);
     if (d.y < 0) _try(h, k_room_top / d.y, 0.7f);
-    if (d.z > 0) _try(h, k_room_back / d.z, 0.9f);
+    if (d.z > 0) _try(h, back / d.z, 0.9f);
 }
 
 void _box(hit &h, vec3 d, const box &b) {
@@ -167,10 +167,17 @@ unit_errors unit_errors::draw(uint32_t seed, uint32_t width, uint32_t height) {
     return e;
 }
 
-double unit_errors::at(uint32_t pixel, double theta, int16_t tcb, int16_t tib) const {
+double unit_errors::at(uint32_t pixel, double d, double range, int16_t tcb, int16_t tib) const {
     if (pixel_mm.empty()) return 0.0;
-    return pixel_mm[pixel] + cyclic_amp_mm * std::sin(4.0 * theta + cyclic_phase) +
-           drift_board_mm * (tcb - 350) / 10.0 + drift_sensor_mm * (tib - 420) / 10.0;
+    const double e = pixel_mm[pixel] + drift_board_mm * (tcb - 350) / 10.0 +
+                     drift_sensor_mm * (tib - 420) / 10.0;
+    const double theta = 2.0 * M_PI * std::fmod(std::max(d + e, 0.0), range) / range;
+    return e + cyclic_amp_mm * std::sin(4.0 * theta + cyclic_phase);
+}
+
+double unit_errors::read(uint32_t pixel, double d, double range, int16_t tcb, int16_t tib) const {
+    if (pixel_mm.empty() || d <= 0) return d;
+    return std::max(d + at(pixel, d, range, tcb, tib), 0.0);
 }
 
 uint32_t scene_time_word(uint32_t hours, uint32_t minutes, uint32_t seconds, uint32_t usec) {
@@ -179,12 +186,12 @@ uint32_t scene_time_word(uint32_t hours, uint32_t minutes, uint32_t seconds, uin
 }
 
 scene_renderer::scene_renderer(const scene_config &cfg, uint16_t format)
-    : cfg_(cfg), format_(format) {
+    : init_(cfg), cfg_(cfg), format_(format) {
     const uint32_t w = cfg_.width, h = cfg_.height, n = w * h;
     if (cfg_.unit_errors) errors_ = unit_errors::draw(cfg_.unit_seed, w, h);
-    dist_.assign(n, 0.0f);
-    refl_.assign(n, 0.0f);
-    amp_.assign(n, 0.0f);
+    room_.assign(n, 0.0f);
+    room_refl_.assign(n, 0.0f);
+    axial_.assign(n, 0.0f);
     // The lens record may be for a larger image; scale it like the driver does.
     tevix_lens_param_t l = cfg_.lens;
     if (l.width && l.height && w && h) {
@@ -197,19 +204,79 @@ scene_renderer::scene_renderer(const scene_config &cfg, uint16_t format)
     for (uint32_t v = 0; v < h; ++v) {
         for (uint32_t u = 0; u < w; ++u) {
             const vec3 d = _ray(l, u, v);
+            const uint32_t i = v * w + u;
+            axial_[i] = static_cast<float>(d.z);
             hit hh;
-            _room(hh, d);
+            _room(hh, d, cfg_.room_back_mm);
             for (const box &b : k_boxes) _box(hh, d, b);
             _sphere(hh, d);
             _ramp(hh, d);
-            const uint32_t i = v * w + u;
             if (hh.t >= 1e29) continue;
-            dist_[i] = static_cast<float>(hh.t);
-            refl_[i] = hh.refl;
-            const double m = hh.t / 1000.0;
-            amp_[i] = static_cast<float>(cfg_.amp_max * hh.refl / (1.0 + 0.03 * m));
+            room_[i] = static_cast<float>(hh.t);
+            room_refl_[i] = hh.refl;
         }
     }
+    _truth();
+}
+
+// Distance, reflectivity and amplitude of every pixel for the room or the flat target.
+void scene_renderer::_truth() {
+    if (cfg_.target_mm == 0) {
+        dist_ = room_;
+        refl_ = room_refl_;
+    } else {
+        dist_.resize(axial_.size());
+        refl_.assign(axial_.size(), cfg_.target_refl);
+        for (size_t i = 0; i < axial_.size(); ++i)
+            dist_[i] = static_cast<float>(cfg_.target_mm / double(axial_[i]));
+    }
+    amp_.assign(dist_.size(), 0.0f);
+    for (size_t i = 0; i < dist_.size(); ++i)
+        if (dist_[i] > 0)
+            amp_[i] =
+                static_cast<float>(cfg_.amp_max * refl_[i] / (1.0 + 0.03 * dist_[i] / 1000.0));
+}
+
+void scene_renderer::on_param(uint8_t id, std::span<const uint8_t> v) {
+    std::lock_guard lk(m_);
+    if (id == k_par_mod_freq && v.size() >= 4) {
+        uint32_t f;
+        std::memcpy(&f, v.data(), 4);
+        if (f >= 1000000 && f <= 100000000) cfg_.freq_hz = f;
+    } else if (id == k_par_scene && v.size() >= k_scene_ctl_len) {
+        uint32_t target;
+        std::memcpy(&target, v.data(), 4);
+        std::memcpy(&cfg_.tcb, v.data() + 4, 2);
+        std::memcpy(&cfg_.tib, v.data() + 6, 2);
+        cfg_.noise = v[8] & k_scene_noise;
+        if (target > 60000) target = 0;
+        if (target != cfg_.target_mm) {
+            cfg_.target_mm = target;
+            _truth();
+        }
+    }
+}
+
+std::vector<uint8_t> scene_renderer::param(uint8_t id) const {
+    if (id != k_par_scene) return {};
+    std::lock_guard lk(m_);
+    std::vector<uint8_t> v(k_scene_ctl_len, 0);
+    std::memcpy(v.data(), &cfg_.target_mm, 4);
+    std::memcpy(v.data() + 4, &cfg_.tcb, 2);
+    std::memcpy(v.data() + 6, &cfg_.tib, 2);
+    v[8] = cfg_.noise ? k_scene_noise : 0;
+    return v;
+}
+
+void scene_renderer::reset() {
+    std::lock_guard lk(m_);
+    cfg_ = init_;
+    _truth();
+}
+
+scene_config scene_renderer::config() const {
+    std::lock_guard lk(m_);
+    return cfg_;
 }
 
 uint32_t scene_renderer::planes() const {
@@ -231,18 +298,39 @@ bool scene_renderer::under_header(uint32_t x, uint32_t y) const {
     return x < k_scene_header_bytes / 2 && y == _image_row(0, cfg_.height);
 }
 
-vx_frame_desc_t scene_renderer::describe() const {
+void scene_dcs_ideal(double theta, double a, double v[4]) {
+    const dcs4 q = _samples(theta, a);
+    for (int p = 0; p < 4; ++p) v[p] = q.d[p];
+}
+
+void scene_dcs_exact(double theta, double a, uint16_t d[4]) {
+    const long dx = std::lround(-a * std::cos(theta));
+    const long dy = std::lround(-a * std::sin(theta));
+    const long d0 = 2048 - dx / 2, d1 = 2048 - dy / 2;
+    d[0] = _sample(d0);
+    d[1] = _sample(d1);
+    d[2] = _sample(d0 + dx);
+    d[3] = _sample(d1 + dy);
+}
+
+vx_frame_desc_t scene_describe(const scene_config &cfg, uint16_t format, uint32_t frame_bytes) {
     vx_frame_desc_t d{};
-    d.frlen = frame_bytes();
-    d.frfmt = format_;
-    d.width = cfg_.width;
-    d.height = cfg_.height;
-    d.tcb = cfg_.tcb;
-    d.tib = cfg_.tib;
+    d.frlen = frame_bytes;
+    d.frfmt = format;
+    d.width = cfg.width;
+    d.height = cfg.height;
+    d.tcb = cfg.tcb;
+    d.tib = cfg.tib;
     return d;
 }
 
+vx_frame_desc_t scene_renderer::describe() const {
+    std::lock_guard lk(m_);
+    return scene_describe(cfg_, format_, frame_bytes());
+}
+
 void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_desc_t &desc) {
+    std::unique_lock lk(m_);
     const uint32_t w = cfg_.width, h = cfg_.height, n = w * h;
     if (out.size() < frame_bytes()) return;
     const double range = static_cast<double>(
@@ -261,12 +349,8 @@ void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_des
             const uint32_t ii = ir * w + x, si = sr * w + x;
             double d = dist_[ii];
             const double a = amp_[ii];
-            if (cfg_.unit_errors && d > 0) {
-                // The unit reads the distance its errors make of it, the cyclic part at the
-                // true phase.
-                d += errors_.at(ii, 2.0 * M_PI * std::fmod(d, range) / range, cfg_.tcb, cfg_.tib);
-                d = std::max(d, 0.0);
-            }
+            // The unit reads the distance its errors make of it.
+            if (cfg_.unit_errors) d = errors_.read(ii, d, range, cfg_.tcb, cfg_.tib);
             const double theta = 2.0 * M_PI * std::fmod(d, range) / range;
             if (format_ == 11) {
                 s[si] = _sample(noisy(2048 + a));
@@ -274,14 +358,9 @@ void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_des
             }
             dcs4 q = _samples(theta, a);
             if (format_ == 2 && !cfg_.noise) {
-                // Exact differences: D2 - D0 and D3 - D1 are the rounded ideal values.
-                const long dx = std::lround(-a * std::cos(theta));
-                const long dy = std::lround(-a * std::sin(theta));
-                const long d0 = 2048 - dx / 2, d1 = 2048 - dy / 2;
-                s[si] = _sample(d0);
-                s[n + si] = _sample(d1);
-                s[2 * n + si] = _sample(d0 + dx);
-                s[3 * n + si] = _sample(d1 + dy);
+                uint16_t d[4];
+                scene_dcs_exact(theta, a, d);
+                for (uint32_t p = 0; p < 4; ++p) s[p * n + si] = d[p];
                 continue;
             }
             if (format_ == 2) {
@@ -295,9 +374,14 @@ void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_des
         }
     }
     std::memcpy(out.data(), s.data(), s.size() * 2);
+    lk.unlock();
+    desc = describe();
+    scene_write_header(index, out.data(), desc);
+}
+
+void scene_write_header(uint32_t index, uint8_t *frame, vx_frame_desc_t &desc) {
     const uint32_t usec_total = index * 33333u;
     const uint32_t secs = usec_total / 1000000u;
-    desc = describe();
     desc.fridx = static_cast<uint16_t>(index);
     desc.time = scene_time_word(12, (secs / 60) % 60, secs % 60, usec_total % 1000000u);
     uint8_t hdr[k_scene_header_bytes];
@@ -309,7 +393,7 @@ void scene_renderer::render(uint32_t index, std::span<uint8_t> out, vx_frame_des
     std::memcpy(hdr + 12, &desc.tcb, 2);
     std::memcpy(hdr + 14, &desc.tib, 2);
     std::memcpy(hdr + 16, &desc.time, 4);
-    std::memcpy(out.data(), hdr, sizeof hdr);
+    std::memcpy(frame, hdr, sizeof hdr);
 }
 
 std::vector<uint8_t> scene_render_frame(const scene_config &cfg, uint16_t format, uint32_t index) {

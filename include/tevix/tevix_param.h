@@ -9,9 +9,9 @@
 #ifndef TEVIX_PARAM_H
 #define TEVIX_PARAM_H
 
+#include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <stdbool.h>
 #include <stdio.h>
 
 #include "tevix_export.h"
@@ -149,6 +149,63 @@ TEVIX_API bool tevix_param_load_from_dev(tevix_dev_t *dev) TEVIX_NOEXCEPT;
 TEVIX_API bool tevix_calib_bin_data_pk_and_download_ex(tevix_dev_t *dev, bool compress,
                                                        bool download,
                                                        const char *source) TEVIX_NOEXCEPT;
+
+/*
+ * Calibration station (extension): measures a flat target square to the camera's optical axis at
+ * a series of known distances for each modulation frequency, and at one distance over a series
+ * of temperatures, then fits the distance calibration (scale and offset, each pixel's offset, the
+ * cyclic error over the phase, the board and sensor temperature coefficients) and writes a
+ * calibration container. EPC cameras; the frames are taken in the camera's current frame format
+ * (four planes measure best) and resolution, which the tables then serve.
+ *
+ * Before each step the station calls place(): the target goes to step->distance_mm and the camera
+ * to the temperatures asked (an operator confirming on a terminal, a motorised rail, a climate
+ * chamber, or a virtual camera's scene control); a non-zero return stops the run. The
+ * temperatures recorded are those the camera reports while it is measured. The distance offset
+ * filter is switched off while measuring and left on at 0 mm.
+ */
+#define TEVIX_STATION_TEMP_ASIS (-32768) /* a temperature the step leaves as it is */
+
+typedef struct tevix_station_step {
+    uint32_t freq_hz;     /* modulation frequency of the step */
+    uint32_t distance_mm; /* target plane's distance from the camera along its optical axis */
+    int16_t tcb, tib; /* board and sensor temperature asked, 0.1 C, or TEVIX_STATION_TEMP_ASIS */
+    uint32_t index;   /* steps from 0 ... */
+    uint32_t count;   /* ... of this many in the run */
+} tevix_station_step_t;
+
+typedef int (*tevix_station_place_cb)(tevix_dev_t *dev, const tevix_station_step_t *step,
+                                      void *user);
+/* After each step: the pixels measured, the distance at the image centre (mm, uncalibrated) and
+ * the temperatures the camera reported (0.1 C). */
+typedef void (*tevix_station_report_cb)(const tevix_station_step_t *step, uint32_t valid_pixels,
+                                        float centre_mm, int16_t tcb, int16_t tib, void *user);
+
+typedef struct tevix_station_cfg {
+    const uint32_t *freqs; /* frequencies to calibrate (Hz); NULL or n_freqs 0: the camera's */
+    uint32_t n_freqs;      /* at most 16 */
+    const uint32_t *distances_mm; /* the distance sweep, 2..48 distances */
+    uint32_t n_distances;
+    int16_t cal_tcb, cal_tib;   /* temperatures of the distance sweep (TEVIX_STATION_TEMP_ASIS) */
+    const int16_t *temps;       /* the drift sweep: n_temps pairs (board, sensor), 0.1 C */
+    uint32_t n_temps;           /* 0..16; 0: the coefficients stay the driver's defaults */
+    uint32_t drift_distance_mm; /* where the drift sweep stands; 0: the middle distance */
+    uint32_t frames;            /* frames averaged per step; 0: 10 */
+    uint32_t measurements;      /* 1: store the measurements, for the camera to fit at each mount */
+    uint32_t ts;                /* container timestamp; 0: the time now */
+    tevix_station_place_cb place; /* required */
+    void *place_user;
+    tevix_station_report_cb report; /* may be NULL */
+    void *report_user;
+} tevix_station_cfg_t;
+
+/* Runs the station on an open camera and writes the container to out_path. Returns 1 when it is
+ * written, 0 on failure (bad arguments, a camera that is not EPC, frames that do not come, too few
+ * valid pixels, fits that decide nothing: the reason goes to the log), -2 when place() stopped
+ * the run. Capture must be stopped; the camera is left at the last frequency calibrated.
+ * Extension. */
+TEVIX_API int tevix_calib_station(tevix_dev_t *dev, const tevix_station_cfg_t *cfg,
+                                  const char *out_path) TEVIX_NOEXCEPT;
 
 TEVIX_EXTERN_C_END
 

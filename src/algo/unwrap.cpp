@@ -3,6 +3,7 @@
 #include "algo/unwrap.h"
 
 #include <cmath>
+#include <cstring>
 #include <numeric>
 
 #include "algo/simd.h"
@@ -16,6 +17,18 @@ namespace {
 constexpr double k_c_mm_per_s = 299792458.0e3;
 constexpr uint32_t k_max_wraps = 16;
 constexpr float k_invalid = 65500.0f;
+
+typedef uint16_t u16x4 __attribute__((vector_size(8)));
+template <class V>
+struct u16_form;
+template <>
+struct u16_form<f32x4> {
+    using type = u16x4;
+};
+template <>
+struct u16_form<f32x8> {
+    using type = u16x8;
+};
 
 template <class V>
 VX_INLINE V _trunc(const V &x) {
@@ -68,11 +81,14 @@ VX_INLINE void _run(const dual_freq &u, const uint16_t *d0, const uint16_t *d1, 
     constexpr size_t L = sizeof(V) / sizeof(float);
     size_t i = 0;
     if constexpr (L > 1) {
+        // Whole vectors in and out: u16 lanes widened to float and narrowed back.
+        using h = typename u16_form<V>::type;
+        using I = typename int_form<V>::type;
         for (; i + L <= n; i += L) {
-            V a, b;
-            for (size_t l = 0; l < L; ++l) a[l] = float(d0[i + l]), b[l] = float(d1[i + l]);
-            const V r = _pixels<V>(u, a, b);
-            for (size_t l = 0; l < L; ++l) out[i + l] = uint16_t(r[l]);
+            const V a = __builtin_convertvector(load<h>(d0 + i), V);
+            const V b = __builtin_convertvector(load<h>(d1 + i), V);
+            const h r = __builtin_convertvector(__builtin_convertvector(_pixels<V>(u, a, b), I), h);
+            std::memcpy(out + i, &r, sizeof r);
         }
     }
     for (; i < n; ++i) out[i] = uint16_t(_pixels<float>(u, float(d0[i]), float(d1[i])));

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zip.h>
 
@@ -119,6 +120,11 @@ bool _zip_file(const char *source) {
         return false;
     }
     zip_set_file_compression(za, static_cast<zip_uint64_t>(idx), ZIP_CM_DEFLATE, 6);
+    // The entry takes the source's time, not the time of packing: the same container packs into
+    // the same bytes.
+    struct stat st {};
+    if (::stat(source, &st) == 0)
+        zip_file_set_mtime(za, static_cast<zip_uint64_t>(idx), st.st_mtime, 0);
     const bool ok = zip_close(za) == 0;
     if (!ok) zip_discard(za);
     VX_LOG_AS(VX_LOG_INF, fn, "[%s]End\n");

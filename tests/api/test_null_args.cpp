@@ -894,6 +894,41 @@ TEST_F(null_args, calibration_file_calls) {
         {"text lens of no name",
          [&] { return tevix_param_load_len_2d_file(nullptr, &lens, nullptr); }, 0},
     });
+    // The calibration station: nothing moves before the arguments and the camera are right.
+    static int placed = 0;
+    const uint32_t dist[2] = {1000, 2000};
+    tevix_station_cfg_t cfg{};
+    cfg.distances_mm = dist;
+    cfg.n_distances = 2;
+    cfg.place = [](tevix_dev_t *, const tevix_station_step_t *, void *) { return ++placed, 0; };
+    const std::string out = dir_.file("station.bin");
+    auto station = [&](tevix_dev_t *d, tevix_station_cfg_t c, const char *path) {
+        return tevix_calib_station(d, &c, path);
+    };
+    tevix_station_cfg_t no_place = cfg, one_distance = cfg, no_temps = cfg;
+    no_place.place = nullptr;
+    one_distance.n_distances = 1;
+    no_temps.n_temps = 2;
+    sweep({
+        {"station of no device", [&] { return station(nullptr, cfg, out.c_str()); }, 0,
+         "[tevix_calib_station] Device handler Is NULL!\r\n"},
+        {"station of a closed device", [&] { return station(&closed_, cfg, out.c_str()); }, 0},
+        {"station without configuration",
+         [&] { return tevix_calib_station(&dev_, nullptr, out.c_str()); }, 0,
+         "[tevix_calib_station]Wrong params\n"},
+        {"station without a file", [&] { return station(&dev_, cfg, nullptr); }, 0,
+         "[tevix_calib_station]Wrong params\n"},
+        {"station without a mover", [&] { return station(&dev_, no_place, out.c_str()); }, 0,
+         "[tevix_calib_station]Wrong params\n"},
+        {"station of one distance", [&] { return station(&dev_, one_distance, out.c_str()); }, 0,
+         "[tevix_calib_station]Wrong params\n"},
+        {"station of temperatures not given", [&] { return station(&dev_, no_temps, out.c_str()); },
+         0, "[tevix_calib_station]Wrong params\n"},
+        {"station of a camera that is not EPC", [&] { return station(&dev_, cfg, out.c_str()); }, 0,
+         "[tevix_calib_station]the station calibrates EPC cameras only (chip X1)\n"},
+    });
+    EXPECT_EQ(placed, 0);
+    EXPECT_FALSE(std::filesystem::exists(out));
     EXPECT_EQ(lens.cx, 1.5);  // a failed load leaves the record untouched
     EXPECT_EQ(tevix_param_load_len_2d_file(&dev, &lens, "lens_param.txt"), 1);
     EXPECT_EQ(lens.width, 320u);

@@ -138,13 +138,4 @@ TEST(TiStub, MinimalOperations) {
     row->dev = nullptr;
 }
 
-TEST(SonyTable, InitRefusesUntilTheDriverExists) {
-    tevix::test::log_capture log;
-    tevix_drv_t *row = &tevix_drv_table()[4];
-    tevix_dev_t d = _dev("M-S1-R");
-    EXPECT_FALSE(row->ops->init(row, &d));
-    EXPECT_EQ(log.count("SONY chip driver not available"), 1);
-    EXPECT_EQ(row->priv, nullptr);
-}
-
 }  // namespace

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <tuple>
 #include <vector>
@@ -45,7 +46,7 @@ class epc_fixture : public ::testing::Test {
         if (drv_) drv_->dev = nullptr;
         dev_.reset();
     }
-    tevix::epc::epc_priv *p() { return static_cast<tevix::epc::epc_priv *>(drv_->priv); }
+    tevix::epc::epc_priv *p() { return tevix::epc::priv_of(drv_); }
     tevix_drv_ops *ops() { return drv_->ops; }
 
     tevix_frame_info_t info_of(const std::vector<uint8_t> &raw) {
@@ -535,7 +536,7 @@ void _mount(tevix::epc::epc_priv *p, uint32_t freq, int16_t lut_mm, uint32_t w =
     b->width = uint16_t(w);
     b->height = uint16_t(h);
     b->pixels.assign(size_t{w} * h, pix_mm);
-    p->block = std::move(b);
+    p->slot.block = std::move(b);
     p->calib_mounted = 1;
 }
 
@@ -964,8 +965,13 @@ TEST_F(epc_fixture, SceneUnitErrorsShowUncalibrated) {
     EXPECT_NE(a.errors().pixel_mm, c.errors().pixel_mm);
     // The error model itself: the cyclic part swings over the phase, the drift with temperature.
     const auto &e = a.errors();
-    EXPECT_NE(e.at(0, 0.0, 350, 420), e.at(0, M_PI / 8, 350, 420));
-    EXPECT_NEAR(e.at(0, 0.0, 450, 420) - e.at(0, 0.0, 350, 420), 10 * e.drift_board_mm, 1e-9);
+    const double range = tevix::epc::range_mm(20000000);
+    EXPECT_NE(e.at(0, 1000, range, 350, 420), e.at(0, 1000 + range / 16, range, 350, 420));
+    // The cyclic part follows the phase the other errors lead to: 10 C warmer reads as the
+    // distance the drift adds would.
+    const double drift = 10 * e.drift_board_mm;
+    EXPECT_NEAR(e.at(0, 1000, range, 450, 420), e.at(0, 1000 + drift, range, 350, 420) + drift,
+                1e-9);
 }
 
 TEST_F(epc_fixture, SceneRoundTripWithNoise) {
@@ -1173,6 +1179,18 @@ TEST_F(epc_calib_file, LoadDecidesFileAndFrequency) {
 TEST_F(epc_calib_file, DamagedBlocksLeaveTheDefaults) {
     auto cut = _block({20000000, 50});
     cut.pop_back();
+    // Station measurements that decide nothing: no valid pixel, or one phase everywhere.
+    auto measured = [](uint16_t phase) {
+        tevix::epc::calib_block m;
+        m.freq = 20000000;
+        m.width = 4;
+        m.height = 2;
+        m.truth_mm = {1000, 2000};
+        m.meas_cb = {300, 300};
+        m.meas_ib = {350, 350};
+        m.phases.assign(16, phase);
+        return tevix::epc::block_payload(m);
+    };
     const struct {
         std::vector<tevix::calib::param_block> blocks;
         const char *line;
@@ -1182,6 +1200,8 @@ TEST_F(epc_calib_file, DamagedBlocksLeaveTheDefaults) {
         {{{1, {1, 2, 3}}}, "read par_drv_hdr failed"},
         {{{1, _block({20000000, 50, 0, 0})}}, "parse calib file failed: bad table size"},
         {{{1, _block({20000000, 50, 0, 1, -5})}}, "parse calib file failed: scale out of range"},
+        {{{1, measured(65500)}}, "LSR FIT failed: 2 measurements of 4x2"},
+        {{{1, measured(9000)}}, "LSR FIT failed: 2 measurements of 4x2"},
     };
     for (const auto &c : cases) {
         write(c.blocks);
@@ -1201,10 +1221,10 @@ TEST_F(epc_fixture, CalibrationComposition) {
     open();
     ops()->on_update_mod_freq(drv_, 20000000, 0);
     _mount(p(), 20000000, 10);
-    p()->block->scale_um = 1010;
-    p()->block->offset_mm = -30;
-    p()->block->t_cb = 250;  // 5 C colder board than now
-    p()->block->t_ib = 300;  // 5 C colder sensor
+    p()->slot.block->scale_um = 1010;
+    p()->slot.block->offset_mm = -30;
+    p()->slot.block->t_cb = 250;  // 5 C colder board than now
+    p()->slot.block->t_ib = 300;  // 5 C colder sensor
     p()->tcb = 300;
     p()->tib = 350;
     p()->sys_scale = 1.5f;
@@ -1223,11 +1243,11 @@ TEST_F(epc_fixture, CalibrationComposition) {
     EXPECT_EQ(phase[3], int32_t(tevix::epc::k_dist_invalid));
 
     // Every tier gives the scalar bits, with and without the per-pixel table.
-    p()->block->width = 37;
-    p()->block->height = 3;
-    p()->block->pixels.assign(37 * 3, 0);
-    for (size_t i = 0; i < p()->block->pixels.size(); ++i)
-        p()->block->pixels[i] = int16_t(int(i * 37 % 200) - 100);
+    p()->slot.block->width = 37;
+    p()->slot.block->height = 3;
+    p()->slot.block->pixels.assign(37 * 3, 0);
+    for (size_t i = 0; i < p()->slot.block->pixels.size(); ++i)
+        p()->slot.block->pixels[i] = int16_t(int(i * 37 % 200) - 100);
     std::vector<int32_t> phases(37 * 3);
     for (size_t i = 0; i < phases.size(); ++i)
         phases[i] = i % 11 == 0 ? int32_t(tevix::epc::k_dist_invalid) : int32_t(i * 2963 % 32768);
@@ -1242,65 +1262,162 @@ TEST_F(epc_fixture, CalibrationComposition) {
     }
 }
 
-// A calibration station's measurements (a unit with a scale error, an offset, a fixed offset
-// per pixel and a cyclic error) fitted at mount: the calibrated decode gives the true distances
-// back; data that decide nothing are refused.
+// A calibration station's measurements of a flat target (a unit with a scale error, an offset,
+// a fixed offset per pixel, a cyclic error and a drift with both temperatures), stored as a
+// measurement block, read back and fitted at mount: the calibrated decode gives the true
+// distances back at every temperature; data that decide nothing are refused.
 TEST(EpcCalibFit, MeasurementsFitIntoTables) {
-    const uint32_t freq = 20000000, range = tevix::epc::range_mm(freq), w = 16, h = 8;
-    const std::vector<float> truth = {600, 1100, 1700, 2300, 2900, 3600, 4300, 5000};
-    auto error_of = [&](size_t i, double phase) {  // what the unit adds to the line
+    const uint32_t freq = 20000000, range = tevix::epc::range_mm(freq), w = 16, h = 8, px = w * h;
+    struct meas {
+        float target;
+        int16_t cb, ib;
+    };
+    // A distance sweep at the calibration temperatures, then a drift sweep at one distance.
+    const std::vector<meas> ms = {{600, 300, 350},  {1100, 300, 350}, {1700, 300, 350},
+                                  {2300, 300, 350}, {2900, 300, 350}, {3600, 300, 350},
+                                  {4300, 300, 350}, {5000, 300, 350}, {2300, 350, 380},
+                                  {2300, 400, 470}, {2300, 250, 360}, {2300, 450, 420}};
+    const double c1 = 9.5, c2 = 1.7;  // mm per C of board and sensor
+    auto ratio = [](size_t i) { return uint16_t(16384 + (i * 97) % 4900); };
+    auto truth = [&](const meas &m, size_t i) { return m.target * (ratio(i) / 16384.0); };
+    // What the unit adds to the line at a phase and temperature.
+    auto error_of = [&](size_t i, double phase, const meas &m) {
         const double a = 4.0 * 2.0 * M_PI * phase / 32768.0;
-        return double(int(i % 7) * 6 - 18) + 9.0 * std::sin(a + 0.4);
+        return double(int(i % 7) * 6 - 18) + 9.0 * std::sin(a + 0.4) + c1 * (m.cb - 300) / 10.0 +
+               c2 * (m.ib - 350) / 10.0;
     };
     tevix::epc::calib_block b;
     b.freq = freq;
+    b.ts = 9;
     b.width = w;
     b.height = h;
-    for (float t : truth) b.truth_mm.push_back(t);
-    for (float t : truth)
-        for (size_t i = 0; i < w * h; ++i) {
+    b.t_cb = 300;
+    b.t_ib = 350;
+    b.c1 = 13.78f;
+    b.c2 = 1.183f;
+    for (size_t i = 0; i < px; ++i) b.ratio.push_back(ratio(i));
+    for (const meas &m : ms) {
+        b.truth_mm.push_back(m.target);
+        b.meas_cb.push_back(m.cb);
+        b.meas_ib.push_back(m.ib);
+        for (size_t i = 0; i < px; ++i) {
             if (i == 37) {
                 b.phases.push_back(65500);  // a pixel that never sees the target
                 continue;
             }
-            // true = 1.02 x measured - 25 + error(phase): solved for the phase by iteration.
-            double phase = t * 32768.0 / range;
+            // true = 1.02 x measured - 25 - error: solved for the phase by iteration.
+            double phase = truth(m, i) * 32768.0 / range;
             for (int it = 0; it < 20; ++it)
-                phase = (t + 25.0 - error_of(i, phase)) / 1.02 * 32768.0 / range;
+                phase = (truth(m, i) + 25.0 + error_of(i, phase, m)) / 1.02 * 32768.0 / range;
             b.phases.push_back(uint16_t(std::lround(phase)));
         }
-    const std::vector<uint16_t> phases = b.phases;
-    ASSERT_TRUE(tevix::epc::calc_coeff(b));
-    EXPECT_NEAR(b.scale_um, 1020, 2);
-    EXPECT_NEAR(b.offset_mm, -25, 3);
-    ASSERT_EQ(b.lut.size(), tevix::epc::k_phase_lut);
-    ASSERT_EQ(b.pixels.size(), size_t{w} * h);
-    EXPECT_EQ(b.pixels[37], 0);  // never seen: the line alone
-
-    // Decoding the measured phases through the fitted tables gives the truth.
-    tevix::epc::epc_priv p;
-    p.range = range;
-    p.freq = freq;
-    p.temp_comp = 0;
-    p.block = std::make_unique<tevix::epc::calib_block>(b);
-    p.calib_mounted = 1;
-    double worst = 0;
-    for (size_t k = 0; k < truth.size(); ++k) {
-        std::vector<int32_t> d(phases.begin() + k * w * h, phases.begin() + (k + 1) * w * h);
-        tevix::epc::apply_calibration(&p, d.data(), w, h, true);
-        for (size_t i = 0; i < w * h; ++i)
-            if (i != 37) worst = std::max(worst, std::abs(d[i] - double(truth[k])));
-        EXPECT_EQ(d[37], 65500);
     }
-    EXPECT_LE(worst, 3.0);
+    const std::vector<uint16_t> phases = b.phases;
+    // Through the payload and back, first with the lists (the drift sweep out of the pixels' and
+    // the sine's fits), then without (every fit takes all).
+    for (bool lists : {true, false}) {
+        tevix::epc::calib_block m = b;
+        m.lists = lists;
+        m.ns = m.nc = {0, 1, 2, 3, 4, 5, 6, 7};
+        m.nf = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
+        tevix::epc::calib_block f;
+        const char *why = nullptr;
+        ASSERT_TRUE(tevix::epc::parse_block(tevix::epc::block_payload(m), f, &why)) << why;
+        EXPECT_EQ(f.lists, lists);
+        EXPECT_EQ(f.phases, phases);
+        log_capture log;
+        ASSERT_TRUE(tevix::epc::calc_coeff(f));
+        EXPECT_EQ(log.count("No Ns/Nf/Nc in calib data: use default Nc=arange(12)"), lists ? 0 : 1);
+        EXPECT_EQ(log.count("LSR FIT (r="), 1);
+        EXPECT_EQ(log.count("MLF FIT (r="), 1);
+        EXPECT_EQ(log.count("SIN FIT (r="), 1);
+        EXPECT_EQ(log.count("bad pixel blks: cnt = 1, fixed to use global (s, o)"), 1);
+        EXPECT_NEAR(f.scale_um, 1020, 2) << lists;
+        EXPECT_NEAR(f.offset_mm, -25, 4) << lists;
+        EXPECT_NEAR(f.c1, c1, 0.3) << lists;
+        EXPECT_NEAR(f.c2, c2, 0.3) << lists;
+        ASSERT_EQ(f.lut.size(), tevix::epc::k_phase_lut);
+        ASSERT_EQ(f.pixels.size(), size_t{px});
+        EXPECT_EQ(f.pixels[37], 0);  // never seen: the line alone
+        // The fitted tables survive the payload too.
+        tevix::epc::calib_block again;
+        ASSERT_TRUE(tevix::epc::parse_block(tevix::epc::block_payload(f), again, &why)) << why;
+        EXPECT_EQ(again.pixels, f.pixels);
+        EXPECT_EQ(again.lut, f.lut);
+
+        // Decoding the measured phases at their temperatures gives the truth.
+        tevix::epc::epc_priv p;
+        p.range = range;
+        p.freq = freq;
+        p.c1 = f.c1;
+        p.c2 = f.c2;
+        p.slot.block = std::make_unique<tevix::epc::calib_block>(f);
+        p.calib_mounted = 1;
+        double worst = 0;
+        for (size_t k = 0; k < ms.size(); ++k) {
+            p.tcb = ms[k].cb;
+            p.tib = ms[k].ib;
+            std::vector<int32_t> d(phases.begin() + k * px, phases.begin() + (k + 1) * px);
+            tevix::epc::apply_calibration(&p, d.data(), w, h, true);
+            for (size_t i = 0; i < px; ++i)
+                if (i != 37) worst = std::max(worst, std::abs(d[i] - truth(ms[k], i)));
+            EXPECT_EQ(d[37], 65500);
+        }
+        EXPECT_LE(worst, 3.0) << lists;
+    }
 
     // Nothing valid, or one phase everywhere: no line to fit.
     tevix::epc::calib_block none = b;
     none.truth_mm = {1000, 2000};
-    none.phases.assign(2 * w * h, 65500);
-    EXPECT_FALSE(tevix::epc::calc_coeff(none));
-    none.phases.assign(2 * w * h, 9000);
-    EXPECT_FALSE(tevix::epc::calc_coeff(none));
+    none.meas_cb = {300, 300};
+    none.meas_ib = {350, 350};
+    for (uint16_t ph : {uint16_t(65500), uint16_t(9000)}) {
+        none.phases.assign(2 * px, ph);
+        log_capture log;
+        EXPECT_FALSE(tevix::epc::calc_coeff(none)) << ph;
+        EXPECT_EQ(log.count("LSR FIT failed: 2 measurements of 16x8"), 1) << ph;
+    }
+}
+
+// Measurement payloads that do not add up are refused with their reason.
+TEST(EpcCalibFit, DamagedMeasurementPayloads) {
+    tevix::epc::calib_block b;
+    b.freq = 20000000;
+    b.width = 4;
+    b.height = 2;
+    b.truth_mm = {1000, 2000};
+    b.meas_cb = {300, 300};
+    b.meas_ib = {350, 350};
+    b.phases.assign(16, 4000);
+    b.lists = true;
+    b.ns = {0};
+    b.nf = b.nc = {0, 1};
+    const std::vector<uint8_t> good = tevix::epc::block_payload(b);
+    const size_t lists_at = good.size() - 8;  // three lists: 1 + 1, 1 + 2, 1 + 2 bytes
+    struct damage {
+        const char *why;
+        std::function<void(std::vector<uint8_t> &)> f;
+    } cases[] = {
+        {"payload size does not match its measurements", [](auto &v) { v.pop_back(); }},
+        {"measurement count out of range", [](auto &v) { v[37] = 1; }},
+        {"measurement count out of range", [](auto &v) { v[37] = 65, v[38] = 0; }},
+        {"true distance out of range", [](auto &v) { std::memset(v.data() + 39, 0xFF, 4); }},
+        {"unknown geometry", [](auto &v) { v[55] = 2; }},
+        {"measurement index out of range", [&](auto &v) { v[lists_at + 1] = 2; }},
+        {"empty measurement list",
+         [&](auto &v) {
+             v.resize(lists_at + 2), v.insert(v.end(), {0, 1, 0});
+         }},
+        {"bad table size", [](auto &v) { v[32] = v[33] = 0; }},
+    };
+    for (const damage &c : cases) {
+        std::vector<uint8_t> v = good;
+        c.f(v);
+        tevix::epc::calib_block out;
+        const char *why = nullptr;
+        EXPECT_FALSE(tevix::epc::parse_block(v, out, &why)) << c.why;
+        EXPECT_STREQ(why ? why : "", c.why);
+    }
 }
 
 }  // namespace

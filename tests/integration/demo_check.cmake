@@ -1,18 +1,25 @@
 cmake_minimum_required(VERSION 3.25)
-# Runs the main job against a virtual camera and checks what it writes: PNG files that decode to
-# 320x240 (signature and header chunk) and a PLY file with a vertex count in its header.
-# Arguments: VCAM, TOOL, OUT.
+# Runs the main job against a virtual camera and checks what it writes: PNG files of the camera's
+# size (signature and header chunk) and a PLY file with a vertex count in its header.
+# Arguments: VCAM, TOOL, OUT; MODEL sony for a virtual SONY unit (640x480) instead of an EPC one.
 file(REMOVE_RECURSE ${OUT})
-execute_process(COMMAND ${VCAM} --scene 2 -- ${TOOL} demo --out ${OUT} --seconds 1
+if(MODEL STREQUAL "sony")
+  set(vcam_args --model sony)
+  set(size_hex "00000280000001e0")
+else()
+  set(vcam_args --scene 2)
+  set(size_hex "00000140000000f0")
+endif()
+execute_process(COMMAND ${VCAM} ${vcam_args} -- ${TOOL} demo --out ${OUT} --seconds 1
                 RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "demo failed (${rc}):\n${out}\n${err}")
 endif()
 foreach(name depth ir)
   file(READ ${OUT}/${name}.png head LIMIT 24 HEX)
-  # Signature, IHDR chunk, width 320, height 240.
-  if(NOT head STREQUAL "89504e470d0a1a0a0000000d4948445200000140000000f0")
-    message(FATAL_ERROR "${name}.png is not a 320x240 PNG: ${head}")
+  # Signature, IHDR chunk, width and height.
+  if(NOT head STREQUAL "89504e470d0a1a0a0000000d49484452${size_hex}")
+    message(FATAL_ERROR "${name}.png is not a PNG of the camera's size: ${head}")
   endif()
 endforeach()
 file(STRINGS ${OUT}/points.ply ply LIMIT_COUNT 8)

@@ -1,7 +1,8 @@
 // Calibration through the camera: a container packed (zipped or not) and downloaded into the
-// virtual camera's flash, the local cache deleted, the camera opened again: the driver fetches the
-// calibration in upload mode, caches it, mounts it, and the distances come out calibrated. Also
-// the upload rules under lost and stray frames, and the packing edge cases.
+// virtual camera's flash, the local cache deleted (or older than the camera's), the camera opened
+// again: the driver fetches the calibration in upload mode, caches it, mounts it, and the
+// distances come out calibrated. Also the upload rules under lost and stray frames, damaged
+// uploads, and the packing edge cases.
 #include <unistd.h>
 
 #include <atomic>
@@ -17,6 +18,7 @@
 
 #include "calib/calib_dev_xfer.h"
 #include "calib/calib_writer.h"
+#include "drivers/epc_test_backend.h"
 #include "scene/scene.h"
 #include "test_util.h"
 #include "tevix/tevix.h"
@@ -138,6 +140,80 @@ TEST_F(calib_dev, download_then_open_fetches_caches_and_mounts) {
         EXPECT_FALSE(fs::exists(prefix_ + "calibration.bin"));
         EXPECT_FALSE(fs::exists(work_.file("tmp.zip")));
     }
+}
+
+TEST_F(calib_dev, older_local_file_is_replaced_before_mounting) {
+    const int plain = centre_after_open();
+    tevix_dev_t *dev = tevix_dev_open(nullptr);
+    ASSERT_NE(dev, nullptr);
+    ASSERT_TRUE(tevix_calib_bin_data_pk_and_download_ex(dev, false, true, source_.c_str()));
+    tevix_dev_close(dev);
+    // The cache holds an older calibration (ts 1000 against the camera's 1234) of another offset.
+    tevix::calib::param_container old;
+    old.ts = 1000;
+    old.blocks = {{1, _block(-400)}};
+    const std::string cache = cached();
+    ASSERT_TRUE(tevix::calib::param_container_write(cache, old));
+    EXPECT_NEAR(centre_after_open(), plain + 150, 1);
+    EXPECT_TRUE(tevix::test::read_file(cache) == tevix::test::read_file(source_));
+}
+
+TEST_F(calib_dev, damaged_uploads_leave_no_container_and_the_defaults) {
+    // What a camera could send in upload mode, each refused with its line; nothing is left
+    // behind. The packed form of the factory file (zipped) is the base of the damaged ones.
+    const std::string packed = work_.file("packed.bin");
+    ASSERT_TRUE(
+        tevix::calib::_tevix_param_encode_construct(source_.c_str(), packed.c_str(), 7, true));
+    const std::string good = tevix::test::read_file(packed);
+    uint32_t dsize;
+    std::memcpy(&dsize, good.data() + 14, 4);
+    auto edit = [&](size_t at, uint32_t v, int bytes) {
+        std::string b = good;
+        std::memcpy(b.data() + at, &v, size_t(bytes));
+        return b;
+    };
+    std::string cut = good;  // the archive's second half (with its directory) lost
+    std::fill(cut.begin() + 18 + dsize / 2, cut.begin() + 18 + dsize, '\x01');
+    std::string garbage = good;
+    for (size_t i = 18; i < 18 + dsize; ++i) garbage[i] = char(i * 131);
+    const struct {
+        const char *what;
+        std::string bytes;
+        const char *line;
+    } cases[] = {
+        {"shorter than its header", good.substr(0, 10), "Read header of"},
+        {"not valid", edit(0, 0, 1), "header verify failed: valid=0"},
+        {"no timestamp", edit(6, 0, 4), "header verify failed: valid=1, ts=0"},
+        {"a size that is not the file's", edit(10, 307200, 4), "fsize=153600 (expect=307200)"},
+        {"no data", edit(14, 0, 4), "dsize=0)"},
+        {"more data than the file", edit(14, 153600, 4), "dsize=153600)"},
+        {"a cut archive", cut, "unzip tmp.zip failed"},
+        {"a garbage archive", garbage, "unzip tmp.zip failed"},
+    };
+    tevix_dev_t dev{};
+    dev.path_prefix = prefix_.c_str();
+    char name[512];
+    const std::string container = tevix_get_param_absolute_name(&dev, name, sizeof name);
+    const std::string bin = prefix_ + "calibration.bin";
+    for (const auto &c : cases) {
+        tevix::calib::write_file(
+            bin, std::span(reinterpret_cast<const uint8_t *>(c.bytes.data()), c.bytes.size()));
+        tevix::test::log_capture log;
+        tevix::calib::_calib_pk_parse(&dev, bin);
+        EXPECT_EQ(log.count(c.line), 1) << c.what << "\n" << log.text();
+        EXPECT_FALSE(fs::exists(container)) << c.what;
+        EXPECT_FALSE(fs::exists(bin)) << c.what;
+        EXPECT_FALSE(fs::exists(work_.file("tmp.zip"))) << c.what;
+    }
+    // A camera holding the garbage archive: the open fetches it, the container never appears
+    // and the distances stay uncalibrated.
+    const int plain = centre_after_open();
+    fw([&](firmware &f) {
+        f.set_store(3, {1, 0, std::vector<uint8_t>(garbage.begin(), garbage.end())});
+    });
+    fs::remove(cached());
+    EXPECT_EQ(centre_after_open(), plain);
+    EXPECT_FALSE(fs::exists(cached()));
 }
 
 TEST_F(calib_dev, lost_and_stray_upload_frames) {

@@ -174,6 +174,7 @@ class e2e_replay : public ::testing::Test {
         EXPECT_EQ(info.width, want.info.width);
         EXPECT_EQ(info.height, want.info.height);
         EXPECT_EQ(info.depth, want.info.depth);
+        EXPECT_EQ(info.temperature, want.info.temperature);
         const uint64_t ts = (*rec_ts_)[k];
         EXPECT_EQ(info.ts_sec % 86400, ts / 1000000 % 86400);
         EXPECT_EQ(info.ts_usec, ts % 1000000 / 64 * 64);

@@ -1,371 +1,45 @@
-// Distance calibration of the EPC driver: block parsing, mount and unmount, and the per-pixel
-// application of the mounted block to decoded phases (the block format is in epc_calib.h).
+// Distance calibration of the EPC driver: the block of the current frequency mounted through the
+// shared block code, the defaults on any fault.
 #include "drivers/epc/epc_calib.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cmath>
-#include <cstdio>
-#include <cstring>
-#include <memory>
-
-#if defined(__x86_64__) || defined(__i386__)
-#include <immintrin.h>
-#endif
-
-#include "algo/simd.h"
-#include "drivers/epc/epc_kernels.h"
 #include "log/log.h"
-#include "tevix/tevix_param.h"
-#include "tevix/vx_fit.h"
 
 namespace tevix::epc {
 
 namespace {
 
-constexpr const char *k_mount = "epc_calc_mount_calib";
-constexpr uint8_t k_table_phase = 1, k_table_pixels = 2;
-
-template <class T>
-T _get(const uint8_t *p) {
-    T v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
 // Defaults: nothing mounted, scale 1000 and offset 0.
 int _defaults(epc_priv *p) {
     calib_unmount(p);
-    VX_LOG_AS(VX_LOG_INF, k_mount,
+    VX_LOG_AS(VX_LOG_INF, p->names->mount,
               "[%s]No calib data : freq=%d. Use default scale_um/offset_mm = %d/%d\n",
               static_cast<int>(p->freq), 1000, 0);
     return -1;
 }
 
-#if defined(__x86_64__) || defined(__i386__)
-// Eight pixels a step, the table read by a gather; the scalar loop's operations in its order.
-VX_TARGET_AVX2 size_t _apply_avx2(const float *table, const int16_t *pix, float pix_scale,
-                                  float add, float top, int32_t *dist, size_t n) {
-    const __m256i turn = _mm256_set1_epi32(int32_t(k_phase_turn)), none = _mm256_set1_epi32(-1);
-    const __m256 vadd = _mm256_set1_ps(add), vscale = _mm256_set1_ps(pix_scale);
-    const __m256 zero = _mm256_setzero_ps(), vtop = _mm256_set1_ps(top);
-    const __m256 half = _mm256_set1_ps(0.5f);
-    size_t i = 0;
-    for (; i + 8 <= n; i += 8) {
-        const __m256i ph = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(dist + i));
-        const __m256i valid =
-            _mm256_and_si256(_mm256_cmpgt_epi32(turn, ph), _mm256_cmpgt_epi32(ph, none));
-        __m256 d = _mm256_add_ps(_mm256_i32gather_ps(table, _mm256_and_si256(ph, valid), 4), vadd);
-        if (pix) {
-            const __m128i p16 = _mm_loadu_si128(reinterpret_cast<const __m128i *>(pix + i));
-            d = _mm256_add_ps(
-                d, _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_cvtepi16_epi32(p16)), vscale));
-        }
-        d = _mm256_min_ps(_mm256_max_ps(d, zero), vtop);
-        const __m256i r = _mm256_cvttps_epi32(_mm256_add_ps(d, half));
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(dist + i),
-                            _mm256_blendv_epi8(ph, r, valid));
-    }
-    return i;
-}
-#endif
-
-void _list_freq(epc_priv *p, uint32_t freq) {
-    for (uint32_t i = 0; i < p->freq_list_n; ++i)
-        if (p->freq_list[i] == freq) return;
-    if (p->freq_list_n < k_freq_list_max) p->freq_list[p->freq_list_n++] = freq;
-}
-
 }  // namespace
 
-bool parse_drv_hdr(std::span<const uint8_t> payload, calib_block &b) {
-    if (payload.size() < k_drv_hdr) return false;
-    const uint8_t *h = payload.data();
-    b.freq = _get<uint32_t>(h);
-    b.ver = h[4];
-    b.ts = _get<uint32_t>(h + 5);
-    b.noneed_calc_coeff = h[9];
-    b.box_len_mm = _get<uint16_t>(h + 10);
-    b.t_cb = _get<int16_t>(h + 12);
-    b.t_ib = _get<int16_t>(h + 14);
-    b.scale_um = _get<int32_t>(h + 16);
-    b.offset_mm = _get<int32_t>(h + 20);
-    b.c1 = _get<float>(h + 24);
-    b.c2 = _get<float>(h + 28);
-    b.width = _get<uint16_t>(h + 32);
-    b.height = _get<uint16_t>(h + 34);
-    b.tables = h[36];
-    return true;
-}
-
-bool parse_block(std::span<const uint8_t> payload, calib_block &b, const char **why) {
-    const char *dummy;
-    if (!why) why = &dummy;
-    if (!parse_drv_hdr(payload, b)) return *why = "block shorter than its driver header", false;
-    if (!std::isfinite(b.c1) || !std::isfinite(b.c2)) return *why = "bad coefficients", false;
-    b.lut.clear();
-    b.pixels.clear();
-    b.truth_mm.clear();
-    b.phases.clear();
-    const uint8_t *at = payload.data() + k_drv_hdr;
-    if (!b.noneed_calc_coeff) {
-        // Measurements: u16 count, count f32 true distances, count images of phases.
-        if (b.width == 0 || b.height == 0 || b.width > 4096 || b.height > 4096)
-            return *why = "bad table size", false;
-        if (payload.size() < k_drv_hdr + 2) return *why = "no measurement count", false;
-        uint16_t count;
-        std::memcpy(&count, at, 2);
-        at += 2;
-        const size_t px = size_t{b.width} * b.height;
-        if (count < 2 || count > 64) return *why = "measurement count out of range", false;
-        if (payload.size() != k_drv_hdr + 2 + size_t{count} * (4 + 2 * px))
-            return *why = "payload size does not match its measurements", false;
-        b.truth_mm.resize(count);
-        std::memcpy(b.truth_mm.data(), at, 4u * count);
-        at += 4u * count;
-        b.phases.resize(count * px);
-        std::memcpy(b.phases.data(), at, b.phases.size() * 2);
-        for (float t : b.truth_mm)
-            if (!(t > 0 && t < 65500)) return *why = "true distance out of range", false;
-        return true;
-    }
-    if (b.tables & ~(k_table_phase | k_table_pixels)) return *why = "unknown tables", false;
-    if (!(b.scale_um > 0 && b.scale_um <= 2000000)) return *why = "scale out of range", false;
-    const bool pixels = b.tables & k_table_pixels;
-    if (pixels && (b.width == 0 || b.height == 0 || b.width > 4096 || b.height > 4096))
-        return *why = "bad table size", false;
-    const size_t want = k_drv_hdr + (b.tables & k_table_phase ? k_phase_lut * 2 : 0) +
-                        (pixels ? size_t{b.width} * b.height * 2 : 0);
-    if (payload.size() != want) return *why = "payload size does not match its tables", false;
-    if (b.tables & k_table_phase) {
-        b.lut.resize(k_phase_lut);
-        std::memcpy(b.lut.data(), at, k_phase_lut * 2);
-        at += k_phase_lut * 2;
-    }
-    if (pixels) {
-        b.pixels.resize(size_t{b.width} * b.height);
-        std::memcpy(b.pixels.data(), at, b.pixels.size() * 2);
-    }
-    return true;
-}
-
-bool calc_coeff(calib_block &b) {
-    constexpr const char *fn = "_epc_calc_calib_coeff";
-    const uint32_t range = range_mm(b.freq);
-    const size_t px = size_t{b.width} * b.height, count = b.truth_mm.size();
-    if (!range || px == 0 || count < 2 || b.phases.size() != count * px) return false;
-    const double per_phase = double(range) / k_phase_turn;
-    // 1. One line for every pixel: true = s * measured + o.
-    std::vector<double> xs, ys;
-    xs.reserve(count * px);
-    ys.reserve(count * px);
-    for (size_t k = 0; k < count; ++k)
-        for (size_t i = 0; i < px; ++i) {
-            const uint16_t ph = b.phases[k * px + i];
-            if (ph >= k_phase_turn) continue;
-            xs.push_back(ph * per_phase);
-            ys.push_back(b.truth_mm[k]);
-        }
-    double s = 0, o = 0, r = 0;
-    if (vx_fit_linear(xs.data(), ys.data(), int32_t(xs.size()), &s, &o, &r) != 0 || !(s > 0.5) ||
-        !(s < 2.0)) {
-        VX_LOG_AS(VX_LOG_ERR, fn, "[%s]LSR FIT failed: %d samples\n", static_cast<int>(xs.size()));
-        return false;
-    }
-    VX_LOG_AS(VX_LOG_INF, fn, "[%s]LSR FIT (r=%f): o=%f, s=%f\n", r, o, s);
-    // 2. Each pixel's own offset: its mean residual; pixels never seen keep the global line.
-    b.pixels.assign(px, 0);
-    uint32_t bad = 0;
-    for (size_t i = 0; i < px; ++i) {
-        double sum = 0;
-        int n = 0;
-        for (size_t k = 0; k < count; ++k) {
-            const uint16_t ph = b.phases[k * px + i];
-            if (ph >= k_phase_turn) continue;
-            sum += b.truth_mm[k] - (s * ph * per_phase + o);
-            ++n;
-        }
-        if (n)
-            b.pixels[i] = int16_t(std::clamp(std::lround(sum / n), -32768L, 32767L));
-        else
-            ++bad;
-    }
-    if (bad)
-        VX_LOG_AS(VX_LOG_INF, fn,
-                  "[%s] bad pixel blks: cnt = %u, fixed to use global (s, o) = %f, %f\n", bad, s,
-                  o);
-    // 3. The cyclic error over one turn: what is left, fitted as a sine of four periods a turn
-    // plus an offset (a multiple linear fit on sin, cos and 1).
-    std::vector<double> rows, res;
-    for (size_t k = 0; k < count; ++k)
-        for (size_t i = 0; i < px; ++i) {
-            const uint16_t ph = b.phases[k * px + i];
-            if (ph >= k_phase_turn) continue;
-            const double a = 4.0 * 2.0 * M_PI * ph / k_phase_turn;
-            rows.insert(rows.end(), {std::sin(a), std::cos(a), 1.0});
-            res.push_back(b.truth_mm[k] - (s * ph * per_phase + o) - b.pixels[i]);
-        }
-    double c[3] = {0, 0, 0};
-    if (vx_fit_mlf(rows.data(), res.data(), int32_t(res.size()), 3, c, 3.0, 3, nullptr, nullptr) !=
-        0) {
-        c[0] = c[1] = c[2] = 0;  // no cyclic error to speak of
-    }
-    const double amp = std::hypot(c[0], c[1]), pha = std::atan2(c[1], c[0]);
-    VX_LOG_AS(VX_LOG_INF, fn, "[%s]SIN FIT (r=%f): amp=%f, omega=%f, pha=%f, ofs=%f\n", r, amp, 4.0,
-              pha, c[2]);
-    b.lut.resize(k_phase_lut);
-    for (uint32_t idx = 0; idx < k_phase_lut; ++idx) {
-        const double a = 4.0 * 2.0 * M_PI * (idx * 4.0 + 2.0) / k_phase_turn;
-        b.lut[idx] = int16_t(std::lround(c[0] * std::sin(a) + c[1] * std::cos(a) + c[2]));
-    }
-    b.scale_um = int32_t(std::lround(s * 1000.0));
-    b.offset_mm = int32_t(std::lround(o));
-    b.tables = k_table_phase | k_table_pixels;
-    b.truth_mm.clear();
-    b.phases.clear();
-    return true;
-}
-
 void calib_unmount(epc_priv *p) {
-    p->block.reset();
-    p->size_warned = 0;
+    p->slot = tevix::drv::calib_slot{};
     if (p->calib_mounted) {
-        VX_LOG_AS(VX_LOG_DBG, "epc_calc_unmount_clib", "[%s]Calib data unload [freq=%d, %d]\n",
+        VX_LOG_AS(VX_LOG_DBG, p->names->unmount, "[%s]Calib data unload [freq=%d, %d]\n",
                   static_cast<int>(p->freq), 0);
         p->calib_mounted = 0;
     }
 }
 
 int calib_mount(epc_priv *p) {
-    VX_LOG_AS(VX_LOG_TRC, k_mount, "[%s]Mount\n");
-    if (!p->local_valid) return _defaults(p);
-    if (p->block && p->block->freq == p->freq && p->freq != 0) {
-        VX_LOG_AS(VX_LOG_TRC, k_mount, "[%s]Calib data already loaded: freq=%u\n", p->freq);
-        p->calib_mounted = 1;
-        return 1;
-    }
-    p->block.reset();
-    tevix_param_handle_t h{};
-    if (!tevix_param_open_file(&h, p->param_path)) {
-        VX_LOG_AS(VX_LOG_ERR, k_mount, "[%s]open calib bin failed: %s\n", std::strerror(errno));
-        return _defaults(p);
-    }
-    const bool first = p->freq_list_n == 0;
-    const int32_t count = std::clamp<int32_t>(h.hdr.blk_cnt, 0, TEVIX_PARAM_MAX_BLKS);
-    std::unique_ptr<calib_block> found;
-    std::vector<uint8_t> payload;
-    for (int32_t i = 0; i < count; ++i) {
-        if (h.blk[i].type != k_block_type) {
-            VX_LOG_AS(VX_LOG_ERR, k_mount, "[%s]wrong blk param type: %d for (ver%d)\n",
-                      h.blk[i].type, h.hdr.ver);
-            tevix_param_close(&h);
-            return _defaults(p);
-        }
-        calib_block b;
-        uint8_t hdr[k_drv_hdr];
-        if (h.blk[i].size < k_drv_hdr || std::fseek(h.fp, long(h.offset[i]), SEEK_SET) != 0 ||
-            std::fread(hdr, 1, k_drv_hdr, h.fp) != k_drv_hdr) {
-            VX_LOG_AS(VX_LOG_ERR, k_mount, "[%s]read par_drv_hdr failed: %s\n",
-                      h.blk[i].size < k_drv_hdr ? "short block" : std::strerror(errno));
-            tevix_param_close(&h);
-            return _defaults(p);
-        }
-        parse_drv_hdr(hdr, b);
-        if (first) _list_freq(p, b.freq);
-        if (found || (p->freq != 0 && b.freq != p->freq)) continue;
-        payload.resize(h.blk[i].size);
-        if (std::fseek(h.fp, long(h.offset[i]), SEEK_SET) != 0 ||
-            std::fread(payload.data(), 1, payload.size(), h.fp) != payload.size()) {
-            VX_LOG_AS(VX_LOG_ERR, k_mount, "[%s]read drnu.payload failed: %s\n",
-                      std::strerror(errno));
-            tevix_param_close(&h);
-            return _defaults(p);
-        }
-        const char *why = nullptr;
-        if (!parse_block(payload, b, &why)) {
-            VX_LOG_AS(VX_LOG_ERR, k_mount, "[%s]parse calib file failed: %s\n", why);
-            tevix_param_close(&h);
-            return _defaults(p);
-        }
-        found = std::make_unique<calib_block>(std::move(b));
-    }
-    tevix_param_close(&h);
-    if (!found) return _defaults(p);
-    const calib_block &b = *found;
-    VX_LOG_AS(VX_LOG_INF, k_mount, "[%s]Calib data: freq=%u, ver=%d, ts=%d, noneed_calc_coeff:%d\n",
-              b.freq, b.ver, static_cast<int>(b.ts), b.noneed_calc_coeff);
-    if (!b.noneed_calc_coeff && !calc_coeff(*found)) return _defaults(p);
-    if (b.c1 != 0.0f) p->c1 = b.c1;
-    if (b.c2 != 0.0f) p->c2 = b.c2;
-    if (p->freq == 0) p->freq = b.freq;
-    VX_LOG_AS(VX_LOG_INF, k_mount,
-              "[%s]Calib data loaded [freq=%.1f, %s]: box_len: %.1f cm, temp: cb=%d, ib=%d, "
-              "scale_um/offset_mm = %d/%d\n",
-              b.freq / 1e6, "DRNU_LUT", b.box_len_mm / 10.0, b.t_cb, b.t_ib, b.scale_um,
-              b.offset_mm);
-    p->block = std::move(found);
+    if (tevix::drv::mount_block(*p, k_block_type, &p->freq, p->slot) < 0) return _defaults(p);
     p->calib_mounted = 1;
     return 1;
 }
 
 bool calib_valid(const epc_priv *p) {
-    return p->calib_mounted && p->block && p->block->freq == p->freq;
+    return p->calib_mounted && p->slot.block && p->slot.block->freq == p->freq;
 }
 
 void apply_calibration(epc_priv *p, int32_t *dist, uint32_t w, uint32_t h, bool pixels) {
-    const calib_block &b = *p->block;
-    double off = b.offset_mm;
-    if (p->temp_comp) {
-        // The first product in single precision, the sum in double, as the camera maker does.
-        const float board = float((p->tcb - b.t_cb) * p->c1) / 10.0f;
-        off -= std::round(double(board) + double((p->tib - b.t_ib) * p->c2) / 10.0);
-    }
-    if (p->offset_en) off += p->offset_mm;
-    const double sys_off = p->sys_calib ? std::trunc(double(p->sys_offset)) : 0.0;
-    const double sys_scale =
-        (p->sys_calib ? std::trunc(32768.0 * double(p->sys_scale)) : 32768.0) / 32768.0;
-    const double factor = b.scale_um / 1000.0 * p->range / 32768.0;
-    calib_block &mb = *p->block;
-    if (mb.phase_mm.size() != k_phase_turn || mb.built_factor != factor ||
-        mb.built_sys != sys_scale) {
-        // Millimetres of every phase, built once per range, scale and system scale rather than
-        // per pixel: the per-pixel work is a table load and three additions.
-        mb.phase_mm.resize(k_phase_turn);
-        for (uint32_t ph = 0; ph < k_phase_turn; ++ph) {
-            const double lut = mb.lut.empty() ? 0.0 : mb.lut[(ph >> 2) & (k_phase_lut - 1)];
-            mb.phase_mm[ph] = float((ph * factor + lut) * sys_scale);
-        }
-        mb.built_factor = factor;
-        mb.built_sys = sys_scale;
-    }
-    const int16_t *pix = nullptr;
-    if (pixels && !b.pixels.empty()) {
-        if (b.width == w && b.height == h) {
-            pix = b.pixels.data();
-        } else if (!p->size_warned) {
-            VX_LOG_AS(VX_LOG_ERR, "_calc_dist_calib_drnu_lut_4dcs_mbr",
-                      "[%s]image size %dx%d not support\n", static_cast<int>(w),
-                      static_cast<int>(h));
-            p->size_warned = 1;
-        }
-    }
-    const float *table = mb.phase_mm.data();
-    const float add = float(sys_off + off), pix_scale = float(sys_scale);
-    const float top = float(k_dist_invalid - 1);
-    const size_t n = size_t{w} * h;
-    size_t i = 0;
-#if defined(__x86_64__) || defined(__i386__)
-    if (tevix::simd::active() == tevix::simd::level::avx2)
-        i = _apply_avx2(table, pix, pix_scale, add, top, dist, n);
-#endif
-    for (; i < n; ++i) {
-        const int32_t phase = dist[i];
-        if (uint32_t(phase) >= k_phase_turn) continue;  // invalid (65500)
-        float d = table[phase] + add;
-        if (pix) d += float(pix[i]) * pix_scale;
-        d = std::min(std::max(d, 0.0f), top);
-        dist[i] = static_cast<int32_t>(d + 0.5f);
-    }
+    tevix::drv::apply_calibration(*p, p->slot, p->range, dist, w, h, pixels);
 }
 
 }  // namespace tevix::epc

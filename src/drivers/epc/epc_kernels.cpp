@@ -848,4 +848,87 @@ bool frame_consistent(const uint16_t *raw, uint32_t n, uint32_t samples) {
     return _consistent_pick()(raw, n);
 }
 
+// ---- Phase of (x, y) pairs given directly, as sensors that deliver the tap differences do.
+
+namespace {
+
+template <class V>
+VX_INLINE void _phase_xy_v(const int16_t *xs, const int16_t *ys, uint32_t n, int32_t *phase,
+                           uint32_t *conf, uint32_t &i) {
+    constexpr int L = lanes<V>::n;
+    using H = typename lanes<V>::h;
+    const uint16_t *t = g_atan.data();
+    for (; i + L <= n; i += L) {
+        const V x = __builtin_convertvector(tevix::algo::load<H>(xs + i), V) << 16 >> 16;
+        const V y = __builtin_convertvector(tevix::algo::load<H>(ys + i), V) << 16 >> 16;
+        const V bad = (x == -32768) | (y == -32768);
+        const V oct = (_octant_v(x, y, t) + 16384) & 0x7FFF;
+        const V ph = y == 0 ? (x >= 0 ? V{} + 16384 : V{}) : oct;
+        tevix::algo::store(phase + i, bad ? V{} + 65500 : ph);
+        tevix::algo::store(conf + i, bad ? V{} : x * x + y * y);
+    }
+}
+
+void _phase_xy_tail(const int16_t *xs, const int16_t *ys, uint32_t n, int32_t *phase,
+                    uint32_t *conf, uint32_t i) {
+    for (; i < n; ++i) {
+        const int32_t x = xs[i], y = ys[i];
+        const bool bad = x == -32768 || y == -32768;
+        phase[i] = bad ? 65500 : int32_t(phase_4dcs(x, y));
+        conf[i] = bad ? 0 : uint32_t(x * x + y * y);
+    }
+}
+
+VX_TARGET_SSE41 void _phase_xy_sse41(const int16_t *xs, const int16_t *ys, uint32_t n,
+                                     int32_t *phase, uint32_t *conf) {
+    uint32_t i = 0;
+    _phase_xy_v<i32x4>(xs, ys, n, phase, conf, i);
+    _phase_xy_tail(xs, ys, n, phase, conf, i);
+}
+
+__attribute__((target("avx2"))) void _phase_xy_avx2(const int16_t *xs, const int16_t *ys,
+                                                    uint32_t n, int32_t *phase, uint32_t *conf) {
+    const __m256i zero = _mm256_setzero_si256(), none = _mm256_set1_epi32(-32768);
+    const __m256i c16384 = _mm256_set1_epi32(16384), m7fff = _mm256_set1_epi32(0x7FFF);
+    const __m256i vinv = _mm256_set1_epi32(static_cast<int>(k_dist_invalid));
+    uint32_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const __m256i x =
+            _mm256_cvtepi16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(xs + i)));
+        const __m256i y =
+            _mm256_cvtepi16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(ys + i)));
+        const __m256i bad =
+            _mm256_or_si256(_mm256_cmpeq_epi32(x, none), _mm256_cmpeq_epi32(y, none));
+        const __m256i c = _mm256_add_epi32(_mm256_mullo_epi32(x, x), _mm256_mullo_epi32(y, y));
+        __m256i ph = _mm256_and_si256(_mm256_add_epi32(_octant8(x, y), c16384), m7fff);
+        const __m256i axis = _mm256_andnot_si256(_mm256_cmpgt_epi32(zero, x), c16384);
+        ph = _mm256_blendv_epi8(ph, axis, _mm256_cmpeq_epi32(y, zero));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(phase + i),
+                            _mm256_blendv_epi8(ph, vinv, bad));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(conf + i), _mm256_andnot_si256(bad, c));
+    }
+    _phase_xy_tail(xs, ys, n, phase, conf, i);
+}
+
+}  // namespace
+
+void phase_xy_scalar(const int16_t *x, const int16_t *y, uint32_t n, int32_t *phase,
+                     uint32_t *conf) {
+    _phase_xy_tail(x, y, n, phase, conf, 0);
+}
+
+void phase_xy(const int16_t *x, const int16_t *y, uint32_t n, int32_t *phase, uint32_t *conf) {
+    switch (_tier()) {
+        case level::avx2:
+            _phase_xy_avx2(x, y, n, phase, conf);
+            break;
+        case level::sse41:
+            _phase_xy_sse41(x, y, n, phase, conf);
+            break;
+        default:
+            phase_xy_scalar(x, y, n, phase, conf);
+            break;
+    }
+}
+
 }  // namespace tevix::epc

@@ -52,6 +52,13 @@ void decode_4dcs(const uint16_t *raw, uint32_t n, uint32_t range, int32_t offset
 void decode_4dcs_scalar(const uint16_t *raw, uint32_t n, uint32_t range, int32_t offset_mm,
                         int32_t *dist, uint32_t *conf);
 
+// Phases (1/32768 turn) and confidences x^2 + y^2 of n pixels whose x = D2 - D0 and y = D3 - D1
+// come as 16-bit values (the tap differences some sensors deliver); -32768 in either marks a pixel
+// without measurement: phase 65500, confidence 0. The phase is the 4-plane decode's.
+void phase_xy(const int16_t *x, const int16_t *y, uint32_t n, int32_t *phase, uint32_t *conf);
+void phase_xy_scalar(const int16_t *x, const int16_t *y, uint32_t n, int32_t *phase,
+                     uint32_t *conf);
+
 // Reduced-layout decode of n pixels: pa, pb the pair's planes, v0, v1 the planes whose samples
 // decide validity (stored planes 0 and 1).
 void decode_pair(const uint16_t *pa, const uint16_t *pb, const uint16_t *v0, const uint16_t *v1,

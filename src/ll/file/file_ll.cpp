@@ -17,6 +17,7 @@
 #include "ll/oni/oni.h"
 #include "log/log.h"
 #include "platform/platform.h"
+#include "tevix/tevix_types.h"
 #include "tevix/vx_stream.h"
 
 namespace {
@@ -238,8 +239,27 @@ uint32_t _time_word(uint64_t ts_us) {
                                  (usec / 64) << 17);
 }
 
-void _build_header(const file_priv &p, uint8_t hdr[36], uint32_t frame_no, uint32_t len,
-                   uint64_t ts_us) {
+// Board and sensor temperatures of a recorded frame: a camera frame begins with the same 20-byte
+// descriptor as its stream header (u32 size first, temperatures at 12 and 14), so a frame whose
+// first word is its own length carries them; otherwise the frame information recorded with the
+// capture does (board in the low half, sensor in the high half).
+void _frame_temps(const file_priv &p, const uint8_t *frame, uint32_t len, int16_t &tcb,
+                  int16_t &tib) {
+    uint32_t size = 0;
+    if (len >= sizeof(vx_frame_desc_t)) std::memcpy(&size, frame, 4);
+    if (size == len) {
+        std::memcpy(&tcb, frame + 12, 2);
+        std::memcpy(&tib, frame + 14, 2);
+    } else if (p.desc.has_frame_info) {
+        tevix_frame_info_t info;
+        std::memcpy(&info, p.desc.frame_info, sizeof info);
+        tcb = static_cast<int16_t>(info.temperature & 0xFFFF);
+        tib = static_cast<int16_t>(info.temperature >> 16);
+    }
+}
+
+void _build_header(const file_priv &p, uint8_t hdr[36], const uint8_t *frame, uint32_t frame_no,
+                   uint32_t len, uint64_t ts_us) {
     vx_stream_hdr_t h{};
     h.sync = VX_STREAM_SYNC;
     h.idx = static_cast<uint16_t>(frame_no);
@@ -251,6 +271,7 @@ void _build_header(const file_priv &p, uint8_t hdr[36], uint32_t frame_no, uint3
         h.desc.width = static_cast<uint16_t>(p.desc.width);
         h.desc.height = static_cast<uint16_t>(p.desc.height);
         h.desc.time = _time_word(ts_us);
+        _frame_temps(p, frame, len, h.desc.tcb, h.desc.tib);
     }
     h.flags0 = VX_STREAM_FLAG0_BOUND;
     std::memcpy(hdr, &h, sizeof h);
@@ -333,7 +354,7 @@ void _ll_event_loop(tevix_ll_dev_t *dev, file_priv *p) {
                     static_cast<unsigned>(ts / 1000), static_cast<int>(len));
             if (cb && !p->abort) {
                 uint8_t hdr[VX_STREAM_HDR_SIZE];
-                _build_header(*p, hdr, frame_no, len, ts);
+                _build_header(*p, hdr, buf, frame_no, len, ts);
                 cb(dev, TEVIX_LL_EVT_DATA, hdr, sizeof hdr, user);
                 cb(dev, TEVIX_LL_EVT_DATA, buf, len, user);
             }

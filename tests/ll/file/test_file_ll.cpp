@@ -11,6 +11,7 @@
 #include "../oni/oni_test_util.h"
 #include "ll/dispatch.h"
 #include "tevix/tevix_ll.h"
+#include "tevix/tevix_types.h"
 #include "tevix/vx_stream.h"
 
 namespace oni = tevix::oni;
@@ -89,6 +90,9 @@ class FileReplay : public testing::Test {
         w->write_string(id, "VX_FILENAME_CALIB", "/elsewhere/tevix_param_3.bin");
         w->write_general(id, "VX_FILEDATA_CALIB", "calib-", 6);
         w->write_general(id, "VX_FILEDATA_CALIB", "data", 4);
+        tevix_frame_info_t info{};
+        info.temperature = 351u | uint32_t{static_cast<uint16_t>(-12)} << 16;
+        w->write_general(id, "VX_FRAME_INFO", &info, sizeof info);
         for (uint32_t k = 0; k < k_frames; ++k) {
             const auto f = _raw_frame(k);
             ASSERT_TRUE(w->write_data(id, f.data(), static_cast<uint32_t>(f.size()),
@@ -179,6 +183,9 @@ TEST_F(FileReplay, SyncModeDeliversOneFramePerWaitThenEndsOnce) {
         EXPECT_EQ(h.desc.frfmt, 7);
         EXPECT_EQ(h.desc.width, k_w);
         EXPECT_EQ(h.desc.height, k_h);
+        // These frames carry no header of their own: temperatures from the recorded frame info.
+        EXPECT_EQ(h.desc.tcb, 351);
+        EXPECT_EQ(h.desc.tib, -12);
         // The recorded time of day in the camera's time word.
         const uint64_t usec = 123456 + k * 40000;
         EXPECT_EQ(h.desc.time & 0x1F, 22u);

@@ -1,0 +1,715 @@
+// The SONY driver through its operation table, on a fake camera behind the camera interface, with
+// frames of the scene rendered in each SONY format.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <iostream>
+#include <random>
+#include <vector>
+
+#include "algo/simd.h"
+#include "calib/calib_writer.h"
+#include "drivers/drv.h"
+#include "drivers/drv_calib.h"
+#include "drivers/epc/epc_kernels.h"
+#include "drivers/epc_test_backend.h"
+#include "drivers/sony/imx_format.h"
+#include "drivers/sony/imx_priv.h"
+#include "scene/sony_scene.h"
+#include "scene_accuracy.h"
+#include "tele/vxtele.h"
+#include "test_util.h"
+#include "tevix/tevix.h"
+
+using tevix::test::fake_device;
+using tevix::test::log_capture;
+
+namespace {
+
+constexpr uint32_t k_w = 640, k_h = 480, k_n = k_w * k_h;
+
+class imx_fixture : public ::testing::Test {
+  protected:
+    void open(bool lens = true) {
+        dev_ = std::make_unique<fake_device>("VXCAM-S1-R1");
+        if (lens) set_lens(tevix::emu::k_sony_lens);
+        dev_->cam().set_u32(TEVIX_PARAM_FRM_FMT, 2);
+        drv_ = &tevix_drv_table()[4];
+        ASSERT_TRUE(drv_->ops->init(drv_, dev_->dev()));
+        dev_->bind(drv_);
+    }
+    void set_lens(const float *v) {
+        std::array<uint8_t, 18> a{}, b{}, c{};
+        std::memcpy(a.data(), v, 16);
+        std::memcpy(b.data(), v + 4, 16);
+        std::memcpy(c.data(), v + 8, 4);
+        dev_->cam().params[TEVIX_PARAM_LENS0] = a;
+        dev_->cam().params[TEVIX_PARAM_LENS1] = b;
+        dev_->cam().params[TEVIX_PARAM_LENS2] = c;
+    }
+    void TearDown() override {
+        if (drv_ && drv_->priv) drv_->ops->uninit(drv_);
+        if (drv_) drv_->dev = nullptr;
+        dev_.reset();
+    }
+    tevix::imx::imx_priv *p() { return tevix::imx::priv_of(drv_); }
+    tevix_drv_ops *ops() { return drv_->ops; }
+    uint32_t format() {
+        uint32_t f;
+        std::memcpy(&f, dev_->cam().params[TEVIX_PARAM_FRM_FMT].data(), 4);
+        return f;
+    }
+
+    // One frame of the renderer through frame_get_info and frame_decode.
+    int32_t decode(tevix::emu::sony_renderer &r, uint32_t kind, std::vector<uint16_t> &out,
+                   uint32_t index = 3) {
+        std::vector<uint8_t> raw(r.frame_bytes());
+        vx_frame_desc_t desc{};
+        r.render(index, raw, desc);
+        tevix_frame_info_t info{};
+        EXPECT_TRUE(ops()->frame_get_info(drv_, &info, raw.data()));
+        out.assign(k_n, 0xEEEE);
+        return ops()->frame_decode(drv_, reinterpret_cast<uint8_t *>(out.data()), k_n * 2, kind,
+                                   raw.data(), static_cast<uint32_t>(raw.size()), &info);
+    }
+
+    std::unique_ptr<fake_device> dev_;
+    tevix_drv_t *drv_ = nullptr;
+};
+
+using tevix::test::accuracy;
+
+accuracy _accuracy(const tevix::emu::sony_renderer &r, const std::vector<uint16_t> &d,
+                   double limit_mm, double far_mm = 100) {
+    return tevix::test::scene_accuracy(r, d, limit_mm, far_mm);
+}
+
+TEST_F(imx_fixture, InitReadsTheLensFromTheDeviceAndRegistersItsSettings) {
+    log_capture log;
+    open();
+    EXPECT_TRUE(dev_->cam().reg_writes.empty());  // no register set-up
+    EXPECT_EQ(dev_->cam().writes_of(TEVIX_PARAM_HOST_CLOCK).size(), 1u);
+    const tevix_lens_param_t &l = ops()->lens;
+    EXPECT_FLOAT_EQ(float(l.cx), tevix::emu::k_sony_lens[0]);
+    EXPECT_FLOAT_EQ(float(l.fy), tevix::emu::k_sony_lens[3]);
+    EXPECT_FLOAT_EQ(float(l.dcoef[4]), tevix::emu::k_sony_lens[8]);
+    EXPECT_EQ(l.n_dcoef, 5u);
+    EXPECT_EQ(l.width, k_w);
+    EXPECT_TRUE(p()->lens_from_dev);
+    EXPECT_EQ(log.count("cx:321.500000, cy:242.250000, fx:562.000000, fy:561.000000"), 1);
+    EXPECT_EQ(p()->width, k_w);
+    EXPECT_EQ(p()->grey_size, 614400u);
+    EXPECT_TRUE(p()->bpf_ok);
+    EXPECT_EQ(p()->bpf.width, k_w);
+    EXPECT_FLOAT_EQ(p()->bpf.sigma_spatial, 0.01f);
+    EXPECT_FLOAT_EQ(p()->bpf.sigma_range, 0.02f);
+    EXPECT_EQ(p()->saved_fmt, -1);
+    const struct {
+        const char *name;
+        uint8_t type;
+        const void *loc;
+    } settings[] = {
+        {"f_en_hysteresis", 5, &p()->en_hyst},
+        {"f_param_hysteresis", 6, &p()->hyst_val},
+        {"f_en_flyfilter", 5, &p()->en_fly},
+        {"f_param_flyfilter_th", 7, &p()->fly_th},
+        {"f_en_fill_hole", 5, &p()->en_fill},
+        {"f_en_bpf2d_iir", 5, &p()->en_bpf},
+        {"f_param_bpf_sigma_spatial", 9, &p()->bpf_ss},
+        {"f_param_bpf_sigma_range", 9, &p()->bpf_sr},
+        {"f_param_bpf_range_min", 6, &p()->bpf_min},
+        {"f_param_bpf_range_max", 6, &p()->bpf_max},
+        {"f_en_gaus_iir", 5, &p()->en_gauss},
+        {"f_param_gaus_iir_sigma", 9, &p()->gauss_sigma},
+    };
+    for (const auto &s : settings) {
+        const tevix::tele::item *it = vxtele_find(p()->tele, s.name);
+        ASSERT_NE(it, nullptr) << s.name;
+        EXPECT_EQ(it->type, s.type) << s.name;
+        EXPECT_EQ(it->loc, s.loc) << s.name;
+    }
+    EXPECT_EQ(p()->hyst_val, 10);
+    EXPECT_EQ(p()->bpf_max, 256);
+    EXPECT_FLOAT_EQ(p()->gauss_sigma, 0.1f);
+    EXPECT_FALSE(p()->en_bpf || p()->en_fly || p()->en_fill || p()->en_gauss || p()->en_hyst);
+    const int32_t handle = p()->tele;
+    ops()->uninit(drv_);
+    EXPECT_EQ(vxtele_find(handle, "f_en_flyfilter"), nullptr);  // unregistered with the driver
+}
+
+TEST_F(imx_fixture, LensDefaultsWithoutUsableIntrinsicsAndFilesWin) {
+    const float bad[9] = {321.5f, 0.0f, 562.0f, 561.0f, 0, 0, 0, 0, 0};
+    dev_ = std::make_unique<fake_device>("VXCAM-S1-R1");
+    set_lens(bad);
+    drv_ = &tevix_drv_table()[4];
+    ASSERT_TRUE(drv_->ops->init(drv_, dev_->dev()));
+    EXPECT_FALSE(p()->lens_from_dev);
+    EXPECT_DOUBLE_EQ(ops()->lens.fx, k_imx_default_lens.fx);
+    ops()->uninit(drv_);
+    // A lens file in the parameter directory overrides what the device reports.
+    tevix::test::temp_dir dir;
+    const std::string prefix = dir.path().string() + "/";
+    std::FILE *f = std::fopen((prefix + "lens_param.txt").c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    std::fputs("320 240 600 600 0.1 0.01 640 480\n", f);
+    std::fclose(f);
+    set_lens(tevix::emu::k_sony_lens);
+    dev_->dev()->path_prefix = prefix.c_str();
+    ASSERT_TRUE(drv_->ops->init(drv_, dev_->dev()));
+    EXPECT_TRUE(p()->lens_from_dev && p()->lens_file);
+    EXPECT_DOUBLE_EQ(ops()->lens.fx, 600.0);
+    EXPECT_EQ(ops()->lens.n_dcoef, 2u);
+}
+
+// Flying-pixel threshold and bilateral sigmas follow f0 from the table, row by row.
+TEST_F(imx_fixture, FrequencyTuning) {
+    open();
+    const struct {
+        uint32_t f0;
+        uint32_t threshold;
+        float spatial;
+    } cases[] = {
+        {100000000, 2, 0.01f}, {99999999, 3, 0.02f}, {80000000, 3, 0.02f}, {50000000, 3, 0.04f},
+        {30000000, 4, 0.06f},  {24000000, 4, 0.08f}, {20000000, 10, 0.1f}, {12000000, 10, 0.2f},
+    };
+    for (const auto &c : cases) {
+        const uint32_t changes = vxtele_changes(p()->tele);
+        ops()->on_update_mod_freq(drv_, c.f0, 0);
+        EXPECT_EQ(p()->fly_th, c.threshold) << c.f0;
+        EXPECT_FLOAT_EQ(p()->bpf_ss, c.spatial) << c.f0;
+        EXPECT_FLOAT_EQ(p()->bpf_sr, 0.05f) << c.f0;
+        EXPECT_EQ(vxtele_changes(p()->tele), changes + 1) << c.f0;
+    }
+    // Below 12 MHz: no threshold, the sigmas as they were.
+    ops()->on_update_mod_freq(drv_, 11000000, 0);
+    EXPECT_EQ(p()->fly_th, 0u);
+    EXPECT_FLOAT_EQ(p()->bpf_ss, 0.2f);
+    // The host's own bilateral parameters (smoothing variant 240) stay through a change.
+    tevix_filter_arg_t arg{};
+    arg.u8[0] = 240;
+    arg.u8[1] = 50;
+    ASSERT_TRUE(ops()->filter_enable(drv_, TEVIX_FILTER_SMOOTH, &arg));
+    EXPECT_TRUE(p()->en_bpf);
+    EXPECT_EQ(p()->smooth_level, 3);
+    ops()->on_update_mod_freq(drv_, 100000000, 0);
+    EXPECT_FLOAT_EQ(p()->bpf_ss, 0.5f);
+    EXPECT_FLOAT_EQ(p()->bpf_sr, 0.05f);
+    EXPECT_EQ(p()->bpf_min, 4096);
+    EXPECT_EQ(p()->bpf_max, 0);
+    EXPECT_EQ(p()->fly_th, 0u);
+}
+
+TEST_F(imx_fixture, SingleAndDualFrequencyEvents) {
+    open();
+    log_capture log;
+    ops()->on_update_mod_freq(drv_, 100000000, 0);
+    EXPECT_EQ(p()->f0, 100000000u);
+    EXPECT_EQ(p()->r0, tevix::epc::range_mm(100000000));
+    EXPECT_FALSE(p()->dual);
+    EXPECT_EQ(log.count("MOD_FREQ change: [0, 0] -> [100000000, 0] HZ"), 1);
+    EXPECT_EQ(log.count(" * tcoef: f=100.0 MHz, cb/ib=13.8/1.2 mm/deg"), 1);
+    ops()->on_update_mod_freq(drv_, 100000000, 80000000);
+    EXPECT_TRUE(p()->dual);
+    EXPECT_EQ(p()->r0, 1498u);
+    EXPECT_EQ(p()->r1, 1873u);
+    EXPECT_EQ(p()->unwrap.n0, 5u);
+    // The coefficients are phase units: in millimetres they scale with each frequency's range.
+    EXPECT_EQ(log.count(" tcoef: f0=100.0 MHz, cb/ib=13.8/1.2 mm/deg, 0.3/fps"), 1);
+    EXPECT_EQ(log.count("        f1=80.0 MHz, cb/ib=17.2/1.5 mm/deg, 0.4/fps"), 1);
+    // The same pair again with nothing to mount: another try at the calibration, said so.
+    ops()->on_update_mod_freq(drv_, 100000000, 80000000);
+    EXPECT_EQ(log.count("MOD_FREQ [100000000, 80000000] HZ: try loading calib data"), 1);
+    ops()->on_update_mod_freq(drv_, 0, 80000000);  // no event
+    EXPECT_TRUE(p()->dual);
+    ops()->on_update_mod_freq(drv_, 20000000, 0);
+    EXPECT_FALSE(p()->dual);
+    EXPECT_EQ(p()->f1, 0u);
+    EXPECT_EQ(p()->unwrap.n0, 0u);
+}
+
+// A second integration time needs format 15: switched once, and the format before it comes back
+// when the second time is cleared.
+TEST_F(imx_fixture, SecondIntegrationTimeSwitchesToFormat15AndBack) {
+    open();
+    dev_->cam().set_u32(TEVIX_PARAM_FRM_FMT, 13);
+    log_capture log;
+    ops()->on_update_intg_time(drv_, 300, 1);
+    EXPECT_EQ(format(), 15u);
+    EXPECT_EQ(p()->saved_fmt, 13);
+    EXPECT_TRUE(p()->hdr);
+    ops()->on_update_intg_time(drv_, 400, 1);
+    EXPECT_EQ(dev_->cam().writes_of(TEVIX_PARAM_FRM_FMT).size(), 1u);
+    EXPECT_EQ(log.count("fmt auto change: 13->15"), 1);
+    EXPECT_EQ(log.count("intg2: 400, hdr_en=1"), 1);
+    ops()->on_update_intg_time(drv_, 0, 1);
+    EXPECT_EQ(format(), 13u);
+    EXPECT_FALSE(p()->hdr);
+    EXPECT_EQ(log.count("fmt auto change: 15->13"), 1);
+    ops()->on_update_intg_time(drv_, 0, 1);
+    EXPECT_EQ(dev_->cam().writes_of(TEVIX_PARAM_FRM_FMT).size(), 2u);
+    ops()->on_update_intg_time(drv_, 500, 0);  // the first integration time changes nothing
+    EXPECT_EQ(format(), 13u);
+    dev_->cam().fail_param_set = true;
+    ops()->on_update_intg_time(drv_, 300, 1);
+    EXPECT_EQ(log.count("set to fmt 15 failed"), 1);
+}
+
+TEST(ImxFormat, LayoutWords) {
+    const struct {
+        uint16_t format;
+        uint32_t word, min_n;
+    } cases[] = {{2, 4, 8},      {10, 769, 2},  {138, 769, 2}, {130, 769, 2}, {13, 514, 4},
+                 {142, 1028, 4}, {14, 1284, 4}, {15, 8, 4},    {16, 1538, 3}, {145, 1796, 6},
+                 {17, 2052, 6},  {1, 0, 0},     {3, 0, 0},     {11, 0, 0},    {171, 0, 0}};
+    for (const auto &c : cases) {
+        const tevix::imx::layout l = tevix::imx::layout_of(c.format);
+        EXPECT_EQ(l.word, c.word) << c.format;
+        EXPECT_EQ(l.min_n, c.min_n) << c.format;
+    }
+}
+
+// Every format decodes at exactly its minimum length; one byte less is refused with the line,
+// and so is an output buffer below 2N. Each gives the scene's distances at 20 MHz (the dual
+// formats with 16 MHz beside it).
+TEST_F(imx_fixture, EachFormatDecodesAndRefusesShortFrames) {
+    open();
+    tevix::emu::sony_renderer r(tevix::emu::sony_scene_config());
+    const struct {
+        uint16_t format;
+        uint32_t f1;
+        double tol;  // p95 error, mm: whole-count samples, eight bits for formats 14 and 15
+    } cases[] = {{2, 0, 2},           {10, 0, 1},        {13, 0, 2},
+                 {15, 0, 30},         {16, 0, 2},        {14, 16000000, 30},
+                 {142, 16000000, 30}, {17, 16000000, 2}, {145, 16000000, 2}};
+    log_capture log;
+    for (const auto &c : cases) {
+        ops()->on_update_mod_freq(drv_, 20000000, c.f1);
+        r.set_freqs(20000000, c.f1 ? c.f1 : 20000000);
+        r.set_format(c.format);
+        std::vector<uint8_t> raw(r.frame_bytes());
+        ASSERT_EQ(raw.size(), tevix::imx::layout_of(c.format).min_n * k_n);
+        vx_frame_desc_t desc{};
+        r.render(1, raw, desc);
+        tevix_frame_info_t info{};
+        ASSERT_TRUE(ops()->frame_get_info(drv_, &info, raw.data()));
+        std::vector<uint16_t> out(k_n + 1);
+        auto *o = reinterpret_cast<uint8_t *>(out.data());
+        const uint32_t len = static_cast<uint32_t>(raw.size());
+        ASSERT_EQ(ops()->frame_decode(drv_, o, k_n * 2, 0, raw.data(), len, &info),
+                  int32_t(2 * k_n))
+            << c.format;
+        const accuracy a = _accuracy(r, out, 1e9);
+        EXPECT_GT(a.valid, a.checked * 99 / 100) << c.format;
+        EXPECT_LE(a.p95, c.tol) << c.format;
+        const int before = log.count("wrong data len");
+        p()->frame_pending = 1;
+        EXPECT_EQ(ops()->frame_decode(drv_, o, k_n * 2, 1, raw.data(), len - 1, &info), -1);
+        EXPECT_FALSE(p()->frame_pending);
+        EXPECT_EQ(ops()->frame_decode(drv_, o, k_n * 2 - 1, 1, raw.data(), len, &info), -1);
+        EXPECT_EQ(log.count("wrong data len"), before + 2) << c.format;
+    }
+    EXPECT_EQ(log.count("HDR frame received"), 3);
+}
+
+// Single frequency, noiseless: every pixel inside the unambiguous range within 2 mm, at 100 MHz
+// (the near part of the scene) and at 20 MHz (all of it).
+TEST_F(imx_fixture, SingleFrequencyAccuracy) {
+    open();
+    for (uint32_t f : {100000000u, 20000000u}) {
+        // At 100 MHz a near wall (1.4 m), so that much of the image lies inside the 1.5 m.
+        tevix::emu::scene_config cfg = tevix::emu::sony_scene_config();
+        if (f == 100000000u) cfg.room_back_mm = 1400;
+        tevix::emu::sony_renderer r(cfg);
+        ops()->on_update_mod_freq(drv_, f, 0);
+        r.set_freqs(f, f);
+        std::vector<uint16_t> d;
+        for (uint32_t kind : {0u, 1u}) {
+            ASSERT_EQ(decode(r, kind, d), int32_t(2 * k_n));
+            const accuracy a = _accuracy(r, d, tevix::epc::range_mm(f) - 5);
+            std::cout << f / 1000000 << " MHz kind " << kind << ": " << a.valid << "/" << a.checked
+                      << " valid, mean " << a.mean << " mm, max " << a.max << " mm\n";
+            EXPECT_GT(a.checked, 1000u);
+            EXPECT_EQ(a.valid, a.checked);
+            EXPECT_LE(a.max, 2.0);
+        }
+    }
+}
+
+// 100 + 80 MHz on a room deeper than either range alone: one distance over 7.5 m within 2 mm
+// out to 6 m, in both dual formats and both arrangements; a frequency alone wraps.
+TEST_F(imx_fixture, DualFrequencyUnwrapsTheDeepScene) {
+    open();
+    tevix::emu::scene_config cfg = tevix::emu::sony_scene_config();
+    cfg.room_back_mm = 6200;
+    tevix::emu::sony_renderer r(cfg);
+    ops()->on_update_mod_freq(drv_, 100000000, 80000000);
+    r.set_freqs(100000000, 80000000);
+    std::vector<uint16_t> d;
+    for (uint16_t fmt : {17, 145, 14, 142}) {
+        r.set_format(fmt);
+        ASSERT_EQ(decode(r, 1, d), int32_t(2 * k_n));
+        const accuracy a = _accuracy(r, d, 6000);
+        std::cout << "dual format " << fmt << ": " << a.valid << "/" << a.checked << " valid, mean "
+                  << a.mean << " mm, p95 " << a.p95 << " mm, max " << a.max << " mm\n";
+        EXPECT_EQ(a.valid, a.checked) << fmt;
+        EXPECT_LE(fmt % 128 == 17 ? a.max : a.p95, fmt % 128 == 17 ? 2.0 : 8.0) << fmt;
+        EXPECT_EQ(a.far_off, 0u);
+    }
+    const accuracy deep = _accuracy(r, d, 6000);
+    EXPECT_GT(deep.checked, 100000u);  // most of the image lies beyond 1.5 m
+    // f0 alone (format 16 at 100 MHz) wraps every pixel beyond 1.5 m.
+    ops()->on_update_mod_freq(drv_, 100000000, 0);
+    r.set_format(16);
+    ASSERT_EQ(decode(r, 1, d), int32_t(2 * k_n));
+    EXPECT_GT(_accuracy(r, d, 6000).far_off, deep.checked / 2);
+}
+
+// Shot noise at the scene's usual amplitudes, mode by mode (the README's accuracy table): nearly
+// every pixel kept, centimetre-free errors, no pair mis-wrapped.
+TEST_F(imx_fixture, AccuracyWithNoise) {
+    open();
+    const struct {
+        const char *mode;
+        uint16_t format;
+        uint32_t f0, f1;
+        double room_mm, limit_mm, p95_mm;
+    } cases[] = {
+        {"single 20 MHz, format 2", 2, 20000000, 0, 4800, 1e9, 12},
+        {"single 100 MHz, format 16 (near wall)", 16, 100000000, 0, 1400, 1490, 3},
+        {"dual 100 + 80 MHz, format 17", 17, 100000000, 80000000, 6200, 6000, 8},
+        {"dual 100 + 80 MHz, format 14", 14, 100000000, 80000000, 6200, 6000, 10},
+    };
+    for (const auto &c : cases) {
+        tevix::emu::scene_config cfg = tevix::emu::sony_scene_config();
+        cfg.noise = true;
+        cfg.seed = 17;
+        cfg.room_back_mm = c.room_mm;
+        tevix::emu::sony_renderer r(cfg, c.format);
+        r.set_freqs(c.f0, c.f1 ? c.f1 : c.f0);
+        ops()->on_update_mod_freq(drv_, c.f0, c.f1);
+        std::vector<uint16_t> d;
+        ASSERT_EQ(decode(r, 1, d), int32_t(2 * k_n));
+        const accuracy a = _accuracy(r, d, c.limit_mm, 100);
+        std::cout << c.mode << ": mean " << a.mean << " mm, p95 " << a.p95 << " mm, invalid "
+                  << 100.0 * (a.checked - a.valid) / a.checked << " %\n";
+        EXPECT_GT(a.valid, a.checked * 999 / 1000) << c.mode;
+        EXPECT_LT(a.p95, c.p95_mm) << c.mode;
+        EXPECT_EQ(a.far_off, 0u) << c.mode;
+    }
+}
+
+// Weak signal with noise: pixels whose two phases disagree are marked invalid, none is unwrapped
+// to a wrong wrap.
+TEST_F(imx_fixture, DualFrequencyMarksDisagreeingPixels) {
+    open();
+    tevix::emu::scene_config cfg = tevix::emu::sony_scene_config();
+    cfg.room_back_mm = 6200;
+    cfg.noise = true;
+    cfg.amp_max = 70;
+    tevix::emu::sony_renderer r(cfg, 17);
+    ops()->on_update_mod_freq(drv_, 100000000, 80000000);
+    r.set_freqs(100000000, 80000000);
+    std::vector<uint16_t> d;
+    ASSERT_EQ(decode(r, 0, d), int32_t(2 * k_n));
+    const accuracy a = _accuracy(r, d, 7000, 250);
+    std::cout << "noisy dual: " << a.valid << "/" << a.checked << " valid, mean " << a.mean
+              << " mm, p95 " << a.p95 << " mm, max " << a.max << " mm\n";
+    EXPECT_LT(a.valid, a.checked);             // some marked
+    EXPECT_GT(a.valid, a.checked * 80 / 100);  // most kept
+    EXPECT_EQ(a.far_off, 0u);                  // none mis-wrapped
+}
+
+TEST_F(imx_fixture, GreyFromTheConfidenceCacheAndFromTheSamples) {
+    open();
+    ops()->on_update_mod_freq(drv_, 20000000, 0);
+    tevix::emu::sony_renderer r(tevix::emu::sony_scene_config(), 13);
+    r.set_freqs(20000000, 20000000);
+    std::vector<uint16_t> grey, dist;
+    log_capture log;
+    ASSERT_EQ(decode(r, 2, grey), int32_t(2 * k_n));
+    EXPECT_EQ(log.count("use confid hash to calc gray"), 0);
+    ASSERT_EQ(decode(r, 1, dist), int32_t(2 * k_n));
+    std::vector<uint16_t> cached;
+    ASSERT_EQ(decode(r, 2, cached), int32_t(2 * k_n));
+    EXPECT_EQ(log.count("use confid hash to calc gray"), 1);
+    for (uint32_t i = 5000; i < k_n; i += 997) {
+        const double amp = r.amplitude()[i];
+        EXPECT_NEAR(grey[i], amp / 2, amp * 0.03 + 2) << i;
+        EXPECT_NEAR(cached[i], amp, amp * 0.06 + 2) << i;  // fast_sqrt(x^2 + y^2)
+    }
+    // Another frame index: another hash, grey from the samples again.
+    ASSERT_EQ(decode(r, 2, cached, 4), int32_t(2 * k_n));
+    EXPECT_EQ(log.count("use confid hash to calc gray"), 1);
+}
+
+// Every tier expands the same I and Q (odd counts and odd starts included) and decodes the same
+// phases as the scalar path; markers decode as nothing measured.
+TEST(ImxFormat, ExpansionAndPhaseTiersAgreeAndMarkersAreInvalid) {
+    std::mt19937 rng(5);
+    for (uint32_t n : {203u, 64u}) {
+        for (uint16_t fmt : {13, 14, 142, 15, 16, 17, 145}) {
+            const tevix::imx::layout l = tevix::imx::layout_of(fmt);
+            std::vector<uint8_t> raw(l.min_n * n);
+            for (auto &b : raw) b = uint8_t(rng());
+            for (uint32_t set = 0; set < l.sets; ++set) {
+                std::vector<int16_t> want(6 * n), got(6 * n);
+                std::vector<int32_t> ph_want(n), ph_got(n);
+                std::vector<uint32_t> c_want(n), c_got(n);
+                tevix::imx::expand_iq_scalar(l, raw.data(), n, set, want.data(), want.data() + n,
+                                             want.data() + 2 * n);
+                tevix::epc::phase_xy_scalar(want.data(), want.data() + n, n, ph_want.data(),
+                                            c_want.data());
+                for (auto tier : {tevix::simd::level::sse41, tevix::simd::level::avx2}) {
+                    tevix::simd::scoped_limit cap(tier);
+                    tevix::imx::expand_iq(l, raw.data(), n, set, got.data(), got.data() + n,
+                                          got.data() + 2 * n);
+                    tevix::epc::phase_xy(got.data(), got.data() + n, n, ph_got.data(),
+                                         c_got.data());
+                    EXPECT_TRUE(std::equal(got.begin(), got.begin() + 2 * n, want.begin()))
+                        << fmt << " " << n;
+                    EXPECT_EQ(ph_got, ph_want) << fmt << " " << n;
+                    EXPECT_EQ(c_got, c_want) << fmt << " " << n;
+                }
+            }
+        }
+    }
+    // Pixel 0 of a 16 frame carries the marker; pixel 1 keeps its I and Q; the phase of (x, y)
+    // is the 4-plane decode's.
+    const int16_t s12[4] = {-2048, 300, 0, -400};
+    uint8_t packed[6];
+    tevix::imx::pack12(s12, 4, packed);
+    int16_t xy[4 + 8];
+    tevix::imx::expand_iq(tevix::imx::layout_of(16), packed, 2, 0, xy, xy + 2, xy + 4);
+    EXPECT_EQ(xy[0], -32768);
+    EXPECT_EQ(xy[1], 300);
+    EXPECT_EQ(xy[3], -400);
+    int32_t ph[2];
+    uint32_t conf[2];
+    tevix::epc::phase_xy(xy, xy + 2, 2, ph, conf);
+    EXPECT_EQ(ph[0], 65500);
+    EXPECT_EQ(conf[0], 0u);
+    EXPECT_EQ(ph[1], int32_t(tevix::epc::phase_4dcs(300, -400)));
+    EXPECT_EQ(conf[1], 250000u);
+}
+
+// The chain in its order: bilateral, median, Gaussian, flying pixel, hole filling.
+TEST_F(imx_fixture, PostProcessingOrder) {
+    open();
+    ops()->on_update_mod_freq(drv_, 20000000, 0);
+    tevix::emu::scene_config cfg = tevix::emu::sony_scene_config();
+    cfg.noise = true;
+    tevix::emu::sony_renderer r(cfg, 2);
+    r.set_freqs(20000000, 20000000);
+    std::vector<uint16_t> plain, got;
+    ASSERT_EQ(decode(r, 1, plain), int32_t(2 * k_n));
+    tevix_filter_arg_t arg{};
+    arg.u8[0] = 20;
+    ASSERT_TRUE(ops()->filter_enable(drv_, TEVIX_FILTER_SMOOTH, nullptr));
+    ASSERT_TRUE(ops()->filter_enable(drv_, TEVIX_FILTER_FLYING_PIXEL, &arg));
+    p()->en_gauss = 1;
+    p()->en_fill = 1;
+    ASSERT_EQ(decode(r, 1, got), int32_t(2 * k_n));
+    std::vector<uint16_t> want(k_n);
+    vx_bpf2d_iir(&p()->bpf, want.data(), plain.data(), k_w, k_h);
+    ASSERT_TRUE(vx_median2d_u16(want.data(), k_w, k_h, 5));
+    ASSERT_TRUE(vx_gauss2d_iir_u16(want.data(), k_w, k_h, 0.1f));
+    ASSERT_TRUE(vx_flypix_u16_k5(want.data(), k_w, k_h, 11));
+    ASSERT_TRUE(vx_fhole_u16_k3(want.data(), k_w, k_h, 0));
+    EXPECT_EQ(got, want);
+    ASSERT_TRUE(ops()->filter_disable(drv_, TEVIX_FILTER_SMOOTH));
+    ASSERT_TRUE(ops()->filter_disable(drv_, TEVIX_FILTER_FLYING_PIXEL));
+    p()->en_gauss = p()->en_fill = 0;
+    EXPECT_FALSE(p()->en_bpf || p()->en_fly);
+    ASSERT_EQ(decode(r, 1, got), int32_t(2 * k_n));
+    EXPECT_EQ(got, plain);
+}
+
+TEST_F(imx_fixture, FilterSwitchesRoiAndFrameInformation) {
+    open();
+    log_capture log;
+    dev_->cam().fail_param_get = true;
+    tevix_filter_arg_t arg{};
+    arg.u16[0] = 100;
+    EXPECT_FALSE(ops()->filter_enable(drv_, TEVIX_FILTER_AUTO_INTG, &arg));
+    EXPECT_EQ(log.count("enable AUTO_INTG failed"), 1);
+    dev_->cam().fail_param_get = false;
+    EXPECT_TRUE(ops()->filter_enable(drv_, TEVIX_FILTER_AUTO_INTG, &arg));
+    EXPECT_TRUE(ops()->filter_disable(drv_, TEVIX_FILTER_AUTO_INTG));
+    EXPECT_EQ(log.count("disable AUTO intg"), 1);
+    std::array<uint8_t, 18> sys{};
+    const float sc = 1.25f, of = -7.5f;
+    std::memcpy(sys.data(), &sc, 4);
+    std::memcpy(sys.data() + 4, &of, 4);
+    sys[8] = 1;
+    dev_->cam().params[TEVIX_PARAM_SYS_CALIB] = sys;
+    EXPECT_TRUE(ops()->filter_enable(drv_, TEVIX_FILTER_SYS_CALIB, nullptr));
+    EXPECT_EQ(log.count("scale/offset_mm: 1.000/0 -> 1.250/-7"), 1);
+    EXPECT_FALSE(ops()->filter_enable(drv_, 15, nullptr));
+    EXPECT_FALSE(ops()->filter_enable(drv_, 3, nullptr));
+    EXPECT_FALSE(ops()->filter_enable(drv_, TEVIX_FILTER_PIX_CALIB, nullptr));  // nothing mounted
+
+    // Binning halves the image per step; a mode beyond 3 is refused and changes nothing.
+    tevix_roi_t roi{0, 479, 0, 639, 1, {}};
+    ops()->on_update_roi(drv_, &roi);
+    EXPECT_EQ(p()->width, 320u);
+    EXPECT_EQ(p()->bpf.width, 320u);
+    roi.binning = 4;
+    ops()->on_update_roi(drv_, &roi);
+    EXPECT_EQ(log.count("roi wrong mode: binning=4"), 1);
+    EXPECT_EQ(p()->height, 240u);
+
+    // A header without geometry takes the binned size; the lines of the frame.
+    uint8_t raw[20] = {0x00, 0x58, 0x02, 0, 7, 0, 13, 0};
+    tevix_frame_info_t info{};
+    ASSERT_TRUE(ops()->frame_get_info(drv_, &info, raw));
+    EXPECT_EQ(info.width, 320u);
+    EXPECT_EQ(info.size, 153600u);
+    EXPECT_EQ(log.count("frame: fmt=13, sz=153600, wxh = 320x240"), 1);
+    EXPECT_EQ(log.count("idx:7,0x0"), 1);
+}
+
+// ---- Calibration: type-2 blocks per frequency in the device's container.
+
+class imx_calib : public imx_fixture {
+  protected:
+    void SetUp() override {
+        prefix_ = dir_.path().string() + "/";
+        open();
+        dev_->dev()->path_prefix = prefix_.c_str();
+        char name[512];
+        path_ = tevix_get_param_absolute_name(dev_->dev(), name, sizeof name);
+        dev_->cam().set_u32(TEVIX_PARAM_MOD_FREQ, 100000000);
+    }
+    void write(const std::vector<tevix::drv::calib_block> &blocks) {
+        tevix::calib::param_container c;
+        c.ts = 100;
+        for (const auto &b : blocks) c.blocks.push_back({2, tevix::drv::block_payload(b)});
+        ASSERT_TRUE(tevix::calib::param_container_write(path_, c));
+    }
+    static tevix::drv::calib_block tables(uint32_t f, int16_t lut_mm, int16_t pix_mm) {
+        tevix::drv::calib_block b;
+        b.freq = f;
+        b.ver = 1;
+        b.noneed_calc_coeff = 1;
+        b.box_len_mm = 1200;
+        b.t_cb = 350;
+        b.t_ib = 420;
+        b.width = k_w;
+        b.height = k_h;
+        b.tables = 3;
+        b.lut.assign(tevix::drv::k_phase_lut, lut_mm);
+        b.pixels.assign(k_n, pix_mm);
+        return b;
+    }
+    tevix::test::temp_dir dir_;
+    std::string prefix_, path_;
+};
+
+// Blocks mount for f0 alone and for a pair; a frequency the file lacks leaves the defaults; the
+// decode follows: the phase table always, the per-pixel table with pixel calibration on.
+TEST_F(imx_calib, SingleAndDualBlocksMount) {
+    write({tables(100000000, 20, 7), tables(80000000, 30, 7)});
+    log_capture log;
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    EXPECT_EQ(log.count("No valid calib data on dev, use local cache!"), 1);
+    EXPECT_EQ(log.count("adapting to device MOD_FREQ : [100000000, 0] HZ"), 1);
+    EXPECT_EQ(
+        log.count("Calib data loaded [freq=100.0, DRNU_LUT]: box_len: 120.0 cm, temp: cb=350, "
+                  "ib=420, scale_um/offset_mm = 1000/0"),
+        1);
+    uint32_t list[4], count = 0;
+    EXPECT_EQ(ops()->calib_freq_list_get(drv_, list, &count), 2u);
+    EXPECT_EQ(list[1], 80000000u);
+    EXPECT_TRUE(tevix::imx::calib_valid(p()));
+
+    tevix::emu::scene_config cfg = tevix::emu::sony_scene_config();
+    cfg.room_back_mm = 1400;
+    tevix::emu::sony_renderer r(cfg, 13);
+    r.set_freqs(100000000, 100000000);
+    std::vector<uint16_t> raw0, lut, drnu;
+    ASSERT_EQ(decode(r, 0, raw0), int32_t(2 * k_n));
+    ASSERT_EQ(decode(r, 1, lut), int32_t(2 * k_n));
+    ASSERT_TRUE(ops()->filter_enable(drv_, TEVIX_FILTER_PIX_CALIB, nullptr));
+    ASSERT_EQ(decode(r, 1, drnu), int32_t(2 * k_n));
+    const uint32_t c = (k_h / 2) * k_w + k_w / 2;
+    EXPECT_NEAR(lut[c], raw0[c] + 20, 1);
+    EXPECT_NEAR(drnu[c], raw0[c] + 27, 1);
+
+    // The pair: both blocks, R0 and R1 each; 80 MHz alone is in the file too.
+    ops()->on_update_mod_freq(drv_, 100000000, 80000000);
+    EXPECT_TRUE(tevix::imx::calib_valid(p()));
+    ASSERT_NE(p()->slot1.block, nullptr);
+    EXPECT_EQ(p()->slot1.block->freq, 80000000u);
+    ops()->on_update_mod_freq(drv_, 100000000, 20000000);
+    EXPECT_FALSE(tevix::imx::calib_valid(p()));
+    EXPECT_EQ(log.count("No calib data : freq=100000000. Use default scale_um/offset_mm = 1000/0"),
+              1);
+    EXPECT_FALSE(ops()->filter_enable(drv_, TEVIX_FILTER_PIX_CALIB, nullptr));
+}
+
+// A device at a frequency the file does not calibrate is set to the first one it does.
+TEST_F(imx_calib, DeviceSetToTheFirstCalibratedFrequency) {
+    write({tables(80000000, 0, 0), tables(100000000, 0, 0)});
+    dev_->cam().set_u32(TEVIX_PARAM_MOD_FREQ, 20000000);
+    log_capture log;
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    EXPECT_EQ(log.count("set device freq to first calibrated freq: 80000000"), 1);
+    uint32_t written;
+    std::memcpy(&written, dev_->cam().writes_of(TEVIX_PARAM_MOD_FREQ).back().data(), 4);
+    EXPECT_EQ(written, 80000000u);
+    EXPECT_EQ(p()->f0, 80000000u);
+    EXPECT_TRUE(tevix::imx::calib_valid(p()));
+    // A dual format whose pair the device cannot tell: the single frequency, said so.
+    dev_->cam().set_u32(TEVIX_PARAM_FRM_FMT, 17);
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    EXPECT_EQ(log.count("Get current dual mod freq failed"), 1);
+    // No file at all and an unreadable frequency: the device runs at 100 MHz uncalibrated.
+    std::remove(path_.c_str());
+    dev_->cam().fail_param_get = true;
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    dev_->cam().fail_param_get = false;
+    EXPECT_EQ(log.count("calib not valid: set freq to 100000000"), 1);
+    EXPECT_FALSE(tevix::imx::calib_valid(p()));
+}
+
+// A unit with its systematic errors, calibrated by a station's measurements of each frequency:
+// the calibrated decode removes most of the error, in single and in dual frequency.
+TEST_F(imx_calib, StationCalibrationRemovesTheUnitsErrors) {
+    tevix::emu::scene_config cfg = tevix::emu::sony_scene_config();
+    cfg.unit_errors = true;
+    cfg.unit_seed = 0x1234;
+    cfg.room_back_mm = 6200;
+    tevix::emu::sony_renderer r(cfg, 17);
+    write({r.station_block(100000000, {150, 330, 520, 710, 900, 1090, 1280, 1440}),
+           r.station_block(80000000, {150, 380, 610, 840, 1070, 1300, 1530, 1800})});
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    ASSERT_TRUE(ops()->filter_enable(drv_, TEVIX_FILTER_PIX_CALIB, nullptr));
+    ops()->on_update_mod_freq(drv_, 100000000, 80000000);
+    r.set_freqs(100000000, 80000000);
+    ASSERT_TRUE(tevix::imx::calib_valid(p()));
+    std::vector<uint16_t> raw, cal;
+    ASSERT_EQ(decode(r, 0, raw), int32_t(2 * k_n));
+    ASSERT_EQ(decode(r, 1, cal), int32_t(2 * k_n));
+    const accuracy before = _accuracy(r, raw, 6000), after = _accuracy(r, cal, 6000);
+    std::cout << "dual, unit errors: uncalibrated mean " << before.mean << " p95 " << before.p95
+              << " mm; calibrated mean " << after.mean << " p95 " << after.p95 << " mm\n";
+    EXPECT_GT(before.mean, 5.0);
+    EXPECT_LT(after.mean, before.mean / 3);
+    EXPECT_GT(after.valid, after.checked * 99 / 100);
+    // f0 alone (format 16) through its block, on the same unit before a near wall.
+    ops()->on_update_mod_freq(drv_, 100000000, 0);
+    cfg.room_back_mm = 1400;
+    tevix::emu::sony_renderer near(cfg, 16);
+    near.set_freqs(100000000, 100000000);
+    ASSERT_EQ(decode(near, 0, raw), int32_t(2 * k_n));
+    ASSERT_EQ(decode(near, 1, cal), int32_t(2 * k_n));
+    const accuracy b1 = _accuracy(near, raw, 1490), a1 = _accuracy(near, cal, 1490);
+    std::cout << "100 MHz, unit errors: uncalibrated mean " << b1.mean << " mm; calibrated mean "
+              << a1.mean << " p95 " << a1.p95 << " mm\n";
+    EXPECT_GT(a1.checked, 100000u);
+    EXPECT_LT(a1.mean, b1.mean / 3);
+}
+
+}  // namespace
