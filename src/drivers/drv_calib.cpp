@@ -110,6 +110,18 @@ bool _take(const uint8_t *&at, const uint8_t *end, size_t n, std::vector<T> &out
     return true;
 }
 
+void _clear_measurements(calib_block &b) {
+    b.truth_mm.clear();
+    b.meas_cb.clear();
+    b.meas_ib.clear();
+    b.ratio.clear();
+    b.phases.clear();
+    b.ns.clear();
+    b.nf.clear();
+    b.nc.clear();
+    b.lists = false;
+}
+
 const char *_parse_measurements(const uint8_t *at, const uint8_t *end, calib_block &b) {
     if (b.width == 0 || b.height == 0 || b.width > 4096 || b.height > 4096) return "bad table size";
     std::vector<uint16_t> count;
@@ -163,15 +175,7 @@ bool parse_block(std::span<const uint8_t> payload, calib_block &b, const char **
     if (!std::isfinite(b.c1) || !std::isfinite(b.c2)) return *why = "bad coefficients", false;
     b.lut.clear();
     b.pixels.clear();
-    b.truth_mm.clear();
-    b.meas_cb.clear();
-    b.meas_ib.clear();
-    b.ratio.clear();
-    b.phases.clear();
-    b.ns.clear();
-    b.nf.clear();
-    b.nc.clear();
-    b.lists = false;
+    _clear_measurements(b);
     const uint8_t *at = payload.data() + k_drv_hdr;
     if (!b.noneed_calc_coeff) {
         *why = _parse_measurements(at, payload.data() + payload.size(), b);
@@ -476,15 +480,7 @@ bool calc_coeff(calib_block &b, const char *fn) {
     for (size_t i = 0; i < px; ++i) b.pixels[i] = _mm16(d.pix[i]);
     b.tables = k_table_phase | k_table_pixels;
     b.noneed_calc_coeff = 1;
-    b.truth_mm.clear();
-    b.meas_cb.clear();
-    b.meas_ib.clear();
-    b.ratio.clear();
-    b.phases.clear();
-    b.ns.clear();
-    b.nf.clear();
-    b.nc.clear();
-    b.lists = false;
+    _clear_measurements(b);
     return true;
 }
 

@@ -10,7 +10,7 @@ const token = new URLSearchParams(location.search).get('token') || '';
 const withToken = (url) => token ? url + (url.includes('?') ? '&' : '?') + 'token=' + token : url;
 
 // Figures the browser test reads.
-window.tevixStats = { frames: 0, painted: 0, latency: [], lastIndex: -1, errors: 0 };
+window.tevixStats = { frames: 0, painted: 0, latency: [], lastIndex: -1, errors: 0, size: '' };
 
 let latest = null;       // newest frame not drawn yet
 let shown = null;        // the frame on screen (for the distance under the cursor)
@@ -186,6 +186,7 @@ function paint() {
     const st = window.tevixStats;
     st.painted++;
     st.lastIndex = f.index;
+    st.size = f.w + 'x' + f.h;
     st.latency.push(Date.now() - f.pulled);
     if (st.latency.length > 100) st.latency.shift();
     if (state && state.is_file) document.getElementById('seek').value = f.position;
