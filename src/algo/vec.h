@@ -148,7 +148,9 @@ VX_INLINE void transpose(f32x8 (&r)[8]) {
 // wrapper; 16-byte vectors are the SSE4.1 tier's (the AVX2 tier's are 32 bytes).
 template <class V>
 VX_INLINE bool all_zero(const V &v) {
-#if defined(__x86_64__) || defined(__i386__)
+    // Clang checks the operand against the enclosing function's target, which a template called
+    // from a target-attributed kernel does not carry: it takes the portable test below.
+#if (defined(__x86_64__) || defined(__i386__)) && !defined(__clang__)
     if constexpr (sizeof(V) == 32) {
         bool z;
         asm("vptest %1, %1" : "=@ccz"(z) : "x"(v));

@@ -227,8 +227,13 @@ async function poll() {
     intg2.max = state.limits.intg_max;
     if (document.activeElement !== intg2) intg2.value = state.params.INTG2;
     const modf = document.getElementById('modf');
-    if (![...modf.options].some((o) => +o.value === state.params.MOD_FREQ))
-      modf.add(new Option(state.params.MOD_FREQ / 1e6 + ' MHz', state.params.MOD_FREQ));
+    // The frequencies the camera's calibration covers come first, marked; then the current one.
+    for (const f of state.calib_freqs.concat([state.params.MOD_FREQ])) {
+      if (!f) continue;
+      let o = [...modf.options].find((x) => +x.value === f);
+      if (!o) modf.add(o = new Option(f / 1e6 + ' MHz', f));
+      if (state.calib_freqs.includes(f) && !o.text.endsWith(' (calibrated)')) o.text += ' (calibrated)';
+    }
     modf.value = state.params.MOD_FREQ;
     for (const box of document.querySelectorAll('[data-filter]'))
       box.checked = !!state.filters[box.dataset.filter];
