@@ -2,9 +2,9 @@
 """Measures the browser viewer: latency from pull to paint in the page, and the server's CPU above
 the capture itself.
 
-  bench/view/bench_viewer.py BUILD_DIR [SECONDS]
+  bench/view/bench_viewer.py BUILD_DIR [SECONDS] [epc|sony]
 
-Runs the virtual camera at 30 fps (320x240) twice: under tevix_frame_reference --live ... images
+Runs the virtual camera at 30 fps (an EPC unit at 320x240, or a SONY unit at 640x480) twice: under tevix_frame_reference --live ... images
 (pull and the viewer's decode: the capture itself) and under `tevix view` with one headless chromium page watching. The
 page measures each frame's pull-to-paint time (the server stamps the pull; the page compares at
 paint, same clock). Prints the latency median/p95, the rate painted and both CPU shares.
@@ -39,7 +39,9 @@ def _browser():
 def main():
     build = sys.argv[1]
     seconds = float(sys.argv[2]) if len(sys.argv) > 2 else 20.0
-    vcam = [os.path.join(build, "emu/tevix-vcam"), "--scene", "2", "--fps", "30", "--"]
+    model = sys.argv[3] if len(sys.argv) > 3 else "epc"
+    vcam = [os.path.join(build, "emu/tevix-vcam"), "--model", model, "--scene", "2", "--fps",
+            "30", "--"]
     ref = subprocess.run(vcam + [os.path.join(build, "tests/tools/tevix_frame_reference"), "--live",
                                  str(seconds), "images"], capture_output=True, text=True, check=True)
     ref_frames, ref_cpu = int(ref.stdout.split()[1]), float(ref.stdout.split()[3])
