@@ -66,6 +66,7 @@ enum param_id : uint8_t {
     k_par_version = 6,
     k_par_sensor = 7,
     k_par_calib_info = 8,
+    k_par_roi = 9,
     k_par_frame_format = 10,
     k_par_fps = 12,
     k_par_intg1 = 13,

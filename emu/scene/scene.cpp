@@ -187,8 +187,15 @@ uint32_t scene_time_word(uint32_t hours, uint32_t minutes, uint32_t seconds, uin
 
 scene_renderer::scene_renderer(const scene_config &cfg, uint16_t format)
     : init_(cfg), cfg_(cfg), format_(format) {
+    _geometry();
+    _truth();
+}
+
+// Rays of every pixel at the current image size: the room's distances and reflectivities, and
+// each ray's axial share for a flat target.
+void scene_renderer::_geometry() {
     const uint32_t w = cfg_.width, h = cfg_.height, n = w * h;
-    if (cfg_.unit_errors) errors_ = unit_errors::draw(cfg_.unit_seed, w, h);
+    errors_ = cfg_.unit_errors ? unit_errors::draw(cfg_.unit_seed, w, h) : unit_errors{};
     room_.assign(n, 0.0f);
     room_refl_.assign(n, 0.0f);
     axial_.assign(n, 0.0f);
@@ -216,6 +223,21 @@ scene_renderer::scene_renderer(const scene_config &cfg, uint16_t format)
             room_refl_[i] = hh.refl;
         }
     }
+}
+
+void scene_renderer::configure(const param_reader &param) {
+    // Binning (the last byte of the region of interest): the sensor adds up neighbouring pixels,
+    // so the image shrinks to 1/2, 1/4 or 1/8 a side (mode 4: half the width, a quarter of the
+    // height) and each pixel sees the scene through a wider cone.
+    static constexpr uint8_t k_shift_w[5] = {0, 1, 2, 3, 1}, k_shift_h[5] = {0, 1, 2, 3, 2};
+    const std::vector<uint8_t> roi = param(k_par_roi);
+    const uint8_t b = roi.size() >= 9 && roi[8] <= 4 ? roi[8] : 0;
+    const uint32_t w = init_.width >> k_shift_w[b], h = init_.height >> k_shift_h[b];
+    std::lock_guard lk(m_);
+    if (w == 0 || h == 0 || (w == cfg_.width && h == cfg_.height)) return;
+    cfg_.width = static_cast<uint16_t>(w);
+    cfg_.height = static_cast<uint16_t>(h);
+    _geometry();
     _truth();
 }
 
@@ -270,7 +292,9 @@ std::vector<uint8_t> scene_renderer::param(uint8_t id) const {
 
 void scene_renderer::reset() {
     std::lock_guard lk(m_);
+    const bool resized = cfg_.width != init_.width || cfg_.height != init_.height;
     cfg_ = init_;
+    if (resized) _geometry();
     _truth();
 }
 

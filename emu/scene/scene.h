@@ -79,6 +79,7 @@ class scene_renderer : public frame_source {
 
     vx_frame_desc_t describe() const override;
     void render(uint32_t index, std::span<uint8_t> out, vx_frame_desc_t &desc) override;
+    void configure(const param_reader &param) override;
     void on_param(uint8_t id, std::span<const uint8_t> value) override;
     std::vector<uint8_t> param(uint8_t id) const override;
     void reset() override;
@@ -101,6 +102,7 @@ class scene_renderer : public frame_source {
     bool under_header(uint32_t x, uint32_t y) const;
 
   private:
+    void _geometry();
     void _truth();
 
     const scene_config init_;

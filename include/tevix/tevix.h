@@ -384,6 +384,12 @@ TEVIX_API int64_t tevix_oni_repair(const char *in_path, const char *out_path) TE
  * (may be NULL) its chip code ("E1"); NULL for a missing or closed device. Extension. */
 TEVIX_API const char *tevix_dev_get_driver(tevix_dev_t *dev, const char **chip) TEVIX_NOEXCEPT;
 
+/* The modulation frequencies (Hz) the device's calibration data covers, as the driver found them
+ * at open: up to capacity of them copied into list (may be NULL); returns how many there are (0:
+ * the device runs uncalibrated), or -1 for a missing or closed device. Extension. */
+TEVIX_API int tevix_dev_get_calib_freqs(tevix_dev_t *dev, uint32_t *list,
+                                        uint32_t capacity) TEVIX_NOEXCEPT;
+
 /*
  * Hot-plug (extension): camera arrivals and removals on USB.
  *

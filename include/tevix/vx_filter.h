@@ -36,8 +36,9 @@ typedef struct vx_bpf2d_iir {
     uint32_t n;
     float alpha_x, alpha_y; /* spatial damping of the horizontal and vertical pass */
     uint16_t *dst;          /* output image of the current call */
-    float *work[2];         /* two width x height images */
-    float *line[6];         /* six lines of max(width, height) x 8 floats */
+    float *work[2];         /* scratch: two pairs of width x height planes */
+    float *line[6];         /* scratch: line[0] holds the weight tables and the lines of the
+                               horizontal pass; the others stay NULL */
 } vx_bpf2d_iir_t;
 
 /*

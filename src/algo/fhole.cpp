@@ -10,10 +10,27 @@ struct fhole_kernel {
     static constexpr sort_net net = make_sort_net(8, 4);
     uint16_t min_valid;
 
+    // Only pixels of value 0 change: rows without one stay as they are.
+    template <class V>
+    VX_INLINE bool busy(const uint16_t *row, uint32_t w) const {
+        constexpr uint32_t L = sizeof(V) / sizeof(uint16_t);
+        uint32_t x = 0;
+        if constexpr (L > 1) {
+            V any = splat<V>(uint16_t(0));
+            for (; x + L <= w; x += L) any |= V(load<V>(row + x) == splat<V>(uint16_t(0)));
+            if (!all_zero(any)) return true;
+        }
+        for (; x < w; ++x)
+            if (row[x] == 0) return true;
+        return false;
+    }
+
     template <class V>
     VX_INLINE V run(const uint16_t *p, size_t stride) const {
         const V zero = splat<V>(uint16_t(0)), one = splat<V>(uint16_t(1));
         const V none = splat<V>(uint16_t(0xFFFF));
+        const V c = load<V>(p);
+        if (all_zero(V(c == zero))) return c;
         V key[8], n = zero;
         uint32_t i = 0;
         for (int dy = -1; dy <= 1; ++dy)
@@ -24,7 +41,6 @@ struct fhole_kernel {
                 key[i++] = bad ? none : v;
                 n += bad ? zero : one;
             }
-        const V c = load<V>(p);
         apply_net<net>(key);
         const V med = select_rank(key, V((n - one) >> 1), 3);
         return ((c == zero) & (n >= splat<V>(min_valid))) ? med : c;

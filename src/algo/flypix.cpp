@@ -9,6 +9,11 @@ template <uint32_t K>
 struct flypix_kernel {
     uint16_t level;  // 32 - min(threshold, 31): the margin in 1/256 of the distance
 
+    template <class V>
+    VX_INLINE bool busy(const uint16_t *, uint32_t) const {
+        return true;
+    }
+
     // Mask of the lanes where c lies strictly between a and b with a gap above the margin on
     // both sides. The wrapping differences only count where the comparison before them holds.
     template <class V>

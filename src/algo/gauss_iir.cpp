@@ -66,11 +66,6 @@ struct work {
     T *zero;       // width zeros: the rows beyond the image
 };
 
-template <uint32_t L>
-struct u16_lanes {
-    typedef uint16_t type __attribute__((vector_size(2 * L)));
-};
-
 // The coefficients in the lane type, made once per loop: loaded from the yvv inside a loop they
 // would be read again after every store.
 template <class V>
@@ -118,7 +113,7 @@ VX_INLINE void _pack(const uint16_t *img, uint32_t w, uint32_t r0, T *sig, T *ms
     constexpr uint32_t L = sizeof(V) / sizeof(T);
     uint32_t x = 0;
     if constexpr (L > 1) {
-        using U = typename u16_lanes<L>::type;
+        using U = typename tevix::algo::lanes_of<L>::u16;
         for (; x + L <= w; x += L) {
             V s[L], m[L];
 #pragma GCC unroll 8
@@ -246,9 +241,9 @@ VX_INLINE void _output(uint16_t *img, const work<T> &t, uint32_t w, uint32_t y) 
     const T *num = t.num + size_t(y) * w, *den = t.den + size_t(y) * w;
     uint32_t x = 0;
     if constexpr (L > 1) {
-        using U = typename u16_lanes<L>::type;
-        typedef int32_t I __attribute__((vector_size(4 * L)));
-        typedef int16_t S __attribute__((vector_size(2 * L)));
+        using U = typename tevix::algo::lanes_of<L>::u16;
+        using I = typename tevix::algo::lanes_of<L>::i32;
+        using S = typename tevix::algo::lanes_of<L>::i16;
         for (; x + L <= w; x += L) {
             const V d = load<V>(den + x);
             const U r = __builtin_convertvector(

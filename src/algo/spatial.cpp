@@ -7,29 +7,34 @@
 
 namespace tevix::algo {
 
-bool make_padded(const uint16_t *img, uint32_t width, uint32_t height, uint32_t pad,
-                 padded &out) noexcept {
-    // Grows to the largest image seen by the thread and is reused, so steady use allocates nothing.
+bool make_ring(uint32_t width, uint32_t pad, row_ring &out) noexcept {
+    // Grows to the widest image seen by the thread and is reused, so steady use allocates nothing.
     thread_local std::vector<uint16_t> scratch;
     const size_t stride = size_t(width) + 2 * pad;
-    const size_t rows = size_t(height) + 2 * pad;
+    const uint32_t slots = 2 * pad + 1;
     try {
-        if (scratch.size() < stride * rows) scratch.resize(stride * rows);
+        if (scratch.size() < 2 * slots * stride) scratch.resize(2 * slots * stride);
     } catch (const std::bad_alloc &) {
         return false;
     }
-    uint16_t *base = scratch.data();
-    std::fill_n(base, stride * pad, uint16_t(0));
-    for (uint32_t y = 0; y < height; ++y) {
-        uint16_t *row = base + (y + pad) * stride;
-        std::fill_n(row, pad, uint16_t(0));
-        std::memcpy(row + pad, img + size_t(y) * width, size_t(width) * sizeof(uint16_t));
-        std::fill_n(row + pad + width, pad, uint16_t(0));
-    }
-    std::fill_n(base + (height + pad) * stride, stride * pad, uint16_t(0));
-    out.origin = base + pad * stride + pad;
+    out.buf = scratch.data();
     out.stride = stride;
+    out.slots = slots;
     return true;
+}
+
+void ring_put(const row_ring &r, const uint16_t *img, uint32_t width, uint32_t height, uint32_t pad,
+              int row) noexcept {
+    const size_t slot = size_t((row % int(r.slots) + int(r.slots)) % int(r.slots));
+    uint16_t *a = r.buf + slot * r.stride, *b = r.buf + (slot + r.slots) * r.stride;
+    if (row < 0 || row >= int(height)) {
+        std::fill_n(a, r.stride, uint16_t(0));
+    } else {
+        std::fill_n(a, pad, uint16_t(0));
+        std::memcpy(a + pad, img + size_t(row) * width, size_t(width) * sizeof(uint16_t));
+        std::fill_n(a + pad + width, pad, uint16_t(0));
+    }
+    std::memcpy(b, a, r.stride * sizeof(uint16_t));
 }
 
 }  // namespace tevix::algo

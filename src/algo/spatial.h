@@ -25,66 +25,79 @@ VX_INLINE int is_invalid(uint16_t v) {
     return -int(v == 0 || v == VX_DIST_INVALID);
 }
 
-// Input copy with a border of `pad` invalid (0) pixels on every side, kept per thread.
-struct padded {
-    const uint16_t *origin = nullptr;  // pixel (0, 0)
-    size_t stride = 0;
+// The unfiltered rows around the current one, each with `pad` invalid (0) pixels on every side,
+// so that a filter can work in place and still decide every pixel on the input image. Slot i
+// holds its row twice (at i and i + slots), so the 2 pad + 1 rows of a window always lie one
+// stride apart. Kept per thread.
+struct row_ring {
+    uint16_t *buf = nullptr;
+    size_t stride = 0;   // width + 2 pad
+    uint32_t slots = 0;  // 2 pad + 1
 };
 
-// Copies img into the calling thread's scratch; false when it cannot be allocated.
-bool make_padded(const uint16_t *img, uint32_t width, uint32_t height, uint32_t pad,
-                 padded &out) noexcept;
+// The calling thread's ring for rows of `width`; false when it cannot be allocated.
+bool make_ring(uint32_t width, uint32_t pad, row_ring &out) noexcept;
 
-// Runs kernel(V-typed lane) over every pixel of the image: whole vectors of V from the left, the
-// remainder pixel by pixel as scalars. The kernel reads the padded copy and returns the new value.
+// Copies image row `row` (0 beyond the image) into its ring slots.
+void ring_put(const row_ring &r, const uint16_t *img, uint32_t width, uint32_t height, uint32_t pad,
+              int row) noexcept;
+
+// Runs kernel over the image in place, row by row: each row's whole vectors of V from the left,
+// the remainder pixel by pixel as scalars. kernel.run reads the ring at the pixel (rows one
+// stride apart) and returns the new value; rows for which kernel.busy(row, width) is false
+// (the unfiltered row, without padding) are left as they are.
 template <class V, class K>
-VX_INLINE void for_each_pixel(uint16_t *img, uint32_t width, uint32_t height, const padded &p,
-                              K &&kernel) {
+VX_INLINE void for_each_pixel(uint16_t *img, uint32_t width, uint32_t height, uint32_t pad,
+                              const row_ring &r, const K &kernel) {
     constexpr uint32_t L = sizeof(V) / sizeof(uint16_t);
+    for (int row = -int(pad); row < int(pad); ++row) ring_put(r, img, width, height, pad, row);
     for (uint32_t y = 0; y < height; ++y) {
-        const uint16_t *row = p.origin + y * p.stride;
+        ring_put(r, img, width, height, pad, int(y + pad));
+        const size_t first = (y + r.slots - pad) % r.slots;  // the window's top row
+        const uint16_t *row = r.buf + (first + pad) * r.stride + pad;
+        if (!kernel.template busy<V>(row, width)) continue;
         uint16_t *out = img + size_t(y) * width;
         uint32_t x = 0;
         if constexpr (L > 1) {
             for (; x + L <= width; x += L)
-                store(out + x, kernel.template run<V>(row + x, p.stride));
+                store(out + x, kernel.template run<V>(row + x, r.stride));
         }
-        for (; x < width; ++x) out[x] = kernel.template run<uint16_t>(row + x, p.stride);
+        for (; x < width; ++x) out[x] = kernel.template run<uint16_t>(row + x, r.stride);
     }
 }
 
 // Dispatches a kernel to the widest enabled variant; each variant is one instantiation of
 // for_each_pixel inside a function carrying the target attribute.
-#define VX_SPATIAL_DISPATCH(kernel_type, img, width, height, pad_px, ...)              \
-    do {                                                                               \
-        ::tevix::algo::padded p_;                                                      \
-        if (!::tevix::algo::make_padded(img, width, height, pad_px, p_)) return false; \
-        const kernel_type k_{__VA_ARGS__};                                             \
-        switch (::tevix::simd::active()) {                                             \
-            case ::tevix::simd::level::avx2:                                           \
-                _run_avx2(img, width, height, p_, k_);                                 \
-                break;                                                                 \
-            case ::tevix::simd::level::sse41:                                          \
-                _run_sse41(img, width, height, p_, k_);                                \
-                break;                                                                 \
-            default:                                                                   \
-                _run_scalar(img, width, height, p_, k_);                               \
-                break;                                                                 \
-        }                                                                              \
+#define VX_SPATIAL_DISPATCH(kernel_type, img, width, height, pad_px, ...) \
+    do {                                                                  \
+        ::tevix::algo::row_ring r_;                                       \
+        if (!::tevix::algo::make_ring(width, pad_px, r_)) return false;   \
+        const kernel_type k_{__VA_ARGS__};                                \
+        switch (::tevix::simd::active()) {                                \
+            case ::tevix::simd::level::avx2:                              \
+                _run_avx2(img, width, height, pad_px, r_, k_);            \
+                break;                                                    \
+            case ::tevix::simd::level::sse41:                             \
+                _run_sse41(img, width, height, pad_px, r_, k_);           \
+                break;                                                    \
+            default:                                                      \
+                _run_scalar(img, width, height, pad_px, r_, k_);          \
+                break;                                                    \
+        }                                                                 \
     } while (0)
 
-#define VX_SPATIAL_VARIANTS(kernel_type)                                                    \
-    void _run_scalar(uint16_t *img, uint32_t w, uint32_t h, const ::tevix::algo::padded &p, \
-                     const kernel_type &k) {                                                \
-        ::tevix::algo::for_each_pixel<uint16_t>(img, w, h, p, k);                           \
-    }                                                                                       \
-    VX_TARGET_SSE41 void _run_sse41(uint16_t *img, uint32_t w, uint32_t h,                  \
-                                    const ::tevix::algo::padded &p, const kernel_type &k) { \
-        ::tevix::algo::for_each_pixel<::tevix::algo::u16x8>(img, w, h, p, k);               \
-    }                                                                                       \
-    VX_TARGET_AVX2 void _run_avx2(uint16_t *img, uint32_t w, uint32_t h,                    \
-                                  const ::tevix::algo::padded &p, const kernel_type &k) {   \
-        ::tevix::algo::for_each_pixel<::tevix::algo::u16x16>(img, w, h, p, k);              \
+#define VX_SPATIAL_VARIANTS(kernel_type)                                                      \
+    void _run_scalar(uint16_t *img, uint32_t w, uint32_t h, uint32_t pad,                     \
+                     const ::tevix::algo::row_ring &r, const kernel_type &k) {                \
+        ::tevix::algo::for_each_pixel<uint16_t>(img, w, h, pad, r, k);                        \
+    }                                                                                         \
+    VX_TARGET_SSE41 void _run_sse41(uint16_t *img, uint32_t w, uint32_t h, uint32_t pad,      \
+                                    const ::tevix::algo::row_ring &r, const kernel_type &k) { \
+        ::tevix::algo::for_each_pixel<::tevix::algo::u16x8>(img, w, h, pad, r, k);            \
+    }                                                                                         \
+    VX_TARGET_AVX2 void _run_avx2(uint16_t *img, uint32_t w, uint32_t h, uint32_t pad,        \
+                                  const ::tevix::algo::row_ring &r, const kernel_type &k) {   \
+        ::tevix::algo::for_each_pixel<::tevix::algo::u16x16>(img, w, h, pad, r, k);           \
     }
 
 // Comparator list of Batcher's odd-even merge sort for n inputs, reduced to the comparators that

@@ -47,26 +47,21 @@ VX_INLINE V _abs(const V &x) {
 // One step of L pixels (L 1 for the scalar tail).
 template <class V>
 VX_INLINE V _pixels(const dual_freq &u, const V &d0, const V &d1) {
-    const V zero = splat<V>(0.0f), r0 = splat<V>(u.r0_mm), r1 = splat<V>(u.r1_mm);
-    const V inv_r1 = splat<V>(1.0f / u.r1_mm);
-    V best = splat<V>(INFINITY), best0 = zero, best1 = zero;
-    for (uint32_t k0 = 0; k0 < u.n0; ++k0) {
-        const V c0 = d0 + splat<V>(float(k0)) * r0;
-        // k1 = floor((c0 - d1) / R1 + 0.5), the argument being above -1.5.
-        const V k1 = _trunc(V((c0 - d1) * inv_r1 + splat<V>(1.5f))) - splat<V>(1.0f);
-        const V c1 = d1 + k1 * r1;
-        const V e = _abs(V(c0 - c1));
-        const auto better = e < best;
-        best = better ? e : best;
-        best0 = better ? c0 : best0;
-        best1 = better ? c1 : best1;
-    }
+    const V zero = splat<V>(0.0f), n0 = splat<V>(float(u.n0));
+    // t lies in (-n0, n1), so t + 17 is positive and truncation rounds it.
+    const V t = d0 * splat<V>(u.t0) - d1 * splat<V>(u.t1);
+    const V m = _trunc(V(t + splat<V>(17.5f))) - splat<V>(17.0f);
+    // k0 = (a0 - m) inv modulo n0; a0 - m is positive, the product a whole number below 2^13.
+    const V a = (splat<V>(u.a0) - m) * splat<V>(u.inv);
+    const V k0 = a - _trunc(V((a + splat<V>(0.5f)) * splat<V>(u.inv_n0))) * n0;
+    const V r = t - m;
+    const V d0u = d0 + k0 * splat<V>(u.r0_mm);
     const V range = splat<V>(u.range_mm);
-    V d = splat<V>(u.w0) * best0 + splat<V>(u.w1) * best1;
+    V d = d0u - splat<V>(u.w1 * u.sep_mm) * r;
     d = d < zero ? d + range : d;
     d = d >= range ? d - range : d;
     const V rounded = vmin(_trunc(V(d + splat<V>(0.5f))), splat<V>(k_invalid - 1.0f));
-    const auto consistent = best <= splat<V>(u.max_residual_mm);
+    const auto consistent = _abs(r) <= splat<V>(u.max_t);
     const auto known = d0 < splat<V>(k_invalid);
     const auto known1 = d1 < splat<V>(k_invalid);
     if constexpr (sizeof(V) == sizeof(float))
@@ -124,6 +119,15 @@ bool dual_freq_init(dual_freq &u, uint32_t f0, uint32_t f1, float max_residual_m
     const double q0 = double(f0) * f0, q1 = double(f1) * f1;
     u.w0 = float(q0 / (q0 + q1));
     u.w1 = float(q1 / (q0 + q1));
+    u.t0 = float(n1 / (k_c_mm_per_s / (2.0 * f0)));
+    u.t1 = float(n0 / (k_c_mm_per_s / (2.0 * f1)));
+    u.a0 = float(17 * n0);
+    uint32_t inv = 0;  // n1 inv = 1 modulo n0 (n0 1: any, 0)
+    while (n0 > 1 && inv * n1 % n0 != 1) ++inv;
+    u.inv = float(inv);
+    u.inv_n0 = float(1.0 / n0);
+    u.sep_mm = float(range / (n0 * n1));
+    u.max_t = u.max_residual_mm / u.sep_mm;
     return true;
 }
 

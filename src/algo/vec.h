@@ -22,6 +22,15 @@ typedef uint16_t u16x16 __attribute__((vector_size(32)));
 typedef int32_t i32x4 __attribute__((vector_size(16)));
 typedef int32_t i32x8 __attribute__((vector_size(32)));
 
+// Vectors of L lanes of other widths, for conversions between lane types (L > 1). A typedef with
+// a size that depends on a template parameter has to live in a class template.
+template <uint32_t L>
+struct lanes_of {
+    typedef uint16_t u16 __attribute__((vector_size(2 * L)));
+    typedef int16_t i16 __attribute__((vector_size(2 * L)));
+    typedef int32_t i32 __attribute__((vector_size(4 * L)));
+};
+
 // The lane type of a vector (a scalar is its own), and the 32-bit integer form of a float one.
 template <class V>
 struct lane {
@@ -139,7 +148,9 @@ VX_INLINE void transpose(f32x8 (&r)[8]) {
 // wrapper; 16-byte vectors are the SSE4.1 tier's (the AVX2 tier's are 32 bytes).
 template <class V>
 VX_INLINE bool all_zero(const V &v) {
-#if defined(__x86_64__) || defined(__i386__)
+    // Clang checks the operand against the enclosing function's target, which a template called
+    // from a target-attributed kernel does not carry: it takes the portable test below.
+#if (defined(__x86_64__) || defined(__i386__)) && !defined(__clang__)
     if constexpr (sizeof(V) == 32) {
         bool z;
         asm("vptest %1, %1" : "=@ccz"(z) : "x"(v));

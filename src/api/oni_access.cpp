@@ -1,5 +1,6 @@
 // Random access to recordings for hosts: the ONI reader behind a C handle, and the driver name of
 // an open device.
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -113,6 +114,14 @@ int64_t tevix_oni_decode_frame(tevix_oni_t *rec, uint32_t node, uint32_t index, 
     if (got < 0 || static_cast<uint64_t>(got) > count) return -1;
     std::memcpy(dst, rec->px.data(), static_cast<size_t>(got) * 2);
     return got;
+}
+
+int tevix_dev_get_calib_freqs(tevix_dev_t *dev, uint32_t *list, uint32_t capacity) noexcept {
+    if (!tevix::api::dev_check(dev, __func__)) return -1;
+    const tevix_session *s = dev->session;
+    const uint32_t n = std::min(s->calib_freq_n, capacity);
+    if (list && n) std::memcpy(list, s->calib_freqs, n * sizeof *list);
+    return static_cast<int>(s->calib_freq_n);
 }
 
 const char *tevix_dev_get_driver(tevix_dev_t *dev, const char **chip) noexcept {

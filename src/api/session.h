@@ -78,6 +78,9 @@ struct tevix_session {
 
     tevix_lens_param_t lens{};
     bool lens_valid = false;
+    // The modulation frequencies the driver found calibration for, read at open.
+    uint32_t calib_freqs[100] = {};
+    uint32_t calib_freq_n = 0;
 };
 
 namespace tevix::api {

@@ -388,6 +388,11 @@ tevix_dev_t *tevix_dev_open(tevix_dev_t *dev) noexcept {
     }
     if (drv->ops->calib_load && drv->ops->calib_load(drv, 0, 0, 2) < 0)
         VX_ERR("[%s]Load calibration data failed\n");
+    if (drv->ops->calib_freq_list_get) {
+        uint32_t n = 0;
+        drv->ops->calib_freq_list_get(drv, s->calib_freqs, &n);
+        s->calib_freq_n = std::min<uint32_t>(n, 100);
+    }
 
     _format_uri(dev, s->uri, sizeof s->uri);
     if (drv->ops->lens_param_get && s->max_width && s->max_height)

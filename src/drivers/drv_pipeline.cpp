@@ -158,6 +158,12 @@ tevix_param_item_t param_item(uint32_t id, uint8_t len) {
     return it;
 }
 
+uint32_t item_u32(const tevix_param_item_t &it, int i) {
+    uint32_t v;
+    std::memcpy(&v, it.value.u8 + 4 * i, 4);
+    return v;
+}
+
 bool param_set_u32(tevix_dev_t *dev, uint32_t id, uint32_t value, uint8_t len) {
     tevix_param_item_t it = param_item(id, len);
     std::memcpy(it.value.u8, &value, 4);

@@ -23,6 +23,8 @@ inline drv_state *state_of(tevix_drv_t *drv) {
 [[noreturn]] void die_malloc(const char *name);
 
 tevix_param_item_t param_item(uint32_t id, uint8_t len);
+// Word i of an item's value (the item is packed: its words are read by copy).
+uint32_t item_u32(const tevix_param_item_t &it, int i);
 bool param_set_u32(tevix_dev_t *dev, uint32_t id, uint32_t value, uint8_t len);
 // Sends the host clock (parameter 19): seconds and the sub-second count plus 100.
 void send_host_clock(tevix_dev_t *dev);

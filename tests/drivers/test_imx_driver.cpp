@@ -271,21 +271,25 @@ TEST(ImxFormat, LayoutWords) {
 }
 
 // Every format decodes at exactly its minimum length; one byte less is refused with the line,
-// and so is an output buffer below 2N. Each gives the scene's distances at 20 MHz.
+// and so is an output buffer below 2N. Each gives the scene's distances at 20 MHz (the dual
+// formats with 16 MHz beside it).
 TEST_F(imx_fixture, EachFormatDecodesAndRefusesShortFrames) {
     open();
-    ops()->on_update_mod_freq(drv_, 20000000, 0);
-    tevix::emu::scene_config cfg = tevix::emu::sony_scene_config();
-    tevix::emu::sony_renderer r(cfg);
-    r.set_freqs(20000000, 20000000);
+    tevix::emu::sony_renderer r(tevix::emu::sony_scene_config());
     const struct {
         uint16_t format;
+        uint32_t f1;
         double tol;  // p95 error, mm: whole-count samples, eight bits for formats 14 and 15
-    } cases[] = {{2, 2}, {10, 1}, {13, 2}, {15, 30}, {16, 2}};
+    } cases[] = {{2, 0, 2},           {10, 0, 1},        {13, 0, 2},
+                 {15, 0, 30},         {16, 0, 2},        {14, 16000000, 30},
+                 {142, 16000000, 30}, {17, 16000000, 2}, {145, 16000000, 2}};
     log_capture log;
     for (const auto &c : cases) {
+        ops()->on_update_mod_freq(drv_, 20000000, c.f1);
+        r.set_freqs(20000000, c.f1 ? c.f1 : 20000000);
         r.set_format(c.format);
         std::vector<uint8_t> raw(r.frame_bytes());
+        ASSERT_EQ(raw.size(), tevix::imx::layout_of(c.format).min_n * k_n);
         vx_frame_desc_t desc{};
         r.render(1, raw, desc);
         tevix_frame_info_t info{};

@@ -213,6 +213,10 @@ TEST(calib_station, calibrate_download_fetch_and_measure) {
     dev = _open();
     ASSERT_NE(dev, nullptr);
     EXPECT_TRUE(tevix::test::read_file(cached) == tevix::test::read_file(out));
+    uint32_t freqs[4] = {};
+    ASSERT_EQ(tevix_dev_get_calib_freqs(dev, freqs, 4), 2);
+    EXPECT_EQ(freqs[0], k_freqs[0]);
+    EXPECT_EQ(freqs[1], k_freqs[1]);
     // Pixel calibration (filter 1) brings in each pixel's offset.
     tevix_filter_arg_t on{};
     ASSERT_EQ(tevix_filter_enable(dev, 1, &on), 0);

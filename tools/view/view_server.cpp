@@ -149,6 +149,10 @@ bool server::start() {
         max_intg_ = geo.value.u32[2];
     }
     tevix_lens_param_get(dev_, &lens_);
+    if (const int n = tevix_dev_get_calib_freqs(dev_, nullptr, 0); n > 0) {
+        calib_freqs_.resize(static_cast<size_t>(n));
+        tevix_dev_get_calib_freqs(dev_, calib_freqs_.data(), static_cast<uint32_t>(n));
+    }
     if (is_file_) {
         count_ = static_cast<uint32_t>(std::max(0, tevix_cap_seek_frame(dev_, 0, 2)));
         // Replay at the recorded rate rather than as fast as frames are pulled.
@@ -376,7 +380,9 @@ std::string server::_state_json() {
       << ",\"sensor_c\":" << sensor_c_ << ",\"lens\":{\"cx\":" << lens_.cx << ",\"cy\":" << lens_.cy
       << ",\"fx\":" << lens_.fx << ",\"fy\":" << lens_.fy << ",\"width\":" << lens_.width
       << ",\"height\":" << lens_.height
-      << "},\"limits\":{\"fps_max\":" << (max_fps_ ? max_fps_ : 1000)
+      << "},\"calib_freqs\":[";
+    for (size_t i = 0; i < calib_freqs_.size(); ++i) j << (i ? "," : "") << calib_freqs_[i];
+    j << "],\"limits\":{\"fps_max\":" << (max_fps_ ? max_fps_ : 1000)
       << ",\"intg_max\":" << std::min<uint32_t>(max_intg_ ? max_intg_ : 65535, 65535)
       << "},\"params\":{\"FPS\":" << (got ? items[0].value.u32[0] : 0)
       << ",\"INTG1\":" << (got ? items[1].value.u16[0] : 0)

@@ -76,6 +76,7 @@ class server {
     tevix_dev_t *dev_ = nullptr;
     bool is_file_ = false;
     uint32_t max_fps_ = 0, max_intg_ = 0;
+    std::vector<uint32_t> calib_freqs_;  // frequencies the camera's calibration covers
     tevix_lens_t lens_{};
 
     std::mutex dev_mtx_;  // device reconfiguration (record, playback) against each other

@@ -116,13 +116,12 @@ int32_t calib_load(tevix_drv_t *drv, uint32_t, uint32_t, uint32_t) {
     tevix_param_item_t it[3] = {drv::param_item(TEVIX_PARAM_MOD_FREQ, 4),
                                 drv::param_item(TEVIX_PARAM_FRM_FMT, 4),
                                 drv::param_item(TEVIX_PARAM_DUAL_FREQ, 8)};
-    const bool read = tevix_param_batch_get(dev, it, 3) && it[0].value.u32[0];
+    const bool read = tevix_param_batch_get(dev, it, 3) && drv::item_u32(it[0], 0);
     if (!read) VX_LOG_AS(VX_LOG_ERR, fn, "[%s] get mod freq failed\n");
-    uint32_t f0 = read ? it[0].value.u32[0] : k_default_freq, f1 = 0;
-    const uint32_t fmt = it[1].value.u32[0] & 0x7F;
+    uint32_t f0 = read ? drv::item_u32(it[0], 0) : k_default_freq, f1 = 0;
+    const uint32_t fmt = drv::item_u32(it[1], 0) & 0x7F;
     if (read && (fmt == 14 || fmt == 17)) {
-        uint32_t d[2];
-        std::memcpy(d, it[2].value.u8, 8);
+        const uint32_t d[2] = {drv::item_u32(it[2], 0), drv::item_u32(it[2], 1)};
         if (d[0] && d[1]) {
             f0 = d[0];
             f1 = d[1];

@@ -301,7 +301,7 @@ int32_t _imx_frame_decode(tevix_drv_t *drv, uint8_t *out_bytes, uint32_t out_cap
 int32_t _device_format(tevix_dev_t *dev) {
     tevix_param_item_t it = drv::param_item(TEVIX_PARAM_FRM_FMT, 4);
     if (!tevix_param_batch_get(dev, &it, 1)) return -1;
-    return static_cast<int32_t>(it.value.u32[0]);
+    return static_cast<int32_t>(drv::item_u32(it, 0));
 }
 
 bool _set_format(tevix_dev_t *dev, int32_t from, int32_t to) {

@@ -176,7 +176,7 @@ VX_INLINE V _to_mm(const V &ph, float k, int32_t offset_mm) {
         d = __builtin_convertvector(__builtin_convertvector(ph, F) * k + 0.5f, V) + offset_mm;
     d = d < 0 ? V{} : d;
     d = d > 65499 ? V{} + 65499 : d;
-    return (ph >= 0) & (ph < 32768) ? d : ph;
+    return ((ph >= 0) & (ph < 32768)) ? d : ph;
 }
 
 template <class V, class F>

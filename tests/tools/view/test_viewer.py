@@ -187,6 +187,12 @@ def test_live_camera_page(browser, viewer):
     Select(drv.find_element(By.ID, "fps")).select_by_value("30")
     wait_for(lambda: v.state()["params"]["FPS"] == 30)
 
+    # Binning through the region of interest: the camera sends smaller frames, the page follows.
+    Select(drv.find_element(By.ID, "binning")).select_by_value("1")
+    wait_for(lambda: stats(drv)["size"] == "160x120")
+    Select(drv.find_element(By.ID, "binning")).select_by_value("0")
+    wait_for(lambda: stats(drv)["size"] == "320x240")
+
     box = drv.find_element(By.CSS_SELECTOR, "[data-filter=smooth]")
     box.click()
     wait_for(lambda: v.state()["filters"]["smooth"])

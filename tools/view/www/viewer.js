@@ -10,7 +10,7 @@ const token = new URLSearchParams(location.search).get('token') || '';
 const withToken = (url) => token ? url + (url.includes('?') ? '&' : '?') + 'token=' + token : url;
 
 // Figures the browser test reads.
-window.tevixStats = { frames: 0, painted: 0, latency: [], lastIndex: -1, errors: 0 };
+window.tevixStats = { frames: 0, painted: 0, latency: [], lastIndex: -1, errors: 0, size: '' };
 
 let latest = null;       // newest frame not drawn yet
 let shown = null;        // the frame on screen (for the distance under the cursor)
@@ -186,6 +186,7 @@ function paint() {
     const st = window.tevixStats;
     st.painted++;
     st.lastIndex = f.index;
+    st.size = f.w + 'x' + f.h;
     st.latency.push(Date.now() - f.pulled);
     if (st.latency.length > 100) st.latency.shift();
     if (state && state.is_file) document.getElementById('seek').value = f.position;
@@ -226,8 +227,13 @@ async function poll() {
     intg2.max = state.limits.intg_max;
     if (document.activeElement !== intg2) intg2.value = state.params.INTG2;
     const modf = document.getElementById('modf');
-    if (![...modf.options].some((o) => +o.value === state.params.MOD_FREQ))
-      modf.add(new Option(state.params.MOD_FREQ / 1e6 + ' MHz', state.params.MOD_FREQ));
+    // The frequencies the camera's calibration covers come first, marked; then the current one.
+    for (const f of state.calib_freqs.concat([state.params.MOD_FREQ])) {
+      if (!f) continue;
+      let o = [...modf.options].find((x) => +x.value === f);
+      if (!o) modf.add(o = new Option(f / 1e6 + ' MHz', f));
+      if (state.calib_freqs.includes(f) && !o.text.endsWith(' (calibrated)')) o.text += ' (calibrated)';
+    }
     modf.value = state.params.MOD_FREQ;
     for (const box of document.querySelectorAll('[data-filter]'))
       box.checked = !!state.filters[box.dataset.filter];
