@@ -105,7 +105,7 @@ template <class T>
 bool _take(const uint8_t *&at, const uint8_t *end, size_t n, std::vector<T> &out) {
     if (size_t(end - at) / sizeof(T) < n) return false;
     out.resize(n);
-    std::memcpy(out.data(), at, n * sizeof(T));
+    if (n) std::memcpy(out.data(), at, n * sizeof(T));
     at += n * sizeof(T);
     return true;
 }
