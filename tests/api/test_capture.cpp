@@ -154,18 +154,13 @@ class api_capture : public ::testing::Test {
         g_error_answer = 1;
         g_frames.clear();
         old_usb_ = tevix::ll::backend_swap(tevix::ll::k_backend_usb, &k_cam_ops);
-        log_ = dir_.file("cap.log");
-        ASSERT_NE(vx_log_init(nullptr, log_.c_str(), "VX"), nullptr);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
         ASSERT_EQ(tevix_dev_open(&dev_), &dev_);
     }
     void TearDown() override {
         tevix_dev_close(&dev_);
-        vx_log_uninit(nullptr);
         tevix::ll::backend_swap(tevix::ll::k_backend_usb, old_usb_);
     }
-    std::string log() { return tevix::test::read_file(log_); }
+    std::string log() { return log_.text(); }
     void config(tevix_cap_frdy_cb frdy, tevix_cap_err_cb err, uint32_t slots = 10) {
         tevix_cap_cfg_t cfg{};
         cfg.cache_frames_cnt = slots;
@@ -175,7 +170,7 @@ class api_capture : public ::testing::Test {
     }
 
     tevix::test::temp_dir dir_;
-    std::string log_;
+    tevix::test::log_capture log_;
     tevix_dev_t dev_{};
     const tevix_ll_ops *old_usb_ = nullptr;
 };

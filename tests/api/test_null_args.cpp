@@ -117,10 +117,6 @@ class null_args : public ::testing::Test {
     void SetUp() override {
         old_usb_ = tevix::ll::backend_swap(tevix::ll::k_backend_usb, &k_link_ops);
         old_file_ = tevix::ll::backend_swap(tevix::ll::k_backend_file, &k_link_ops);
-        log_ = dir_.file("null.log");
-        ASSERT_NE(vx_log_init(nullptr, log_.c_str(), "VX"), nullptr);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
         g_ll_calls = 0;
 
         tevix_ll_dev_t ll{};
@@ -143,11 +139,10 @@ class null_args : public ::testing::Test {
         vx_cmap_uninit(tevix::api::default_cmap());
         if (dev_.session) vx_stream_destroy(dev_.session->stream);
         tevix::api::session_detach(&dev_);
-        vx_log_uninit(nullptr);
         tevix::ll::backend_swap(tevix::ll::k_backend_usb, old_usb_);
         tevix::ll::backend_swap(tevix::ll::k_backend_file, old_file_);
     }
-    std::string log() { return tevix::test::read_file(log_); }
+    std::string log() { return log_.text(); }
 
     // Runs each case and checks its result and what it added to the log.
     void sweep(const std::vector<call_case> &cases) {
@@ -164,7 +159,7 @@ class null_args : public ::testing::Test {
     }
 
     tevix::test::temp_dir dir_;
-    std::string log_;
+    tevix::test::log_capture log_;
     const tevix_ll_ops *old_usb_ = nullptr, *old_file_ = nullptr;
     tevix_dev_t dev_{};     // open over the fake transport, with the test driver
     tevix_dev_t closed_{};  // never opened

@@ -16,9 +16,7 @@
 
 using tevix::test::frame_bytes;
 using tevix::test::make_desc;
-using tevix::test::read_file;
 using tevix::test::stream_builder;
-using tevix::test::temp_dir;
 
 namespace {
 
@@ -101,20 +99,10 @@ void put_hdr(std::vector<uint8_t> &b, size_t ofs, vx_stream_hdr_t h, bool fix_ck
 // Every test writes the trace log to a file of its own, so that log lines can be checked.
 class StreamTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        path_ = dir_.file("stream.log");
-        ASSERT_NE(vx_log_init(nullptr, path_.c_str(), "VX"), nullptr);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, 0, 1);
-    }
-    void TearDown() override { vx_log_uninit(nullptr); }
+    bool logged(const std::string &text) const { return log_.has(text); }
+    void quiet() { log_.quiet(); }
 
-    std::string log() const { return read_file(path_); }
-    bool logged(const std::string &text) const { return log().find(text) != std::string::npos; }
-    void quiet() { vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_OFF, 1); }
-
-    temp_dir dir_;
-    std::string path_;
+    tevix::test::log_capture log_{0};
 };
 
 TEST(StreamHash, KnownValuesAndSeed) {
