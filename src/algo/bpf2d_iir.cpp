@@ -136,13 +136,8 @@ VX_INLINE void _pack(const uint16_t *src, const float *ax, uint32_t w, uint32_t 
                 v[l] = __builtin_convertvector(load<U>(src + size_t(r0 + l) * w + x), V);
                 a[l] = load<V>(ax + size_t(l) * w + x);
             }
-            tevix::algo::transpose(v);
-            tevix::algo::transpose(a);
-#pragma GCC unroll 8
-            for (uint32_t j = 0; j < L; ++j) {
-                store(b.in + size_t(x + j) * L, v[j]);
-                store(b.a + size_t(x + j) * L, a[j]);
-            }
+            tevix::algo::store_columns(v, b.in, x);
+            tevix::algo::store_columns(a, b.a, x);
         }
     }
     for (; x < w; ++x)
@@ -160,9 +155,7 @@ VX_INLINE void _unpack(const block_lines<V> &b, uint32_t w, float *out) {
     if constexpr (L > 1) {
         for (; x + L <= w; x += L) {
             V v[L];
-#pragma GCC unroll 8
-            for (uint32_t j = 0; j < L; ++j) v[j] = load<V>(b.in + size_t(x + j) * L);
-            tevix::algo::transpose(v);
+            tevix::algo::load_columns(v, b.in, x);
 #pragma GCC unroll 8
             for (uint32_t l = 0; l < L; ++l) store(out + size_t(l) * w + x, v[l]);
         }

@@ -124,13 +124,8 @@ VX_INLINE void _pack(const uint16_t *img, uint32_t w, uint32_t r0, T *sig, T *ms
                 s[l] = __builtin_convertvector(U(u & ok), V);
                 m[l] = __builtin_convertvector(U(ok & splat<U>(uint16_t(1))), V);
             }
-            tevix::algo::transpose(s);
-            tevix::algo::transpose(m);
-#pragma GCC unroll 8
-            for (uint32_t j = 0; j < L; ++j) {
-                store(sig + size_t(x + j) * L, s[j]);
-                store(msk + size_t(x + j) * L, m[j]);
-            }
+            tevix::algo::store_columns(s, sig, x);
+            tevix::algo::store_columns(m, msk, x);
         }
     }
     for (; x < w; ++x)
@@ -151,13 +146,8 @@ VX_INLINE void _unpack(const T *sig, const T *msk, uint32_t w, uint32_t r0, cons
     if constexpr (L > 1) {
         for (; x + L <= w; x += L) {
             V s[L], m[L];
-#pragma GCC unroll 8
-            for (uint32_t j = 0; j < L; ++j) {
-                s[j] = load<V>(sig + size_t(x + j) * L);
-                m[j] = load<V>(msk + size_t(x + j) * L);
-            }
-            tevix::algo::transpose(s);
-            tevix::algo::transpose(m);
+            tevix::algo::load_columns(s, sig, x);
+            tevix::algo::load_columns(m, msk, x);
 #pragma GCC unroll 8
             for (uint32_t l = 0; l < L; ++l) {
                 store(num + size_t(l) * w + x, s[l]);

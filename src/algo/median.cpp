@@ -26,11 +26,13 @@ using namespace tevix::algo;
 template <uint32_t K>
 struct nets {
     static constexpr uint32_t mid = K * K / 2;
-    // The most invalid pixels of a window on the fast path, and the fast path's network.
+    // The most invalid pixels of a window on the fast path.
     static constexpr uint32_t few = K == 5 ? 5 : 3;
-    static constexpr merge_net fast = make_merge_net(K, K, mid + few / 2 + 1, mid);
     static constexpr merge_net all = make_merge_net(K, K, K *K, mid);
     static constexpr sort_net inner = make_sort_net(K - 1, K - 1);
+    // 5x5: two neighbouring columns merged whole, and entries 7 .. 14 of two such pairs.
+    static constexpr merge_net pair = make_merge_net(2, K, 2 * K);
+    static constexpr merge_net quad = make_merge_net(2, 2 * K, 15, 7, 16);
 };
 
 // Lane masks (all ones where true) on every path; a scalar comparison gives a bool.
@@ -56,6 +58,7 @@ using s16_t = typename signed_form<V>::type;
 
 struct buffers {
     uint16_t *col[2];           // the two output rows' sorted columns: K ranks of cw from column -r
+    uint16_t *pair;             // 5x5: merged pairs of neighbouring columns, 10 ranks of cw
     uint16_t *count[2];         // invalid pixels per column, from column -r
     const uint16_t *centre[2];  // the two output rows with invalid pixels as 0 (ring)
     size_t cw;                  // width + 2r
@@ -103,17 +106,43 @@ VX_INLINE void _columns(const buffers &b, uint32_t x) {
     }
 }
 
-// The sorted columns of one output row: rank by rank, and the invalid counts.
+// The sorted columns of one output row: rank by rank, and the invalid counts; for 5x5 the
+// merged pairs of neighbouring columns too (pair j holds columns j and j + 1, rank by rank).
 struct view {
     const uint16_t *rank[5];
     const uint16_t *count;
+    uint16_t *pair[10];
 };
+
+// 5x5: merges the neighbouring columns j and j + 1 of every lane; each pair serves two windows.
+template <class V>
+VX_INLINE void _pairs(const view &c, uint32_t j) {
+    V v[16];
+#pragma GCC unroll 5
+    for (uint32_t i = 0; i < 5; ++i) {
+        v[i] = load<V>(c.rank[i] + j);
+        v[8 + i] = load<V>(c.rank[i] + j + 1);
+    }
+    for (uint32_t i = 5; i < 8; ++i) v[i] = v[8 + i] = splat<V>(uint16_t(0xFFFF));
+    apply_net<nets<5>::pair>(v);
+#pragma GCC unroll 10
+    for (uint32_t i = 0; i < 10; ++i) store(c.pair[i] + j, v[i]);
+}
+
+// Entry k of the union of a sorted 20 (entries 7 .. 14 in x) and a sorted 5 (c): the smallest
+// over the splits i of the largest of x[k - i] and c[i - 1], the last of each side's part.
+template <class V>
+VX_INLINE V _entry(const V *x, const V *c, uint32_t k) {
+    V r = x[k];
+#pragma GCC unroll 5
+    for (uint32_t i = 1; i <= 5; ++i) r = vmin(r, vmax(x[k - i], c[i - 1]));
+    return r;
+}
 
 // Entry mid + m/2 of every window at x .. x + lanes - 1 for m up to `few`; false when a lane
 // has more invalid pixels.
 template <uint32_t K, class V>
 VX_INLINE bool _fast(const view &c, uint32_t x, V &med) {
-    constexpr uint32_t mid = nets<K>::mid;
     V m = load<V>(c.count + x);
 #pragma GCC unroll 4
     for (uint32_t col = 1; col < K; ++col) m += load<V>(c.count + x + col);
@@ -136,18 +165,22 @@ VX_INLINE bool _fast(const view &c, uint32_t x, V &med) {
         med = s16_t<V>(m) > splat<s16_t<V>>(int16_t(1)) ? e5 : e4;
         return all_zero(V(m & splat<V>(uint16_t(0xFFFC))));
     } else {
-        // Columns at 8 * col; the slots past K hold 0xFFFF, which sorts after every entry used.
-        V v[K * 8];
-#pragma GCC unroll 5
-        for (uint32_t col = 0; col < K; ++col) {
-#pragma GCC unroll 5
-            for (uint32_t i = 0; i < K; ++i) v[col * 8 + i] = load<V>(c.rank[i] + x + col);
-            for (uint32_t i = K; i < 8; ++i) v[col * 8 + i] = splat<V>(uint16_t(0xFFFF));
+        // Window x is the pair at x (its columns x - 2, x - 1), the pair at x + 2 and column
+        // x + 2: entries 7 .. 14 of the two pairs, then entries 12 .. 14 with the column.
+        V v[32], col[5];
+#pragma GCC unroll 10
+        for (uint32_t i = 0; i < 10; ++i) {
+            v[i] = load<V>(c.pair[i] + x);
+            v[16 + i] = load<V>(c.pair[i] + x + 2);
         }
-        apply_net<nets<K>::fast>(v);
-        med = select_rank(v, V(splat<V>(uint16_t(mid)) + (m >> 1)), mid + nets<K>::few / 2, mid);
-        return all_zero(V(vmin(m, splat<V>(uint16_t(nets<K>::few + 1))) ==
-                          splat<V>(uint16_t(nets<K>::few + 1))));
+        for (uint32_t i = 10; i < 16; ++i) v[i] = v[16 + i] = splat<V>(uint16_t(0xFFFF));
+        apply_net<nets<K>::quad>(v);
+#pragma GCC unroll 5
+        for (uint32_t i = 0; i < 5; ++i) col[i] = load<V>(c.rank[i] + x + 4);
+        const V e12 = _entry(v, col, 12), e13 = _entry(v, col, 13), e14 = _entry(v, col, 14);
+        using S = s16_t<V>;
+        med = S(m) > splat<S>(int16_t(3)) ? e14 : S(m) > splat<S>(int16_t(1)) ? e13 : e12;
+        return all_zero(V(S(m) > splat<S>(int16_t(nets<K>::few))));
     }
 }
 
@@ -195,6 +228,16 @@ VX_INLINE void _output_pass(const buffers &shared, uint32_t o, uint16_t *out, ui
     view c{};
     for (uint32_t i = 0; i < K; ++i) c.rank[i] = shared.col[o] + i * shared.cw;
     c.count = shared.count[o];
+    if constexpr (K == 5) {
+        // Pairs at 0 .. w + 1, the last vector overlapping the one before it.
+        for (uint32_t i = 0; i < 10; ++i) c.pair[i] = shared.pair + i * shared.cw;
+        const uint32_t n = w + 2;
+        for (uint32_t j = 0;; j += L) {
+            j = std::min(j, n - L);
+            _pairs<V>(c, j);
+            if (j + L == n) break;
+        }
+    }
     const uint16_t *centre = shared.centre[o];
     uint32_t *fix = shared.fix, nfix = 0;
 #pragma GCC unroll 2
@@ -276,7 +319,7 @@ bool _filter(uint16_t *img, uint32_t w, uint32_t h) noexcept {
     thread_local std::vector<uint16_t> scratch;
     thread_local std::vector<uint32_t> fix;
     const size_t cw = size_t(w) + 2 * r;
-    const size_t need = 2 * (K + 1) * cw + (K + 2) * size_t(w);
+    const size_t need = (2 * (K + 1) + (K == 5 ? 10 : 0)) * cw + (K + 2) * size_t(w);
     try {
         if (scratch.size() < need) scratch.resize(need);
         if (fix.size() < w) fix.resize(w);
@@ -297,6 +340,8 @@ bool _filter(uint16_t *img, uint32_t w, uint32_t h) noexcept {
             b.count[o][i] = b.count[o][cw - 1 - i] = K;
         }
     }
+    b.pair = p;
+    if (K == 5) p += 10 * cw;
     uint16_t *ring = p;
     uint16_t *zero = ring + (K + 1) * size_t(w);
     std::fill_n(zero, w, uint16_t(0));

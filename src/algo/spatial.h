@@ -148,11 +148,11 @@ VX_INLINE void apply_net(V *v) {
     _apply_net<Net>(v, std::make_index_sequence<Net.count>{});
 }
 
-// Network for the first m values of `blocks` sorted columns of `len` values. Column c sits at
-// inputs 8c .. 8c + len - 1, and the other inputs hold +infinity. Starting from Batcher's network
-// over the padded inputs, comparators that never exchange on any such input are dropped; those
-// that exchange whenever their values differ become plain swaps (free renames). Both are decided
-// by the 0-1 principle over every input of sorted 0-1 columns.
+// Network for values first .. m - 1 (in ascending order) of `blocks` sorted columns of `len`
+// values. Column c sits at inputs blk c .. blk c + len - 1, and the other inputs hold +infinity.
+// Starting from Batcher's network over the padded inputs, comparators that never exchange on any
+// such input are dropped; those that exchange whenever their values differ become plain swaps
+// (free renames). Both are decided by the 0-1 principle over every input of sorted 0-1 columns.
 struct merge_net {
     struct op {
         uint8_t a, b, swap;
@@ -161,8 +161,9 @@ struct merge_net {
     size_t count = 0;
 };
 
-constexpr merge_net make_merge_net(uint32_t blocks, uint32_t len, uint32_t m, uint32_t first = 0) {
-    const uint32_t n = blocks * 8;
+constexpr merge_net make_merge_net(uint32_t blocks, uint32_t len, uint32_t m, uint32_t first = 0,
+                                   uint32_t blk = 8) {
+    const uint32_t n = blocks * blk;
     uint32_t p2 = 1;
     while (p2 < n) p2 <<= 1;
     merge_net all;
@@ -178,8 +179,8 @@ constexpr merge_net make_merge_net(uint32_t blocks, uint32_t len, uint32_t m, ui
     uint64_t v[40][128] = {};
     for (uint32_t t = 0, code = 0; t < cases; ++t, code = t) {
         for (uint32_t c = 0; c < blocks; ++c, code /= len + 1)
-            for (uint32_t r = code % (len + 1); r < 8; ++r)
-                v[c * 8 + r][t / 64] |= uint64_t(1) << (t % 64);
+            for (uint32_t r = code % (len + 1); r < blk; ++r)
+                v[c * blk + r][t / 64] |= uint64_t(1) << (t % 64);
     }
     const uint64_t last_live = cases % 64 ? (uint64_t(1) << (cases % 64)) - 1 : ~uint64_t(0);
     merge_net used;

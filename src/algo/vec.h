@@ -143,6 +143,22 @@ VX_INLINE void transpose(f32x8 (&r)[8]) {
     }
 }
 
+// Rows of L vectors to and from lines of L lanes a step (row l is lane l): store_columns puts lane
+// j of every row at line + (x + j) L, load_columns reads them back as rows.
+template <class V, size_t L>
+VX_INLINE void store_columns(V (&r)[L], lane_t<V> *line, size_t x) {
+    transpose(r);
+#pragma GCC unroll 8
+    for (size_t j = 0; j < L; ++j) store(line + (x + j) * L, r[j]);
+}
+
+template <class V, size_t L>
+VX_INLINE void load_columns(V (&r)[L], const lane_t<V> *line, size_t x) {
+#pragma GCC unroll 8
+    for (size_t j = 0; j < L; ++j) r[j] = load<V>(line + (x + j) * L);
+    transpose(r);
+}
+
 // True when every bit of v is zero: one vector test for all lanes. Plain assembly, because the
 // intrinsics would need the target attribute on every template between the kernel body and its
 // wrapper; 16-byte vectors are the SSE4.1 tier's (the AVX2 tier's are 32 bytes).

@@ -154,18 +154,13 @@ class api_capture : public ::testing::Test {
         g_error_answer = 1;
         g_frames.clear();
         old_usb_ = tevix::ll::backend_swap(tevix::ll::k_backend_usb, &k_cam_ops);
-        log_ = dir_.file("cap.log");
-        ASSERT_NE(vx_log_init(nullptr, log_.c_str(), "VX"), nullptr);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
         ASSERT_EQ(tevix_dev_open(&dev_), &dev_);
     }
     void TearDown() override {
         tevix_dev_close(&dev_);
-        vx_log_uninit(nullptr);
         tevix::ll::backend_swap(tevix::ll::k_backend_usb, old_usb_);
     }
-    std::string log() { return tevix::test::read_file(log_); }
+    std::string log() { return log_.text(); }
     void config(tevix_cap_frdy_cb frdy, tevix_cap_err_cb err, uint32_t slots = 10) {
         tevix_cap_cfg_t cfg{};
         cfg.cache_frames_cnt = slots;
@@ -175,7 +170,7 @@ class api_capture : public ::testing::Test {
     }
 
     tevix::test::temp_dir dir_;
-    std::string log_;
+    tevix::test::log_capture log_;
     tevix_dev_t dev_{};
     const tevix_ll_ops *old_usb_ = nullptr;
 };
@@ -493,47 +488,4 @@ TEST_F(api_capture, manual_recording_saves_only_what_the_host_hands_in) {
     ASSERT_EQ(rd->read_frame(node), 1);
     EXPECT_EQ(rd->last().payload[0], 1);
     EXPECT_EQ(rd->read_frame(node), 0);
-}
-
-TEST_F(api_capture, pulls_parameter_sets_and_close_from_three_threads) {
-    ASSERT_EQ(tevix_cap_start(&dev_), 1);
-    std::atomic<bool> stop{false};
-    std::atomic<int> delivered{0};
-    std::thread producer([&] {
-        uint16_t idx = 0;
-        while (!stop) {
-            {
-                std::lock_guard<std::mutex> lock(g_cb_mtx);
-                if (g_streaming) _event(0, _stream_of(idx++, 1));
-            }
-            tevix::plat::sleep_ms(1);
-        }
-    });
-    std::thread puller([&] {
-        std::vector<uint8_t> buf(k_frame);
-        for (;;) {
-            int n = tevix_cap_get_frames(&dev_, 1, buf.data(), k_frame, nullptr);
-            if (n < 0) break;
-            delivered += n;
-        }
-    });
-    std::thread setter([&] {
-        for (int i = 0; i < 200 && !stop; ++i) {
-            tevix_param_item_t it{};
-            it.id = TEVIX_PARAM_INTG1;
-            it.len = 2;
-            it.value.u16[0] = static_cast<uint16_t>(100 + i);
-            if (!tevix_param_batch_set(&dev_, &it, 1)) break;
-        }
-    });
-    while (delivered.load() < 20) tevix::plat::sleep_ms(1);
-    setter.join();
-    auto t0 = std::chrono::steady_clock::now();
-    tevix_dev_close(&dev_);  // stops the capture: the waiting pull returns
-    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(20));
-    puller.join();
-    stop = true;
-    producer.join();
-    EXPECT_GE(delivered.load(), 20);
-    ASSERT_EQ(tevix_dev_open(&dev_), &dev_);
 }

@@ -38,10 +38,6 @@ tevix_drv_t g_drv{"test driver", "X1", &g_ops, nullptr, nullptr};
 class api_frame : public ::testing::Test {
   protected:
     void SetUp() override {
-        log_ = dir_.file("frame.log");
-        ASSERT_NE(vx_log_init(nullptr, log_.c_str(), "VX"), nullptr);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
         tevix_ll_dev_t ll{};
         ASSERT_TRUE(tevix::api::session_attach(&dev_, ll));
         dev_.session->drv = &g_drv;
@@ -54,12 +50,11 @@ class api_frame : public ::testing::Test {
     void TearDown() override {
         vx_cmap_uninit(tevix::api::default_cmap());
         tevix::api::session_detach(&dev_);
-        vx_log_uninit(nullptr);
     }
-    std::string log() { return tevix::test::read_file(log_); }
+    std::string log() { return log_.text(); }
 
     tevix::test::temp_dir dir_;
-    std::string log_;
+    tevix::test::log_capture log_;
     tevix_dev_t dev_{};
     tevix_frame_info_t info_{};
     std::vector<uint8_t> raw_;

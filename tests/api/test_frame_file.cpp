@@ -19,21 +19,8 @@ using tevix::test::read_file;
 
 class frame_file : public ::testing::Test {
   protected:
-    void SetUp() override {
-        log_ = dir_.file("ff.log");
-        ASSERT_NE(vx_log_init(nullptr, log_.c_str(), "VX"), nullptr);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
-    }
-    void TearDown() override { vx_log_uninit(nullptr); }
-
     // What the calls logged since the last look.
-    std::string logged() {
-        const std::string all = read_file(log_);
-        std::string added = all.substr(seen_);
-        seen_ = all.size();
-        return added;
-    }
+    std::string logged() { return log_.added(); }
     std::string path(const char *name) { return dir_.file(name); }
     void write(const std::string &p, const std::string &bytes) {
         const int fd = tevix_file_open(p.c_str(), "wb");
@@ -43,8 +30,7 @@ class frame_file : public ::testing::Test {
     }
 
     tevix::test::temp_dir dir_;
-    std::string log_;
-    size_t seen_ = 0;
+    tevix::test::log_capture log_;
 };
 
 template <class T>

@@ -117,10 +117,6 @@ class null_args : public ::testing::Test {
     void SetUp() override {
         old_usb_ = tevix::ll::backend_swap(tevix::ll::k_backend_usb, &k_link_ops);
         old_file_ = tevix::ll::backend_swap(tevix::ll::k_backend_file, &k_link_ops);
-        log_ = dir_.file("null.log");
-        ASSERT_NE(vx_log_init(nullptr, log_.c_str(), "VX"), nullptr);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
         g_ll_calls = 0;
 
         tevix_ll_dev_t ll{};
@@ -143,11 +139,10 @@ class null_args : public ::testing::Test {
         vx_cmap_uninit(tevix::api::default_cmap());
         if (dev_.session) vx_stream_destroy(dev_.session->stream);
         tevix::api::session_detach(&dev_);
-        vx_log_uninit(nullptr);
         tevix::ll::backend_swap(tevix::ll::k_backend_usb, old_usb_);
         tevix::ll::backend_swap(tevix::ll::k_backend_file, old_file_);
     }
-    std::string log() { return tevix::test::read_file(log_); }
+    std::string log() { return log_.text(); }
 
     // Runs each case and checks its result and what it added to the log.
     void sweep(const std::vector<call_case> &cases) {
@@ -164,7 +159,7 @@ class null_args : public ::testing::Test {
     }
 
     tevix::test::temp_dir dir_;
-    std::string log_;
+    tevix::test::log_capture log_;
     const tevix_ll_ops *old_usb_ = nullptr, *old_file_ = nullptr;
     tevix_dev_t dev_{};     // open over the fake transport, with the test driver
     tevix_dev_t closed_{};  // never opened
@@ -468,90 +463,51 @@ TEST_F(null_args, frame_decoding_calls) {
 TEST_F(null_args, point_cloud_and_lens_calls) {
     std::vector<float> dist(k_n, 1.0f), gray(k_n, 500.0f), pcl(4 * k_n, -7.0f), img(k_n, 1.0f);
     std::vector<uint16_t> img16(k_n, 1000);
+    float *P = pcl.data(), *I = img.data();
+    const float *D = dist.data(), *G = gray.data();
+    uint16_t *I16 = img16.data();
     tevix_lens_t lens{};
     tevix_lens_calib_cfg_t lcfg{1, 1, 0};
     const char *arg_error = "[tevix_lens_calib_apply]lens_calib_apply argument error\n";
+    // The calls with the test image's size and no lens of their own.
+    auto cloud = [&](tevix_dev_t *d, float *o, uint32_t olen, const float *ds, uint32_t dlen) {
+        return tevix_frame_get_pcl(d, o, olen, ds, dlen, k_w, k_h, nullptr);
+    };
+    auto xyzd = [&](tevix_dev_t *d, float *o, uint32_t olen, const float *ds, int z) {
+        return tevix_frame_get_pcl_xyzd(d, o, olen, ds, k_n, k_w, k_h, z, 0.0f, 4.0f, nullptr);
+    };
+    auto xyzi = [&](float *o, uint32_t olen, const float *ds, int balance) {
+        return tevix_frame_get_pcl_xyzi(&dev_, o, olen, ds, k_n, G, k_n, k_w, k_h, balance,
+                                        nullptr);
+    };
     sweep({
-        {"cloud of no record",
-         [&] {
-             return tevix_frame_get_pcl(nullptr, pcl.data(), 3 * k_n, dist.data(), k_n, k_w, k_h,
-                                        nullptr);
-         },
-         0},
-        {"cloud into nothing",
-         [&] {
-             return tevix_frame_get_pcl(&dev_, nullptr, 3 * k_n, dist.data(), k_n, k_w, k_h,
-                                        nullptr);
-         },
-         0, "[tevix_frame_get_pcl]Pcl output buffer too small"},
-        {"cloud of no distances",
-         [&] {
-             return tevix_frame_get_pcl(&dev_, pcl.data(), 3 * k_n, nullptr, k_n, k_w, k_h,
-                                        nullptr);
-         },
-         0},
-        {"cloud of too few distances",
-         [&] {
-             return tevix_frame_get_pcl(&dev_, pcl.data(), 3 * k_n, dist.data(), k_n - 1, k_w, k_h,
-                                        nullptr);
-         },
-         0},
+        {"cloud of no record", [&] { return cloud(nullptr, P, 3 * k_n, D, k_n); }, 0},
+        {"cloud into nothing", [&] { return cloud(&dev_, nullptr, 3 * k_n, D, k_n); }, 0,
+         "[tevix_frame_get_pcl]Pcl output buffer too small"},
+        {"cloud of no distances", [&] { return cloud(&dev_, P, 3 * k_n, nullptr, k_n); }, 0},
+        {"cloud of too few distances", [&] { return cloud(&dev_, P, 3 * k_n, D, k_n - 1); }, 0},
         {"cloud without any lens",
          [&] {
              dev_.session->drv = &g_blind_drv;
-             int r = tevix_frame_get_pcl(&dev_, pcl.data(), 3 * k_n, dist.data(), k_n, k_w, k_h,
-                                         nullptr);
+             int r = cloud(&dev_, P, 3 * k_n, D, k_n);
              dev_.session->drv = &g_drv;
              return r;
          },
          0, "[tevix_frame_get_pcl]Cannot generate PCL: no lens parameter in driver.\n"},
         {"cloud of an empty image",
-         [&] { return tevix_frame_get_pcl(&dev_, pcl.data(), 0, dist.data(), 0, 0, k_h, nullptr); },
-         0},
-        {"xyzd into nothing",
-         [&] {
-             return tevix_frame_get_pcl_xyzd(&dev_, nullptr, 4 * k_n, dist.data(), k_n, k_w, k_h, 1,
-                                             0.0f, 4.0f, nullptr);
-         },
-         0,
+         [&] { return tevix_frame_get_pcl(&dev_, P, 0, D, 0, 0, k_h, nullptr); }, 0},
+        {"xyzd into nothing", [&] { return xyzd(&dev_, nullptr, 4 * k_n, D, 1); }, 0,
          "[tevix_frame_get_pcl_xyzd]Pcl output buffer too small: only 128 floats, needs 32 x 4 "
          "floats\n"},
-        {"xyzd into three floats a point",
-         [&] {
-             return tevix_frame_get_pcl_xyzd(&dev_, pcl.data(), 3 * k_n, dist.data(), k_n, k_w, k_h,
-                                             0, 0.0f, 4.0f, nullptr);
-         },
-         0, "only 96 floats, needs 32 x 4 floats\n"},
-        {"xyzd of no distances",
-         [&] {
-             return tevix_frame_get_pcl_xyzd(&dev_, pcl.data(), 4 * k_n, nullptr, k_n, k_w, k_h, 1,
-                                             0.0f, 4.0f, nullptr);
-         },
-         0},
-        {"xyzd of a closed record",
-         [&] {
-             return tevix_frame_get_pcl_xyzd(&closed_, pcl.data(), 4 * k_n, dist.data(), k_n, k_w,
-                                             k_h, 0, 0.0f, 4.0f, nullptr);
-         },
-         0},
-        {"xyzi of no distances",
-         [&] {
-             return tevix_frame_get_pcl_xyzi(&dev_, pcl.data(), 4 * k_n, nullptr, k_n, gray.data(),
-                                             k_n, k_w, k_h, 0, nullptr);
-         },
-         0},
-        {"xyzi below the balance range",
-         [&] {
-             return tevix_frame_get_pcl_xyzi(&dev_, pcl.data(), 4 * k_n, dist.data(), k_n,
-                                             gray.data(), k_n, k_w, k_h, -1025, nullptr);
-         },
-         0, "[tevix_frame_get_pcl_xyzi] wrong ir_balance value: -1025\n"},
-        {"xyzi into too few floats",
-         [&] {
-             return tevix_frame_get_pcl_xyzi(&dev_, pcl.data(), 4 * k_n - 1, dist.data(), k_n,
-                                             gray.data(), k_n, k_w, k_h, 0, nullptr);
-         },
-         0, "[tevix_frame_get_pcl_xyzi]Pcl output buffer too small: only 127 floats"},
+        {"xyzd into three floats a point", [&] { return xyzd(&dev_, P, 3 * k_n, D, 0); }, 0,
+         "only 96 floats, needs 32 x 4 floats\n"},
+        {"xyzd of no distances", [&] { return xyzd(&dev_, P, 4 * k_n, nullptr, 1); }, 0},
+        {"xyzd of a closed record", [&] { return xyzd(&closed_, P, 4 * k_n, D, 0); }, 0},
+        {"xyzi of no distances", [&] { return xyzi(P, 4 * k_n, nullptr, 0); }, 0},
+        {"xyzi below the balance range", [&] { return xyzi(P, 4 * k_n, D, -1025); }, 0,
+         "[tevix_frame_get_pcl_xyzi] wrong ir_balance value: -1025\n"},
+        {"xyzi into too few floats", [&] { return xyzi(P, 4 * k_n - 1, D, 0); }, 0,
+         "[tevix_frame_get_pcl_xyzi]Pcl output buffer too small: only 127 floats"},
         {"lens switches of no record", [&] { return tevix_lens_calib_config_set(nullptr, &lcfg); },
          0},
         {"lens switches from nothing", [&] { return tevix_lens_calib_config_set(&dev_, nullptr); },
@@ -561,48 +517,37 @@ TEST_F(null_args, point_cloud_and_lens_calls) {
         {"lens switches read of a closed record",
          [&] { return _is_set(tevix_lens_calib_config_get(&closed_)); }, 0},
         {"apply on no record",
-         [&] {
-             return tevix_lens_calib_apply(nullptr, img.data(), k_n, img.data(), k_n, 1, 0, &info_,
-                                           nullptr);
-         },
-         0, arg_error},
+         [&] { return tevix_lens_calib_apply(nullptr, I, k_n, I, k_n, 1, 0, &info_, nullptr); }, 0,
+         arg_error},
         {"apply on a closed record",
          [&] {
-             return tevix_lens_calib_apply_gray_u16(&closed_, img16.data(), k_n, img16.data(), k_n,
-                                                    &info_, nullptr);
+             return tevix_lens_calib_apply_gray_u16(&closed_, I16, k_n, I16, k_n, &info_, nullptr);
          },
          0, arg_error},
         {"distances into nothing",
          [&] {
-             return tevix_lens_calib_apply_dist_f32(&dev_, nullptr, k_n, img.data(), k_n, 0, &info_,
+             return tevix_lens_calib_apply_dist_f32(&dev_, nullptr, k_n, I, k_n, 0, &info_,
                                                     nullptr);
          },
          0, arg_error},
         {"distances from nothing",
          [&] {
-             return tevix_lens_calib_apply_dist_u16(&dev_, img16.data(), k_n, nullptr, k_n, 1,
-                                                    &info_, nullptr);
+             return tevix_lens_calib_apply_dist_u16(&dev_, I16, k_n, nullptr, k_n, 1, &info_,
+                                                    nullptr);
          },
          0, arg_error},
         {"grey without frame info",
-         [&] {
-             return tevix_lens_calib_apply_gray_f32(&dev_, img.data(), k_n, img.data(), k_n,
-                                                    nullptr, nullptr);
-         },
+         [&] { return tevix_lens_calib_apply_gray_f32(&dev_, I, k_n, I, k_n, nullptr, nullptr); },
          0, arg_error},
         {"grey from a short source",
          [&] {
-             return tevix_lens_calib_apply_gray_u16(&dev_, img16.data(), k_n, img16.data(), k_n - 1,
-                                                    &info_, nullptr);
+             return tevix_lens_calib_apply_gray_u16(&dev_, I16, k_n, I16, k_n - 1, &info_, nullptr);
          },
          0,
          "[tevix_lens_calib_apply]lens_calib_apply dst_len or src_len too small: dst_len=32, "
          "src_len=31\n"},
         {"distances into a short destination",
-         [&] {
-             return tevix_lens_calib_apply_dist_f32(&dev_, img.data(), 0, img.data(), k_n, 2,
-                                                    &info_, nullptr);
-         },
+         [&] { return tevix_lens_calib_apply_dist_f32(&dev_, I, 0, I, k_n, 2, &info_, nullptr); },
          0, "dst_len=0, src_len=32\n"},
         {"lens of no record", [&] { return tevix_lens_param_get(nullptr, &lens); }, 0},
         {"lens into nothing", [&] { return tevix_lens_param_get(&dev_, nullptr); }, 0},
@@ -645,41 +590,25 @@ TEST_F(null_args, colour_calls) {
     const float srcf[2] = {0.5f, 1.0f};
     std::vector<uint8_t> out(8, 0xEE);
     const uint32_t palette = tevix_cmap_palette_get();
+    uint8_t *O = out.data();
+    auto u16 = [&](uint8_t *o, uint32_t len, const uint16_t *px, uint32_t n, uint32_t fmt) {
+        return tevix_cmap_dist_u16_to_RGB(o, len, px, n, fmt, 0, 1000, nullptr);
+    };
+    auto f32 = [&](uint8_t *o, uint32_t len, const float *px, uint32_t n, uint32_t fmt) {
+        return tevix_cmap_dist_f32_to_RGB(o, len, px, n, fmt, 0.0f, 4.0f, nullptr);
+    };
     sweep({
         {"palette beyond the last", [&] { return tevix_cmap_palette_set(64); }, 0},
         {"palette kept", [&] { return tevix_cmap_palette_get(); }, palette},
-        {"u16 colours of nothing",
-         [&] { return tevix_cmap_dist_u16_to_RGB(out.data(), 8, nullptr, 2, 0, 0, 1000, nullptr); },
-         -22},
-        {"f32 colours into nothing",
-         [&] { return tevix_cmap_dist_f32_to_RGB(nullptr, 8, srcf, 2, 0, 0.0f, 4.0f, nullptr); },
-         -22},
-        {"f32 colours of nothing",
-         [&] {
-             return tevix_cmap_dist_f32_to_RGB(out.data(), 8, nullptr, 2, 0, 0.0f, 4.0f, nullptr);
-         },
-         -22},
-        {"f32 colours in format 8",
-         [&] { return tevix_cmap_dist_f32_to_RGB(out.data(), 8, srcf, 2, 8, 0.0f, 4.0f, nullptr); },
-         -22},
-        {"u16 colours into less than a pixel",
-         [&] {
-             return tevix_cmap_dist_u16_to_RGB(out.data(), 2, src16, 2, TEVIX_PIX_RGB, 0, 1000,
-                                               nullptr);
-         },
+        {"u16 colours of nothing", [&] { return u16(O, 8, nullptr, 2, 0); }, -22},
+        {"f32 colours into nothing", [&] { return f32(nullptr, 8, srcf, 2, 0); }, -22},
+        {"f32 colours of nothing", [&] { return f32(O, 8, nullptr, 2, 0); }, -22},
+        {"f32 colours in format 8", [&] { return f32(O, 8, srcf, 2, 8); }, -22},
+        {"u16 colours into less than a pixel", [&] { return u16(O, 2, src16, 2, TEVIX_PIX_RGB); },
          0},
         {"f32 colours into less than a 4-byte pixel",
-         [&] {
-             return tevix_cmap_dist_f32_to_RGB(out.data(), 3, srcf, 2, TEVIX_PIX_ARGB, 0.0f, 4.0f,
-                                               nullptr);
-         },
-         0},
-        {"u16 colours of no pixels",
-         [&] {
-             return tevix_cmap_dist_u16_to_RGB(out.data(), 8, src16, 0, TEVIX_PIX_BGR, 0, 1000,
-                                               nullptr);
-         },
-         0},
+         [&] { return f32(O, 3, srcf, 2, TEVIX_PIX_ARGB); }, 0},
+        {"u16 colours of no pixels", [&] { return u16(O, 8, src16, 0, TEVIX_PIX_BGR); }, 0},
         {"infrared into nothing",
          [&] { return tevix_cmap_gray_u16_to_IR(nullptr, 2, src16, 2, 640); }, 0},
         {"infrared of nothing",
@@ -1032,16 +961,19 @@ TEST_F(null_args, stream_calls) {
     vx_frame_desc_t desc{};
     desc.frlen = 8;
     const uint8_t payload[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    const auto *words = reinterpret_cast<const uint32_t *>(payload);
     std::vector<uint8_t> wire(36 + 8);
     uint8_t dst[8] = {};
+    vx_stream_state_t st{};
     sweep({
-        {"reset of no header maker",
+        {"header maker of nothing",
          [&] {
              vx_ostream_reset(nullptr);
              vx_ostream_destroy(nullptr);
-             return 0;
+             return _is_set(vx_ostream_get_cfg(nullptr, &out)) +
+                    vx_ostream_mkhdr(nullptr, hdr, &desc, words, 4);
          },
-         0},
+         -1},
         {"header maker settings from nothing",
          [&] {
              vx_ostream_set_cfg(os, nullptr);
@@ -1053,18 +985,50 @@ TEST_F(null_args, stream_calls) {
          [&] { return _is_set(vx_ostream_get_cfg(os, nullptr)); }, 0},
         {"header of a negative length",
          [&] { return vx_ostream_mkhdr(os, hdr, &desc, nullptr, -1); }, -1},
+        {"header into nothing, of no frame, of no payload",
+         [&] {
+             return vx_ostream_mkhdr(os, nullptr, &desc, words, 4) +
+                    vx_ostream_mkhdr(os, hdr, nullptr, words, 4) +
+                    vx_ostream_mkhdr(os, hdr, &desc, nullptr, 4);
+         },
+         -3},
+        {"assembler of no settings", [&] { return _is_set(vx_stream_create(nullptr)); }, 0},
+        {"assembler of nothing",
+         [&] {
+             vx_stream_set_cfg(nullptr, &cfg);
+             vx_stream_reset(nullptr);
+             vx_stream_destroy(nullptr);
+             return vx_stream_feed_input(nullptr, nullptr, 5) +
+                    vx_stream_fetch_frames(nullptr, nullptr, 0, 1, nullptr, false) +
+                    _is_set(vx_stream_get_state(nullptr, &st)) +
+                    _is_set(vx_stream_get_cfg(nullptr, &got));
+         },
+         0},
         {"assembler settings from nothing",
          [&] {
              vx_stream_set_cfg(s, nullptr);
              return *vx_stream_get_cfg(s, &got);
          },
          3},
+        {"assembler settings changed",
+         [&] {
+             uint32_t four = 4;
+             vx_stream_set_cfg(s, &four);
+             return *vx_stream_get_cfg(s, &got);
+         },
+         4},
+        {"assembler state and settings into nothing",
+         [&] {
+             return _is_set(vx_stream_get_state(s, nullptr)) +
+                    _is_set(vx_stream_get_cfg(s, nullptr));
+         },
+         0},
         {"hash of no bytes", [&] { return vx_stream_hash16(payload, 0, 0xBEEF); }, 0xBEEF},
         {"feed of no bytes", [&] { return vx_stream_feed_input(s, payload, 0); }, 0},
+        {"feed of a null buffer", [&] { return vx_stream_feed_input(s, nullptr, 100); }, 0},
         {"one frame, fetched into a negative size",
          [&] {
-             vx_ostream_mkhdr(os, wire.data(), &desc, reinterpret_cast<const uint32_t *>(payload),
-                              8);
+             vx_ostream_mkhdr(os, wire.data(), &desc, words, 8);
              std::memcpy(wire.data() + 36, payload, 8);
              vx_stream_feed_input(s, wire.data(), static_cast<uint32_t>(wire.size()));
              return vx_stream_fetch_frames(s, dst, -5, 1, nullptr, false);
@@ -1073,7 +1037,6 @@ TEST_F(null_args, stream_calls) {
     });
     for (uint8_t b : dst) EXPECT_EQ(b, 0);
     // The frame fetched into no room left the ready list all the same.
-    vx_stream_state_t st{};
     ASSERT_EQ(vx_stream_get_state(s, &st), &st);
     EXPECT_EQ(st.completed, 1u);
     EXPECT_EQ(st.ready, 0u);
@@ -1094,6 +1057,13 @@ TEST_F(null_args, image_routine_calls) {
     vx_cmap_t cm{};
     ASSERT_EQ(vx_cmap_init(&cm, 0), 0);  // an empty table is allowed
     uint8_t plane[4] = {9, 9, 9, 9};
+    float *P = pts.data(), *F = fimg.data();
+    uint16_t *I = img.data();
+    auto pts_f32 = [&](float *o, const float *d, int w, int h, const float *k) {
+        return vx_pcl_get_xyzd_f32(o, d, nullptr, w, h, k, nullptr, 0, 0);
+    };
+    auto pts_u16 = [&](float *o, const uint16_t *d, int w, int h, const float *k, const float *x,
+                       int z) { return vx_pcl_get_xyzd_u16(o, d, nullptr, w, h, k, x, 0, z); };
     sweep({
         {"bilateral filter of no context",
          [&] { return vx_bpf2d_iir_init(nullptr, k_w, k_h, 0.1f, 0.1f, 0, 100); }, 0},
@@ -1142,36 +1112,13 @@ TEST_F(null_args, image_routine_calls) {
              return _all_zero(map);
          },
          1},
-        {"points into nothing",
-         [&] {
-             return vx_pcl_get_xyzd_f32(nullptr, fimg.data(), nullptr, k_w, k_h, intr, nullptr, 0,
-                                        0);
-         },
+        {"points into nothing", [&] { return pts_f32(nullptr, F, k_w, k_h, intr); }, -22},
+        {"points of no distances", [&] { return pts_u16(P, nullptr, k_w, k_h, intr, nullptr, 0); },
          -22},
-        {"points of no distances",
-         [&] {
-             return vx_pcl_get_xyzd_u16(pts.data(), nullptr, nullptr, k_w, k_h, intr, nullptr, 0,
-                                        0);
-         },
+        {"points without intrinsics", [&] { return pts_u16(P, I, k_w, k_h, nullptr, nullptr, 1); },
          -22},
-        {"points without intrinsics",
-         [&] {
-             return vx_pcl_get_xyzd_u16(pts.data(), img.data(), nullptr, k_w, k_h, nullptr, nullptr,
-                                        0, 1);
-         },
-         -22},
-        {"points of no columns",
-         [&] {
-             return vx_pcl_get_xyzd_f32(pts.data(), fimg.data(), nullptr, 0, k_h, intr, nullptr, 0,
-                                        0);
-         },
-         0},
-        {"points of negative rows",
-         [&] {
-             return vx_pcl_get_xyzd_u16(pts.data(), img.data(), nullptr, k_w, -1, intr, fimg.data(),
-                                        0, 0);
-         },
-         0},
+        {"points of no columns", [&] { return pts_f32(P, F, 0, k_h, intr); }, 0},
+        {"points of negative rows", [&] { return pts_u16(P, I, k_w, -1, intr, F, 0); }, 0},
         {"range of no colour map",
          [&] {
              vx_cmap_set_range(nullptr, 0.0f, 1.0f);

@@ -128,20 +128,15 @@ class api_session : public ::testing::Test {
         g_cam = fake_cam{};
         old_usb_ = tevix::ll::backend_swap(tevix::ll::k_backend_usb, &k_cam_ops);
         old_file_ = tevix::ll::backend_swap(tevix::ll::k_backend_file, nullptr);
-        log_ = dir_.file("api.log");
-        ASSERT_NE(vx_log_init(nullptr, log_.c_str(), "VX"), nullptr);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
     }
     void TearDown() override {
-        vx_log_uninit(nullptr);
         tevix::ll::backend_swap(tevix::ll::k_backend_usb, old_usb_);
         tevix::ll::backend_swap(tevix::ll::k_backend_file, old_file_);
     }
-    std::string log() { return tevix::test::read_file(log_); }
+    std::string log() { return log_.text(); }
 
     tevix::test::temp_dir dir_;
-    std::string log_;
+    tevix::test::log_capture log_;
     const tevix_ll_ops *old_usb_ = nullptr, *old_file_ = nullptr;
 };
 

@@ -6,11 +6,11 @@
 
 #include "calib/calib.h"
 #include "calib/calib_writer.h"
-#include "calib_test_util.h"
+#include "test_util.h"
 #include "tevix/tevix_param.h"
 
 using namespace tevix::calib;
-using calib_test::open_fd_count;
+using tevix::test::open_fd_count;
 
 namespace {
 
@@ -20,23 +20,25 @@ tevix_lens_param_t _lens(double cx = 80.5) {
     return {cx, 30.25, 105.0, 106.5, {-0.25, 0.125, 0.001, -0.002, 0.03}, 5, 160, 60};
 }
 
-class calib_lens_file : public calib_test::logged_test {
+class calib_lens_file : public ::testing::Test {
   protected:
+    tevix::test::temp_dir dir_;
+    tevix::test::log_capture log_;
+
     void SetUp() override {
-        logged_test::SetUp();
-        prefix_ = dir_.path() + "/";
+        prefix_ = dir_.path().string() + "/";
         dev_.path_prefix = prefix_.c_str();
         dev_.hw_id = k_hw_id;
     }
     tevix_lens_bin_t *load_bin(const std::vector<uint8_t> &file) {
-        calib_test::write_bytes(dir_.file("l.bin"), file);
+        tevix::test::write_file(dir_.file("l.bin"), file);
         const int before = open_fd_count();
         tevix_lens_bin_t *obj = tevix_param_len_bin_load(&dev_, "l.bin");
         EXPECT_EQ(open_fd_count(), before);
         return obj;
     }
     bool load_text(const std::string &text, tevix_lens_param_t *rec) {
-        calib_test::write_text(dir_.file("l.txt"), text);
+        tevix::test::write_text(dir_.file("l.txt"), text);
         const int before = open_fd_count();
         const bool ok = tevix_param_load_len_2d_file(&dev_, rec, "l.txt") == 1;
         EXPECT_EQ(open_fd_count(), before);
@@ -102,7 +104,7 @@ TEST_F(calib_lens_file, binary_round_trip_keeps_header_and_tables) {
     EXPECT_EQ(lens_from_bin(*obj).n_dcoef, 16u);
     tevix_param_len_bin_free(obj);
     tevix_param_len_bin_free(nullptr);
-    EXPECT_TRUE(log_has("[tevix_param_len_bin_load] Load l.bin: cx/cy/fx/fy=80.500/30.250/"));
+    EXPECT_TRUE(log_.has("[tevix_param_len_bin_load] Load l.bin: cx/cy/fx/fy=80.500/30.250/"));
 }
 
 TEST_F(calib_lens_file, binary_without_tables_is_225_bytes) {
@@ -122,7 +124,7 @@ TEST_F(calib_lens_file, binary_table_limits) {
     tevix_param_len_bin_free(obj);
     EXPECT_EQ(load_bin(lens_bin_build(_bin_desc(25, 0))), nullptr);
     EXPECT_EQ(load_bin(lens_bin_build(_bin_desc(0, 49))), nullptr);
-    EXPECT_TRUE(log_has("[tevix_param_len_bin_load] Load l.bin: skipped"));
+    EXPECT_TRUE(log_.has("[tevix_param_len_bin_load] Load l.bin: skipped"));
 }
 
 TEST_F(calib_lens_file, damaged_binary_is_skipped) {
@@ -130,7 +132,7 @@ TEST_F(calib_lens_file, damaged_binary_is_skipped) {
     std::vector<uint8_t> file = good;
     reinterpret_cast<tevix_lens_bin_t *>(file.data())->hdrsz += 4;
     EXPECT_EQ(load_bin(file), nullptr);
-    EXPECT_TRUE(log_has("[tevix_param_len_bin_load]sz wrong: hdrsz=236, expect=232"));
+    EXPECT_TRUE(log_.has("[tevix_param_len_bin_load]sz wrong: hdrsz=236, expect=232"));
 
     EXPECT_EQ(load_bin(std::vector<uint8_t>(good.begin(), good.end() - 1)), nullptr);
     EXPECT_EQ(load_bin(std::vector<uint8_t>(good.begin(), good.begin() + 224)), nullptr);
@@ -147,8 +149,8 @@ TEST_F(calib_lens_file, damaged_binary_is_skipped) {
     EXPECT_EQ(load_bin(file), nullptr);
 
     EXPECT_EQ(tevix_param_len_bin_load(&dev_, "nothing.bin"), nullptr);
-    EXPECT_TRUE(log_has("nothing.bin Open failed"));
-    EXPECT_TRUE(log_has("[tevix_param_len_bin_load] Load nothing.bin: skipped"));
+    EXPECT_TRUE(log_.has("nothing.bin Open failed"));
+    EXPECT_TRUE(log_.has("[tevix_param_len_bin_load] Load nothing.bin: skipped"));
 }
 
 TEST_F(calib_lens_file, text_number_counts) {
@@ -177,7 +179,7 @@ TEST_F(calib_lens_file, text_number_counts) {
     EXPECT_EQ(rec.n_dcoef, 3u);
     EXPECT_EQ(rec.dcoef[2], 0.125);
     EXPECT_EQ(rec.width, 160u);
-    EXPECT_TRUE(log_has("[tevix_param_load_len_2d_file] Load l.txt: cx/cy/fx/fy=1.000/2.000/"));
+    EXPECT_TRUE(log_.has("[tevix_param_load_len_2d_file] Load l.txt: cx/cy/fx/fy=1.000/2.000/"));
 }
 
 TEST_F(calib_lens_file, text_failures_leave_the_record_untouched) {
@@ -199,7 +201,7 @@ TEST_F(calib_lens_file, text_failures_leave_the_record_untouched) {
         EXPECT_FALSE(load_text(text, &rec)) << text;
         EXPECT_EQ(std::memcmp(&rec, &before, sizeof rec), 0) << text;
     }
-    EXPECT_TRUE(log_has("[tevix_param_load_len_2d_file] Load l.txt: skipped"));
+    EXPECT_TRUE(log_.has("[tevix_param_load_len_2d_file] Load l.txt: skipped"));
 
     tevix_lens_param_t rec = before;
     ASSERT_TRUE(load_text("1 2 3 4 640.0004 480.0009", &rec));
@@ -246,15 +248,15 @@ TEST_F(calib_lens_file, search_order) {
         }
         tevix_param_len_bin_free(bin);
         // A damaged file falls through to the next name, as a missing one does.
-        calib_test::write_text(path(binary[step], with_id[step]), "garbage");
+        tevix::test::write_text(path(binary[step], with_id[step]), "garbage");
     }
     tevix_lens_param_t rec = _lens(1);
     void *bin = nullptr;
     EXPECT_FALSE(lens_load_search(&dev_, &rec, &bin));
     EXPECT_EQ(bin, nullptr);
     EXPECT_EQ(rec.cx, 1.0);
-    EXPECT_TRUE(log_has("Load lens_param_4242.bin: skipped"));
-    EXPECT_TRUE(log_has("Load lens_param.txt: skipped"));
+    EXPECT_TRUE(log_.has("Load lens_param_4242.bin: skipped"));
+    EXPECT_TRUE(log_.has("Load lens_param.txt: skipped"));
 }
 
 }  // namespace

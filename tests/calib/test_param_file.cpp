@@ -8,11 +8,11 @@
 
 #include "calib/calib.h"
 #include "calib/calib_writer.h"
-#include "calib_test_util.h"
+#include "test_util.h"
 #include "tevix/tevix_param.h"
 
 using namespace tevix::calib;
-using calib_test::open_fd_count;
+using tevix::test::open_fd_count;
 
 namespace {
 
@@ -48,11 +48,14 @@ const tevix_param_t &_hdr(const std::vector<uint8_t> &image) {
     return *reinterpret_cast<const tevix_param_t *>(image.data());
 }
 
-class calib_param_file : public calib_test::logged_test {
+class calib_param_file : public ::testing::Test {
   protected:
+    tevix::test::temp_dir dir_;
+    tevix::test::log_capture log_;
+
     std::string put(const std::vector<uint8_t> &image, const std::string &name = "p.bin") {
         std::string path = dir_.file(name);
-        calib_test::write_bytes(path, image);
+        tevix::test::write_file(path, image);
         return path;
     }
     // Opens and closes again; a failed open must leave no descriptor behind.
@@ -122,7 +125,7 @@ TEST_F(calib_param_file, written_container_opens_with_its_blocks) {
         ASSERT_EQ(std::fread(payload.data(), 1, payload.size(), h.fp), payload.size());
         EXPECT_EQ(payload, desc.blocks[i].payload) << "block " << i;
     }
-    EXPECT_TRUE(log_has("calib param : ver=140, ts=1700000123, blk cnt=3"));
+    EXPECT_TRUE(log_.has("calib param : ver=140, ts=1700000123, blk cnt=3"));
     tevix_param_close(&h);
     EXPECT_FALSE(h.opened);
     EXPECT_EQ(h.fp, nullptr);
@@ -137,8 +140,8 @@ TEST_F(calib_param_file, header_changes_outside_the_checksum_do_not_matter) {
         copy[i] ^= 0x01;
         EXPECT_FALSE(opens(copy)) << "byte " << i;
     }
-    EXPECT_TRUE(log_has("[_param_verify]wrong cksum (ver=140)"));
-    EXPECT_TRUE(log_has("[tevix_param_open_file]_param_verify failed: "));
+    EXPECT_TRUE(log_.has("[_param_verify]wrong cksum (ver=140)"));
+    EXPECT_TRUE(log_.has("[tevix_param_open_file]_param_verify failed: "));
     for (size_t i : {9u, 17u, 1188u, 1191u}) {
         std::vector<uint8_t> copy = image;
         copy[i] ^= 0x01;
@@ -152,14 +155,14 @@ TEST_F(calib_param_file, magic_depends_on_version) {
     _hdr(image).magic = TEVIX_PARAM_MAGIC;
     param_header_seal(image);
     EXPECT_FALSE(opens(image));
-    EXPECT_TRUE(log_has("wrong magic id (ver=139): 0x31505856"));
+    EXPECT_TRUE(log_.has("wrong magic id (ver=139): 0x31505856"));
 
     image = param_container_build(_sample(0, 140));
     EXPECT_TRUE(opens(image));
     _hdr(image).magic = TEVIX_PARAM_MAGIC_OLD;
     param_header_seal(image);
     EXPECT_FALSE(opens(image));
-    EXPECT_TRUE(log_has("wrong magic id (ver=140): 0x3e8"));
+    EXPECT_TRUE(log_.has("wrong magic id (ver=140): 0x3e8"));
 }
 
 TEST_F(calib_param_file, lens_principal_point_range) {
@@ -176,7 +179,7 @@ TEST_F(calib_param_file, lens_principal_point_range) {
         c.lens.cy = p.cy;
         EXPECT_EQ(opens(param_container_build(c)), p.ok) << p.cx << "/" << p.cy;
     }
-    EXPECT_TRUE(log_has("wrong range for lens param: cx/cy=15.9/240.0, name="));
+    EXPECT_TRUE(log_.has("wrong range for lens param: cx/cy=15.9/240.0, name="));
     for (const probe &p : probes) {
         param_container c = _sample(1);
         c.lens_name.clear();
@@ -198,7 +201,7 @@ TEST_F(calib_param_file, block_count_limit) {
 
     c.blocks.resize(100);
     EXPECT_FALSE(opens(param_container_build(c)));
-    EXPECT_TRUE(log_has("too much param blks: 100"));
+    EXPECT_TRUE(log_.has("too much param blks: 100"));
     _hdr(image).blk_cnt = -1;
     param_header_seal(image);
     EXPECT_FALSE(opens(image));
@@ -212,7 +215,7 @@ TEST_F(calib_param_file, empty_block_run) {
     _hdr(image).blk_size = 5;
     param_header_seal(image);
     EXPECT_FALSE(opens(image));
-    EXPECT_TRUE(log_has("param blks size wrong: size=0 (expect 5)"));
+    EXPECT_TRUE(log_.has("param blks size wrong: size=0 (expect 5)"));
 }
 
 TEST_F(calib_param_file, block_total_and_checksum) {
@@ -223,7 +226,7 @@ TEST_F(calib_param_file, block_total_and_checksum) {
     _hdr(image).blk_size = total + 1;
     param_header_seal(image);
     EXPECT_FALSE(opens(image));
-    EXPECT_TRUE(log_has("param blks size wrong"));
+    EXPECT_TRUE(log_.has("param blks size wrong"));
 
     image = good;
     _hdr(image).blk_size = 2 * 5 - 1;  // below five bytes per block
@@ -233,12 +236,12 @@ TEST_F(calib_param_file, block_total_and_checksum) {
     _hdr(image).blk_size = 0x40000001;
     param_header_seal(image);
     EXPECT_FALSE(opens(image));
-    EXPECT_TRUE(log_has("wrong blk total size: 1073741825,max blk size is 1073741824"));
+    EXPECT_TRUE(log_.has("wrong blk total size: 1073741825,max blk size is 1073741824"));
 
     image = good;
     image.back() ^= 0x10;
     EXPECT_FALSE(opens(image));
-    EXPECT_TRUE(log_has("param blks cksum failed"));
+    EXPECT_TRUE(log_.has("param blks cksum failed"));
     param_blocks_seal(image);
     EXPECT_TRUE(opens(image));
 
@@ -266,10 +269,10 @@ TEST_F(calib_param_file, short_files_fail) {
         std::vector<uint8_t> image(good.begin(), good.begin() + static_cast<long>(cut));
         EXPECT_FALSE(opens(image)) << "cut at " << cut;
     }
-    EXPECT_TRUE(log_has("read tevix_param_t failed"));
-    EXPECT_TRUE(log_has("[tevix_param_open_file]read par_dev_hdr failed: " + dir_.file("p.bin")));
-    EXPECT_TRUE(log_has("read blk#0 data failed"));
-    EXPECT_TRUE(log_has("read blk#1 data failed"));
+    EXPECT_TRUE(log_.has("read tevix_param_t failed"));
+    EXPECT_TRUE(log_.has("[tevix_param_open_file]read par_dev_hdr failed: " + dir_.file("p.bin")));
+    EXPECT_TRUE(log_.has("read blk#0 data failed"));
+    EXPECT_TRUE(log_.has("read blk#1 data failed"));
 
     // A block claiming 4 GiB in a small file fails as a short read.
     std::vector<uint8_t> image = good;
@@ -280,7 +283,7 @@ TEST_F(calib_param_file, short_files_fail) {
     EXPECT_FALSE(opens(image));
 
     EXPECT_FALSE(opens(dir_.file("missing.bin")));
-    EXPECT_TRUE(log_has("[tevix_param_open_file]open calib bin failed: "));
+    EXPECT_TRUE(log_.has("[tevix_param_open_file]open calib bin failed: "));
     EXPECT_EQ(tevix_param_open_file(nullptr, dir_.file("missing.bin").c_str()), 0);
     tevix_param_handle_t h;
     EXPECT_EQ(tevix_param_open_file(&h, nullptr), 0);
@@ -320,33 +323,33 @@ TEST_F(calib_param_file, old_format_blocks_are_presented_as_current_ones) {
     param_container wrong = desc;
     wrong.blocks[1].type = 2;
     EXPECT_FALSE(opens(param_container_build(wrong)));
-    EXPECT_TRUE(log_has("wrong blk unit type: 2"));
+    EXPECT_TRUE(log_.has("wrong blk unit type: 2"));
     image = param_container_build(desc);
     image.resize(TEVIX_PARAM_HDR_SIZE + 20);
     EXPECT_FALSE(opens(image));
-    EXPECT_TRUE(log_has("read blk_unit_hdr failed"));
+    EXPECT_TRUE(log_.has("read blk_unit_hdr failed"));
 }
 
 TEST_F(calib_param_file, path_length_limit) {
     const std::vector<uint8_t> image = param_container_build(_sample(2));
-    const std::string dir = dir_.path() + "/";
+    const std::string dir = dir_.path().string() + "/";
     ASSERT_LT(dir.size(), 100u);
     const std::string p127 = dir + std::string(127 - dir.size(), 'a');
     const std::string p128 = dir + std::string(128 - dir.size(), 'b');
     ASSERT_EQ(p127.size(), 127u);
-    calib_test::write_bytes(p127, image);
-    calib_test::write_bytes(p128, image);
+    tevix::test::write_file(p127, image);
+    tevix::test::write_file(p128, image);
     EXPECT_TRUE(opens(p127));
     EXPECT_FALSE(opens(p128));
-    EXPECT_TRUE(log_has("param filename too long: len=128"));
+    EXPECT_TRUE(log_.has("param filename too long: len=128"));
     // The length is checked after the blocks: a bad block reports first.
     std::vector<uint8_t> bad = image;
     bad.back() ^= 1;
-    calib_test::write_bytes(p128, bad);
-    clear_log();
+    tevix::test::write_file(p128, bad);
+    log_.clear();
     EXPECT_FALSE(opens(p128));
-    EXPECT_TRUE(log_has("param blks cksum failed"));
-    EXPECT_FALSE(log_has("too long"));
+    EXPECT_TRUE(log_.has("param blks cksum failed"));
+    EXPECT_FALSE(log_.has("too long"));
 }
 
 TEST(calib_param_names, container_name) {

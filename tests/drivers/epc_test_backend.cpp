@@ -115,32 +115,4 @@ void fake_device::bind(tevix_drv_t *drv) {
     if (dev_.session) dev_.session->drv = drv;
 }
 
-log_capture::log_capture() {
-    path_ = (std::filesystem::temp_directory_path() /
-             ("tevix-drv-log-" + std::to_string(::getpid()) + ".log"))
-                .string();
-    std::remove(path_.c_str());
-    vx_log_uninit(nullptr);
-    vx_log_init(nullptr, path_.c_str(), "VX");
-    vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
-    vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
-}
-
-log_capture::~log_capture() {
-    vx_log_uninit(nullptr);
-    std::remove(path_.c_str());
-}
-
-std::string log_capture::text() const {
-    std::ifstream in(path_, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-int log_capture::count(const std::string &needle) const {
-    const std::string t = text();
-    int n = 0;
-    for (size_t pos = t.find(needle); pos != std::string::npos; pos = t.find(needle, pos + 1)) ++n;
-    return n;
-}
-
 }  // namespace tevix::test

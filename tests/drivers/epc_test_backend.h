@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "test_util.h"
 #include "tevix/tevix_ll.h"
 #include "tevix/tevix_types.h"
 
@@ -48,18 +49,6 @@ class fake_device {
   private:
     tevix_dev_t dev_{};
     fake_camera cam_;
-};
-
-// Captures the default log context into a file for the lifetime of the object.
-class log_capture {
-  public:
-    log_capture();
-    ~log_capture();
-    std::string text() const;
-    int count(const std::string &needle) const;
-
-  private:
-    std::string path_;
 };
 
 }  // namespace tevix::test

@@ -239,15 +239,6 @@ TEST_F(e2e_replay, sync_replay_gives_the_capture_back_then_ends_once) {
     tevix_dev_close(dev);
 }
 
-TEST_F(e2e_replay, loop_mode_wraps_to_the_first_frame) {
-    tevix_dev_t *dev = start_replay(1);
-    ASSERT_NE(dev, nullptr);
-    expect_frames(dev, k_frames + 2);
-    EXPECT_TRUE(_errors().empty());
-    tevix_cap_stop(dev);
-    tevix_dev_close(dev);
-}
-
 TEST_F(e2e_replay, seek_delivers_that_frame_next) {
     tevix_dev_t *dev = start_replay(0);
     ASSERT_NE(dev, nullptr);

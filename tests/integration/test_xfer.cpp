@@ -36,17 +36,11 @@ class xfer : public ::testing::Test {
   protected:
     void SetUp() override {
         xfer_env::cam()->reset();
-        log_ = dir_.file("xfer.log");
-        vx_log_uninit(nullptr);  // the library's log, replaced by one the test reads
-        ASSERT_NE(vx_log_init(nullptr, log_.c_str(), "VX"), nullptr);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
         dev_ = tevix_dev_open_by_uri("usb://1:2");
         ASSERT_NE(dev_, nullptr);
     }
     void TearDown() override {
         if (dev_) tevix_dev_close(dev_);
-        vx_log_uninit(nullptr);
     }
     template <class F>
     auto fw(F &&f) {
@@ -78,12 +72,10 @@ class xfer : public ::testing::Test {
             return s ? s->data : std::vector<uint8_t>{};
         });
     }
-    bool logged(const std::string &text) {
-        return tevix::test::read_file(log_).find(text) != std::string::npos;
-    }
+    bool logged(const std::string &text) { return log_.has(text); }
 
     tevix::test::temp_dir dir_;
-    std::string log_;
+    tevix::test::log_capture log_;
     tevix_dev_t *dev_ = nullptr;
 };
 

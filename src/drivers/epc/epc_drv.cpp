@@ -224,7 +224,7 @@ uint8_t *_minamp_marks(epc_priv *p, uint32_t n) {
 }
 
 // Kind-1 chain; each out-of-place stage reads one buffer and writes the other, the spatial
-// filters work in place on the current one. The result ends in out.
+// filters work in place on the current one; the last stage writes out.
 void _post_process(epc_priv *p, uint16_t *out, uint32_t w, uint32_t h) {
     const uint32_t n = w * h;
     drv::pingpong pp(out, p->work16, n);
@@ -239,9 +239,8 @@ void _post_process(epc_priv *p, uint16_t *out, uint32_t w, uint32_t h) {
     }
     if (p->flypix) vx_flypix_u16_k3(pp.cur, w, h, 31u - std::min<uint32_t>(p->flypix_level, 31));
     vx_fhole_u16_k3(pp.cur, w, h, 0);
-    range_gate(pp.cur, pp.other, n, p->range);
-    pp.flip();
-    pp.finish();
+    // The gate goes pixel by pixel, so it may write out over its own input: no final copy.
+    range_gate(pp.cur, out, n, p->range);
 }
 
 bool _check_consistency(epc_priv *p, tevix_dev_t *dev, const uint16_t *raw, uint32_t n,

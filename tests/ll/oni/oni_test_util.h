@@ -12,26 +12,6 @@
 
 namespace tevix::test {
 
-// Sends the default log context to a file (console off) for the test's lifetime.
-class log_capture {
-  public:
-    log_capture() : path_(dir_.file("log.txt")) {
-        vx_log_init(nullptr, path_.c_str(), "VX");
-        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_TRC, 1);
-    }
-    ~log_capture() { vx_log_uninit(nullptr); }
-    log_capture(const log_capture &) = delete;
-    log_capture &operator=(const log_capture &) = delete;
-    std::string text() const { return read_file(path_); }
-    bool has(const std::string &s) const { return text().find(s) != std::string::npos; }
-    void clear() { vx_log_reload(nullptr, 1); }
-
-  private:
-    temp_dir dir_;
-    std::string path_;
-};
-
 // A test depth image: frame k differs from every other frame.
 inline std::vector<uint16_t> depth_frame(uint32_t w, uint32_t h, uint32_t k) {
     std::vector<uint16_t> px(size_t{w} * h);

@@ -76,15 +76,10 @@ class usb_ll : public ::testing::Test {
         cam_ = vcam_env::cam(0);
         cam_->reset();
         vcam_env::cam(1)->reset();
-        log_ = dir_.file("usb.log");
-        ASSERT_NE(vx_log_init(nullptr, log_.c_str(), "VX"), nullptr);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_CONSOLE, VX_LOG_OFF, 0);
-        vx_log_cfg(nullptr, VX_LOG_TARGET_FILE, VX_LOG_DBG, 1);
         dev_ = listed(2, 255);
     }
     void TearDown() override {
         if (dev_.priv) usb_ll_ops.dev_close(&dev_);
-        vx_log_uninit(nullptr);
     }
 
     static tevix_ll_dev_t listed(uint8_t port, uint8_t addr) {
@@ -96,7 +91,7 @@ class usb_ll : public ::testing::Test {
         return d;
     }
     void open() { ASSERT_EQ(usb_ll_ops.dev_open(&dev_), &dev_); }
-    std::string log_text() { return tevix::test::read_file(log_); }
+    std::string log_text() { return log_.text(); }
     std::vector<cmd_record> cmds() {
         return cam_->with_firmware([](firmware &fw) { return fw.log(); });
     }
@@ -115,7 +110,7 @@ class usb_ll : public ::testing::Test {
     }
 
     tevix::test::temp_dir dir_;
-    std::string log_;
+    tevix::test::log_capture log_{VX_LOG_DBG};
     camera *cam_ = nullptr;
     tevix_ll_dev_t dev_{};
 };
