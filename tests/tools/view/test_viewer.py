@@ -16,6 +16,7 @@ import urllib.request
 
 import pytest
 from selenium import webdriver
+from selenium.common.exceptions import TimeoutException
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.support.ui import Select
@@ -23,7 +24,16 @@ from selenium.webdriver.support.ui import Select
 TOOL = os.environ["TEVIX_TOOL"]
 SHOTS = os.environ.get("TEVIX_VIEW_SHOTS", "view-screenshots")
 # Should anything hang, say where before CTest's timeout kills the run.
-faulthandler.dump_traceback_later(240, exit=True)
+faulthandler.dump_traceback_later(540, exit=True)
+DRIVER_LOG = os.path.join(SHOTS, "chromedriver.log")
+
+
+def _tail(path, n=4000):
+    try:
+        with open(path, errors="replace") as f:
+            return f.read()[-n:]
+    except OSError:
+        return ""
 
 
 def wait_for(what, timeout=45.0, step=0.1):
@@ -116,10 +126,19 @@ def browser():
     for flag in ("--headless=new", "--no-sandbox", "--disable-gpu", "--use-gl=swiftshader",
                  "--enable-unsafe-swiftshader", "--disable-dev-shm-usage", "--no-first-run",
                  "--disable-background-networking", "--disable-component-update",
-                 "--disable-sync", "--window-size=1400,1000"):
+                 "--disable-sync", "--window-size=1400,1000", "--enable-logging=stderr"):
         opts.add_argument(flag)
     opts.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-    drv = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=opts)
+    # The browser stands for one on another computer: it runs outside the emulated USB bus (the
+    # test runs under tevix-vcam, whose preload would otherwise serve chromium's own device probing
+    # from the testbed). Its driver's log, with chromium's, stays beside the screenshots.
+    env = {k: v for k, v in os.environ.items() if k not in ("LD_PRELOAD", "UMOCKDEV_DIR")}
+    os.makedirs(SHOTS, exist_ok=True)
+    if os.path.exists(DRIVER_LOG):
+        os.remove(DRIVER_LOG)
+    service = Service("/usr/bin/chromedriver", env=env, log_path=DRIVER_LOG,
+                      service_args=["--log-level=INFO"])
+    drv = webdriver.Chrome(service=service, options=opts)
     drv.set_page_load_timeout(30)
     drv.set_script_timeout(30)
     yield drv
@@ -158,7 +177,13 @@ def distinct_colours(drv, canvas_js):
 
 
 def open_page(drv, v):
-    drv.get(v.page)
+    try:
+        drv.get(v.page)
+    except TimeoutException:
+        # A renderer that misses the load deadline once (a loaded machine compiling shaders in
+        # software) gets one more chance; a page that never loads still fails, with the log.
+        print("page load timed out once; chromedriver log:\n" + _tail(DRIVER_LOG))
+        drv.get(v.page)
     wait_for(lambda: (stats(drv) or {}).get("painted", 0) > 10)
 
 
