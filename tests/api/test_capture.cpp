@@ -76,27 +76,18 @@ int _param_get(tevix_ll_dev_t *, tevix_param_wire_t *items, uint32_t count) {
     return 1;
 }
 
-const tevix_ll_ops k_cam_ops = {
-    .init = [] { return 1; },
-    .uninit = nullptr,
-    .set_debug = nullptr,
-    .dev_open = _open,
-    .dev_open_by_fd = nullptr,
-    .dev_close = _close,
-    .dev_list = nullptr,
-    .exe_cmd = nullptr,
-    .tx_data = nullptr,
-    .cap_abort = _cap_abort,
-    .cap_wait = nullptr,
-    .cap_start = _cap_start,
-    .cap_stop = _cap_stop,
-    .cap_seek = nullptr,
-    .dev_reset = nullptr,
-    .reg_write = nullptr,
-    .reg_read = nullptr,
-    .param_set = _param_set,
-    .param_get = _param_get,
-};
+const tevix_ll_ops k_cam_ops = [] {
+    tevix_ll_ops o{};
+    o.init = [] { return 1; };
+    o.dev_open = _open;
+    o.dev_close = _close;
+    o.cap_abort = _cap_abort;
+    o.cap_start = _cap_start;
+    o.cap_stop = _cap_stop;
+    o.param_set = _param_set;
+    o.param_get = _param_get;
+    return o;
+}();
 
 tevix_ll_dev_t *_open(tevix_ll_dev_t *dev) {
     if (dev->if_type != TEVIX_LL_IF_UNKNOWN && dev->if_type != TEVIX_LL_IF_ANY) return nullptr;
@@ -107,8 +98,9 @@ tevix_ll_dev_t *_open(tevix_ll_dev_t *dev) {
 
 constexpr uint32_t k_frame = 64;
 
-// The stream bytes of frames first..first+n-1, each filled with its own index.
-std::vector<uint8_t> _stream_of(uint16_t first, int n) {
+// The stream bytes of frames first..first+n-1, each filled with its own index; `cut`: the first
+// frame's packet carries half its bytes only.
+std::vector<uint8_t> _stream_of(uint16_t first, int n, bool cut = false) {
     vx_ostream_t *os = vx_ostream_create();
     std::vector<uint8_t> out;
     for (int i = 0; i < n; ++i) {
@@ -117,8 +109,9 @@ std::vector<uint8_t> _stream_of(uint16_t first, int n) {
         desc.fridx = static_cast<uint16_t>(first + i);
         desc.frfmt = 2;
         uint8_t hdr[36];
-        std::vector<uint8_t> payload(k_frame, static_cast<uint8_t>(first + i));
-        vx_ostream_mkhdr(os, hdr, &desc, nullptr, k_frame);
+        const uint32_t len = cut && i == 0 ? k_frame / 2 : k_frame;
+        std::vector<uint8_t> payload(len, static_cast<uint8_t>(first + i));
+        vx_ostream_mkhdr(os, hdr, &desc, nullptr, static_cast<int32_t>(len));
         out.insert(out.end(), hdr, hdr + 36);
         out.insert(out.end(), payload.begin(), payload.end());
     }
@@ -273,20 +266,8 @@ TEST_F(api_capture, error_callback_returning_false_silences_pulls_until_the_next
     config(nullptr, _on_error);
     ASSERT_EQ(tevix_cap_start(&dev_), 1);
     // A frame cut short by the next frame's bound is discarded: reported as 3 with the total.
-    std::vector<uint8_t> a;
-    vx_ostream_t *os = vx_ostream_create();
-    uint8_t hdr[36];
-    std::vector<uint8_t> half(k_frame / 2, 0xAA), whole(k_frame, 1);
-    vx_frame_desc_t d0{k_frame, 0, 2, 0, 0, 0, 0, 0}, d1{k_frame, 1, 2, 0, 0, 0, 0, 0};
-    vx_ostream_mkhdr(os, hdr, &d0, nullptr, k_frame / 2);
-    a.insert(a.end(), hdr, hdr + 36);
-    a.insert(a.end(), half.begin(), half.end());
-    vx_ostream_mkhdr(os, hdr, &d1, nullptr, k_frame);
-    a.insert(a.end(), hdr, hdr + 36);
-    a.insert(a.end(), whole.begin(), whole.end());
-    vx_ostream_destroy(os);
     g_error_answer = 0;
-    _event(0, a);
+    _event(0, _stream_of(0, 2, true));
     uint8_t buf[4 * k_frame];
     EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), 0);
     ASSERT_EQ(g_errors.size(), 1u);

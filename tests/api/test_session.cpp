@@ -87,27 +87,16 @@ int _reset(tevix_ll_dev_t *, uint8_t target) {
     return target == 1;
 }
 
-const tevix_ll_ops k_cam_ops = {
-    .init = [] { return 1; },
-    .uninit = nullptr,
-    .set_debug = nullptr,
-    .dev_open = _open,
-    .dev_open_by_fd = nullptr,
-    .dev_close = _close,
-    .dev_list = _list,
-    .exe_cmd = nullptr,
-    .tx_data = nullptr,
-    .cap_abort = nullptr,
-    .cap_wait = nullptr,
-    .cap_start = nullptr,
-    .cap_stop = nullptr,
-    .cap_seek = nullptr,
-    .dev_reset = _reset,
-    .reg_write = nullptr,
-    .reg_read = nullptr,
-    .param_set = nullptr,
-    .param_get = _param_get,
-};
+const tevix_ll_ops k_cam_ops = [] {
+    tevix_ll_ops o{};
+    o.init = [] { return 1; };
+    o.dev_open = _open;
+    o.dev_close = _close;
+    o.dev_list = _list;
+    o.dev_reset = _reset;
+    o.param_get = _param_get;
+    return o;
+}();
 
 int g_priv;
 tevix_ll_dev_t *_open(tevix_ll_dev_t *dev) {
