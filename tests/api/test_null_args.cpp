@@ -696,12 +696,8 @@ TEST_F(null_args, calibration_file_calls) {
     tevix_dev_t dev{};
     std::string prefix = dir_.path().string() + "/";
     dev.path_prefix = prefix.c_str();
-    {
-        std::FILE *f = std::fopen(dir_.file("lens_param.txt").c_str(), "w");
-        ASSERT_NE(f, nullptr);
-        std::fputs("160 120 200 200 0.1 0.01 320 240\n", f);
-        std::fclose(f);
-    }
+    ASSERT_TRUE(
+        tevix::test::write_text(dir_.file("lens_param.txt"), "160 120 200 200 0.1 0.01 320 240\n"));
     sweep({
         {"open into no handle", CALL(tevix_param_open_file(nullptr, dir_.file("x.bin").c_str())),
          0},
