@@ -39,27 +39,17 @@ int _count_regs(tevix_ll_dev_t *, uint8_t, uint32_t, uint8_t *, uint16_t) {
     ++g_ll_calls;
     return 1;
 }
-const tevix_ll_ops k_link_ops = {
-    .init = [] { return 1; },
-    .uninit = nullptr,
-    .set_debug = nullptr,
-    .dev_open = [](tevix_ll_dev_t *) -> tevix_ll_dev_t * { return nullptr; },
-    .dev_open_by_fd = nullptr,
-    .dev_close = nullptr,
-    .dev_list = [](tevix_ll_dev_t *, uint32_t) -> uint32_t { return 0; },
-    .exe_cmd = nullptr,
-    .tx_data = nullptr,
-    .cap_abort = nullptr,
-    .cap_wait = nullptr,
-    .cap_start = nullptr,
-    .cap_stop = nullptr,
-    .cap_seek = nullptr,
-    .dev_reset = nullptr,
-    .reg_write = _count_regs,
-    .reg_read = _count_regs,
-    .param_set = _count_items,
-    .param_get = _count_items,
-};
+const tevix_ll_ops k_link_ops = [] {
+    tevix_ll_ops o{};
+    o.init = [] { return 1; };
+    o.dev_open = [](tevix_ll_dev_t *) -> tevix_ll_dev_t * { return nullptr; };
+    o.dev_list = [](tevix_ll_dev_t *, uint32_t) -> uint32_t { return 0; };
+    o.reg_write = _count_regs;
+    o.reg_read = _count_regs;
+    o.param_set = _count_items;
+    o.param_get = _count_items;
+    return o;
+}();
 
 // A driver that decodes any frame of the right size (one failing format aside) and has a pinhole
 // lens; a second one has no lens at all.
@@ -93,6 +83,9 @@ struct call_case {
     long long expect;
     const char *log = nullptr;
 };
+
+// A row's call: the value of one expression, as a number.
+#define CALL(expr) [&]() -> long long { return (expr); }
 
 long long _is_set(const void *p) {
     return p != nullptr;
@@ -216,27 +209,25 @@ TEST_F(null_args, session_calls) {
     char uri[64];
     std::vector<char> tiny(4, 'X');
     sweep({
-        {"list into nothing", [&] { return tevix_dev_list(nullptr, 3); }, 0,
+        {"list into nothing", CALL(tevix_dev_list(nullptr, 3)), 0,
          "[tevix_dev_list]  wrong params: dev_list=(nil), dev_list_num=3 \n"},
-        {"list of a negative count", [&] { return tevix_dev_list(&one, -1); }, 0,
-         "dev_list_num=-1 \n"},
-        {"open by descriptor", [&] { return _is_set(tevix_dev_open_by_fd(-1)); }, 0,
+        {"list of a negative count", CALL(tevix_dev_list(&one, -1)), 0, "dev_list_num=-1 \n"},
+        {"open by descriptor", CALL(_is_set(tevix_dev_open_by_fd(-1))), 0,
          "[tevix_dev_open_by_fd]tevix_dev_open_by_fd currently only support in android!\n"},
-        {"open a record no transport takes", [&] { return _is_set(tevix_dev_open(&eth)); }, 0,
+        {"open a record no transport takes", CALL(_is_set(tevix_dev_open(&eth))), 0,
          "[tevix_dev_open]open device failed!\n"},
-        {"uri of no record", [&] { return _is_set(tevix_dev_get_uri(nullptr, uri, 64)); }, 0, ""},
-        {"uri into no buffer", [&] { return _is_set(tevix_dev_get_uri(&dev_, nullptr, 64)); }, 0},
-        {"uri into zero bytes", [&] { return _is_set(tevix_dev_get_uri(&dev_, uri, 0)); }, 0},
-        {"uri of a record never listed",
-         [&] { return _is_set(tevix_dev_get_uri(&closed_, uri, 64)); }, 0,
+        {"uri of no record", CALL(_is_set(tevix_dev_get_uri(nullptr, uri, 64))), 0, ""},
+        {"uri into no buffer", CALL(_is_set(tevix_dev_get_uri(&dev_, nullptr, 64))), 0},
+        {"uri into zero bytes", CALL(_is_set(tevix_dev_get_uri(&dev_, uri, 0))), 0},
+        {"uri of a record never listed", CALL(_is_set(tevix_dev_get_uri(&closed_, uri, 64))), 0,
          "[tevix_dev_get_uri]get uri failed : device not inited\n"},
-        {"uri of an unknown type", [&] { return _is_set(tevix_dev_get_uri(&odd, uri, 64)); }, 0,
+        {"uri of an unknown type", CALL(_is_set(tevix_dev_get_uri(&odd, uri, 64))), 0,
          "[tevix_dev_get_uri]unknown device type: 99\n"},
         {"uri cut to a 4-byte buffer",
-         [&] { return std::strcmp(tevix_dev_get_uri(&dev_, tiny.data(), 4), "usb"); }, 0},
-        {"info of no record", [&] { return tevix_dev_get_info(nullptr, &info); }, 0},
-        {"info of a closed record", [&] { return tevix_dev_get_info(&closed_, &info); }, 0},
-        {"reset of no record", [&] { return tevix_dev_reset(nullptr, 1); }, 0,
+         CALL(std::strcmp(tevix_dev_get_uri(&dev_, tiny.data(), 4), "usb")), 0},
+        {"info of no record", CALL(tevix_dev_get_info(nullptr, &info)), 0},
+        {"info of a closed record", CALL(tevix_dev_get_info(&closed_, &info)), 0},
+        {"reset of no record", CALL(tevix_dev_reset(nullptr, 1)), 0,
          "[tevix_dev_reset] Device handler Is NULL!\r\n"},
         {"close of no record and of a closed one",
          [&] {
@@ -252,20 +243,14 @@ TEST_F(null_args, session_calls) {
          },
          0, "[tevix_path_set]PATH_PREIFX: \n"},
         {"uri of a 16-character Ethernet address",
-         [&] {
-             return std::strcmp(tevix_dev_get_uri(&wide, uri, 64), "eth://7:9@0123456789abcdef");
-         },
-         0},
-        {"open a file URI without a path",
-         [&] { return _is_set(tevix_dev_open_by_uri("file://")); }, 0,
+         CALL(std::strcmp(tevix_dev_get_uri(&wide, uri, 64), "eth://7:9@0123456789abcdef")), 0},
+        {"open a file URI without a path", CALL(_is_set(tevix_dev_open_by_uri("file://"))), 0,
          "[tevix_dev_open_by_uri]wrong URI: file://\n"},
-        {"open a USB URI without an address",
-         [&] { return _is_set(tevix_dev_open_by_uri("usb://")); }, 0,
+        {"open a USB URI without an address", CALL(_is_set(tevix_dev_open_by_uri("usb://"))), 0,
          "[tevix_dev_open_by_uri]wrong URI: usb://\n"},
-        {"open a URI of no scheme", [&] { return _is_set(tevix_dev_open_by_uri("://")); }, 0,
+        {"open a URI of no scheme", CALL(_is_set(tevix_dev_open_by_uri("://"))), 0,
          "[tevix_dev_open_by_uri]wrong URI: ://\n"},
-        {"open an Ethernet URI of no number",
-         [&] { return _is_set(tevix_dev_open_by_uri("eth://@")); }, 0,
+        {"open an Ethernet URI of no number", CALL(_is_set(tevix_dev_open_by_uri("eth://@"))), 0,
          "[tevix_dev_open_by_uri]wrong URI: eth://@\n"},
         {"open URIs longer than any path",
          [&] {
@@ -275,28 +260,25 @@ TEST_F(null_args, session_calls) {
                     _is_set(tevix_dev_open_by_uri(file.c_str()));
          },
          0, "[tevix_dev_open]open device failed!\n"},
-        {"name of the lowest code",
-         [&] { return std::strcmp(tevix_error_name(INT_MIN), "**UNKNOWN**"); }, 0},
-        {"driver of no record", [&] { return _is_set(tevix_dev_get_driver(nullptr, nullptr)); }, 0,
+        {"name of the lowest code", CALL(std::strcmp(tevix_error_name(INT_MIN), "**UNKNOWN**")), 0},
+        {"driver of no record", CALL(_is_set(tevix_dev_get_driver(nullptr, nullptr))), 0,
          "[tevix_dev_get_driver] Device handler Is NULL!\r\n"},
         {"calibrated frequencies of no record",
-         [&] { return tevix_dev_get_calib_freqs(nullptr, nullptr, 0); }, -1,
+         CALL(tevix_dev_get_calib_freqs(nullptr, nullptr, 0)), -1,
          "[tevix_dev_get_calib_freqs] Device handler Is NULL!\r\n"},
         {"calibrated frequencies of a closed record",
-         [&] { return tevix_dev_get_calib_freqs(&closed_, nullptr, 0); }, -1},
-        {"driver of a closed record",
-         [&] { return _is_set(tevix_dev_get_driver(&closed_, nullptr)); }, 0},
-        {"repair of no file", [&] { return tevix_oni_repair(nullptr, "x.oni"); }, -1,
+         CALL(tevix_dev_get_calib_freqs(&closed_, nullptr, 0)), -1},
+        {"driver of a closed record", CALL(_is_set(tevix_dev_get_driver(&closed_, nullptr))), 0},
+        {"repair of no file", CALL(tevix_oni_repair(nullptr, "x.oni")), -1,
          "[tevix_oni_repair]Wrong params\n"},
-        {"repair into no file", [&] { return tevix_oni_repair("x.oni", nullptr); }, -1},
-        {"hot-plug without a callback", [&] { return tevix_hotplug_register(nullptr, nullptr, 1); },
-         0, "[tevix_hotplug_register]Wrong params\n"},
-        {"hot-plug handle never given", [&] { return tevix_hotplug_deregister(12345); }, 0},
-        {"frame file of no name", [&] { return tevix_file_open(nullptr, "rb"); }, -1},
-        {"frame file of no mode", [&] { return tevix_file_open("x", nullptr); }, -1},
-        {"save raw without samples",
-         [&] { return tevix_frame_save_raw(1, 2, nullptr, 4, 2, 2, 1, nullptr); }, 0,
-         "[tevix_frame_save_raw]wrong param: raw_len=4, w=2, h=2\n"},
+        {"repair into no file", CALL(tevix_oni_repair("x.oni", nullptr)), -1},
+        {"hot-plug without a callback", CALL(tevix_hotplug_register(nullptr, nullptr, 1)), 0,
+         "[tevix_hotplug_register]Wrong params\n"},
+        {"hot-plug handle never given", CALL(tevix_hotplug_deregister(12345)), 0},
+        {"frame file of no name", CALL(tevix_file_open(nullptr, "rb")), -1},
+        {"frame file of no mode", CALL(tevix_file_open("x", nullptr)), -1},
+        {"save raw without samples", CALL(tevix_frame_save_raw(1, 2, nullptr, 4, 2, 2, 1, nullptr)),
+         0, "[tevix_frame_save_raw]wrong param: raw_len=4, w=2, h=2\n"},
         {"save distance to no file",
          [&] {
              const float d[4] = {};
@@ -309,19 +291,16 @@ TEST_F(null_args, session_calls) {
              return tevix_frame_save_gray(1, 2, g, 4, 0, 2);
          },
          0, "[tevix_frame_save_gray]wrong param"},
-        {"load into nothing",
-         [&] { return tevix_frame_load_distance(0, nullptr, 4, nullptr, nullptr); }, 0,
+        {"load into nothing", CALL(tevix_frame_load_distance(0, nullptr, 4, nullptr, nullptr)), 0,
          "[tevix_frame_load_distance]Wrong params\n"},
-        {"open no recording", [&] { return _is_set(tevix_oni_open(nullptr)); }, 0,
+        {"open no recording", CALL(_is_set(tevix_oni_open(nullptr))), 0,
          "[tevix_oni_open]Wrong params\n"},
-        {"nodes of no recording", [&] { return tevix_oni_node_count(nullptr); }, -1},
-        {"node of no recording", [&] { return tevix_oni_node_info(nullptr, 1, nullptr); }, 0},
-        {"properties of no recording",
-         [&] { return tevix_oni_properties(nullptr, nullptr, nullptr); }, -1},
-        {"frame of no recording",
-         [&] { return tevix_oni_read_frame(nullptr, 1, 0, nullptr, 0, nullptr); }, -1},
-        {"pixels of no recording",
-         [&] { return tevix_oni_decode_frame(nullptr, 1, 0, nullptr, 0); }, -1},
+        {"nodes of no recording", CALL(tevix_oni_node_count(nullptr)), -1},
+        {"node of no recording", CALL(tevix_oni_node_info(nullptr, 1, nullptr)), 0},
+        {"properties of no recording", CALL(tevix_oni_properties(nullptr, nullptr, nullptr)), -1},
+        {"frame of no recording", CALL(tevix_oni_read_frame(nullptr, 1, 0, nullptr, 0, nullptr)),
+         -1},
+        {"pixels of no recording", CALL(tevix_oni_decode_frame(nullptr, 1, 0, nullptr, 0)), -1},
     });
     tevix_oni_close(nullptr);
     // The failed open leaves the record closed, with nothing allocated.
@@ -336,46 +315,38 @@ TEST_F(null_args, capture_calls) {
     uint8_t buf[64] = {};
     sweep({
         {"frame callback of no record",
-         [&] { return tevix_cap_set_callback_on_frame_ready(nullptr, _on_frame); }, 0,
+         CALL(tevix_cap_set_callback_on_frame_ready(nullptr, _on_frame)), 0,
          "[tevix_cap_set_callback_on_frame_ready] Device handler Is NULL!\r\n"},
         {"error callback of a closed record",
-         [&] { return tevix_cap_set_callback_on_error(&closed_, _on_error); }, 0,
+         CALL(tevix_cap_set_callback_on_error(&closed_, _on_error)), 0,
          "[tevix_cap_set_callback_on_error] Device handler Is NULL!\r\n"},
-        {"start of no record", [&] { return tevix_cap_start(nullptr); }, 0,
+        {"start of no record", CALL(tevix_cap_start(nullptr)), 0,
          "[tevix_cap_start] Device handler Is NULL!\r\n"},
-        {"stop of a closed record", [&] { return tevix_cap_stop(&closed_); }, 0,
+        {"stop of a closed record", CALL(tevix_cap_stop(&closed_)), 0,
          "[tevix_cap_stop] Device handler Is NULL!\r\n"},
-        {"ongoing of no record", [&] { return tevix_cap_is_ongoing(nullptr); }, 0},
-        {"ongoing of a closed record", [&] { return tevix_cap_is_ongoing(&closed_); }, 0},
-        {"config of no record", [&] { return tevix_cap_config_set(nullptr, &cfg); }, 0},
-        {"config of a closed record", [&] { return tevix_cap_config_set(&closed_, &cfg); }, 1,
+        {"ongoing of no record", CALL(tevix_cap_is_ongoing(nullptr)), 0},
+        {"ongoing of a closed record", CALL(tevix_cap_is_ongoing(&closed_)), 0},
+        {"config of no record", CALL(tevix_cap_config_set(nullptr, &cfg)), 0},
+        {"config of a closed record", CALL(tevix_cap_config_set(&closed_, &cfg)), 1,
          "[tevix_cap_config_set]Cannot set capture config when device is closed \n"},
-        {"config read of no record", [&] { return tevix_cap_config_get(nullptr, &cfg); }, 0},
-        {"config read into nothing", [&] { return tevix_cap_config_get(&dev_, nullptr); }, 0},
-        {"config read of a closed record", [&] { return tevix_cap_config_get(&closed_, &cfg); }, 0},
-        {"pull of a closed record",
-         [&] { return tevix_cap_get_frames(&closed_, 1, buf, sizeof buf, &info); }, -1,
+        {"config read of no record", CALL(tevix_cap_config_get(nullptr, &cfg)), 0},
+        {"config read into nothing", CALL(tevix_cap_config_get(&dev_, nullptr)), 0},
+        {"config read of a closed record", CALL(tevix_cap_config_get(&closed_, &cfg)), 0},
+        {"pull of a closed record", CALL(tevix_cap_get_frames(&closed_, 1, buf, sizeof buf, &info)),
+         -1, "[tevix_cap_get_frames]Wrong params\n"},
+        {"pull of zero frames", CALL(tevix_cap_get_frames(&dev_, 0, buf, sizeof buf, &info)), -1,
          "[tevix_cap_get_frames]Wrong params\n"},
-        {"pull of zero frames",
-         [&] { return tevix_cap_get_frames(&dev_, 0, buf, sizeof buf, &info); }, -1,
-         "[tevix_cap_get_frames]Wrong params\n"},
-        {"one frame of no record",
-         [&] { return tevix_cap_get_frame(nullptr, buf, sizeof buf, &info); }, -1,
+        {"one frame of no record", CALL(tevix_cap_get_frame(nullptr, buf, sizeof buf, &info)), -1,
          "[tevix_cap_get_frame]Wrong params\n"},
-        {"one frame into nothing while idle",
-         [&] { return tevix_cap_get_frame(&dev_, nullptr, 0, nullptr); }, TEVIX_ERR_CAP_WRONG_STATE,
-         "[tevix_cap_get_frame]device is not capturing\n"},
-        {"snapshot of a closed record",
-         [&] { return tevix_cap_snapshot(&closed_, buf, sizeof buf, &info); }, 0,
-         "[tevix_cap_snapshot]wrong parameters\n"},
-        {"save without a record", [&] { return tevix_cap_save_frame(nullptr, buf, 0, &info); },
-         -22},
-        {"save of a closed record", [&] { return tevix_cap_save_frame(&closed_, buf, 0, &info); },
-         -22},
-        {"save of no data", [&] { return tevix_cap_save_frame(&dev_, nullptr, 0, &info); }, -22},
-        {"save without frame info", [&] { return tevix_cap_save_frame(&dev_, buf, 0, nullptr); },
-         -22},
-        {"seek of no record", [&] { return tevix_cap_seek_frame(nullptr, 0, 0); }, -1,
+        {"one frame into nothing while idle", CALL(tevix_cap_get_frame(&dev_, nullptr, 0, nullptr)),
+         TEVIX_ERR_CAP_WRONG_STATE, "[tevix_cap_get_frame]device is not capturing\n"},
+        {"snapshot of a closed record", CALL(tevix_cap_snapshot(&closed_, buf, sizeof buf, &info)),
+         0, "[tevix_cap_snapshot]wrong parameters\n"},
+        {"save without a record", CALL(tevix_cap_save_frame(nullptr, buf, 0, &info)), -22},
+        {"save of a closed record", CALL(tevix_cap_save_frame(&closed_, buf, 0, &info)), -22},
+        {"save of no data", CALL(tevix_cap_save_frame(&dev_, nullptr, 0, &info)), -22},
+        {"save without frame info", CALL(tevix_cap_save_frame(&dev_, buf, 0, nullptr)), -22},
+        {"seek of no record", CALL(tevix_cap_seek_frame(nullptr, 0, 0)), -1,
          "[tevix_cap_seek_frame] Device handler Is NULL!\r\n"},
         {"a ready list of no frames cannot start",
          [&] {
@@ -392,70 +363,53 @@ TEST_F(null_args, frame_decoding_calls) {
     std::vector<uint16_t> u16(k_n);
     std::vector<float> f32(k_n);
     const uint8_t *raw = raw_.data();
-    const uint32_t raw_len = info_.size;
     tevix_frame_info_t bad = info_;
     bad.format = k_bad_format;
-    using u16_getter = int (*)(tevix_dev_t *, uint16_t *, uint32_t, const uint8_t *, uint32_t,
-                               const tevix_frame_info_t *);
-    using f32_getter = int (*)(tevix_dev_t *, float *, uint32_t, const uint8_t *, uint32_t,
-                               const tevix_frame_info_t *);
-    // Reported names: the two plain float getters speak as their typed twins.
-    const std::vector<std::pair<u16_getter, const char *>> u16s = {
-        {tevix_frame_get_dist_raw, "tevix_frame_get_dist_raw"},
-        {tevix_frame_get_dist_u16, "tevix_frame_get_dist_u16"},
-        {tevix_frame_get_gray_u16, "tevix_frame_get_gray_u16"}};
-    const std::vector<std::pair<f32_getter, const char *>> f32s = {
-        {tevix_frame_get_dist_f32, "tevix_frame_get_dist_f32"},
-        {tevix_frame_get_distance, "tevix_frame_get_dist_f32"},
-        {tevix_frame_get_gray_f32, "tevix_frame_get_gray_f32"},
-        {tevix_frame_get_gray, "tevix_frame_get_gray_f32"}};
+    // One row a refusal, run by every getter: device, no destination, destination length,
+    // raw bytes, raw length, frame info; the result and the line after the getter's name.
+    struct row {
+        tevix_dev_t *dev;
+        bool dst;
+        uint32_t dst_len;
+        const uint8_t *raw;
+        uint32_t raw_len;
+        const tevix_frame_info_t *info;
+        int expect;
+        const char *text;
+    };
+    const row rows[] = {
+        {nullptr, true, k_n, raw, info_.size, &info_, -1, " Device handler Is NULL!\r\n"},
+        {&closed_, true, k_n, raw, info_.size, &info_, -1, " Device handler Is NULL!\r\n"},
+        {&dev_, false, k_n, raw, info_.size, &info_, 0, "wrong dst_len: 32 (wxh=8x4)\n"},
+        {&dev_, true, k_n - 1, raw, info_.size, &info_, 0, "wrong dst_len: 31 (wxh=8x4)\n"},
+        {&dev_, true, 0, raw, info_.size, &info_, 0, "wrong dst_len: 0 (wxh=8x4)\n"},
+        {&dev_, true, k_n, nullptr, info_.size, &info_, 0,
+         "raw frame length too small: datalen=256, frlen=256\n"},
+        {&dev_, true, k_n, raw, 0, &info_, 0, "raw frame length too small: datalen=0, frlen=256\n"},
+        {&dev_, true, k_n, raw, info_.size, &bad, 0, "raw frame decode to "},
+    };
     std::vector<std::string> lines;  // kept alive for the cases below
     lines.reserve(64);
-    auto line = [&](const char *name, const std::string &text) {
-        lines.push_back(std::string("[") + name + "]" + text);
-        return lines.back().c_str();
-    };
     std::vector<call_case> cases;
-    for (const auto &[get, name] : u16s) {
-        cases.push_back(
-            {name, [&, get = get] { return get(nullptr, u16.data(), k_n, raw, raw_len, &info_); },
-             -1, line(name, " Device handler Is NULL!\r\n")});
-        cases.push_back(
-            {name, [&, get = get] { return get(&closed_, u16.data(), k_n, raw, raw_len, &info_); },
-             -1, line(name, " Device handler Is NULL!\r\n")});
-        cases.push_back({name,
-                         [&, get = get] { return get(&dev_, nullptr, k_n, raw, raw_len, &info_); },
-                         0, line(name, "wrong dst_len: 32 (wxh=8x4)\n")});
-        cases.push_back(
-            {name, [&, get = get] { return get(&dev_, u16.data(), k_n, nullptr, raw_len, &info_); },
-             0, line(name, "raw frame length too small: datalen=256, frlen=256\n")});
-        cases.push_back({name,
-                         [&, get = get] { return get(&dev_, u16.data(), 0, raw, raw_len, &info_); },
-                         0, line(name, "wrong dst_len: 0 (wxh=8x4)\n")});
-        cases.push_back({name,
-                         [&, get = get] { return get(&dev_, u16.data(), k_n, raw, 0, &info_); }, 0,
-                         line(name, "raw frame length too small: datalen=0, frlen=256\n")});
-        cases.push_back({name,
-                         [&, get = get] { return get(&dev_, u16.data(), k_n, raw, raw_len, &bad); },
-                         0, line(name, "raw frame decode to ")});
-    }
-    for (const auto &[get, name] : f32s) {
-        cases.push_back(
-            {name, [&, get = get] { return get(nullptr, f32.data(), k_n, raw, raw_len, &info_); },
-             -1, line(name, " Device handler Is NULL!\r\n")});
-        cases.push_back({name,
-                         [&, get = get] { return get(&dev_, nullptr, k_n, raw, raw_len, &info_); },
-                         0, line(name, "wrong dst_len: 32 (wxh=8x4)\n")});
-        cases.push_back(
-            {name, [&, get = get] { return get(&dev_, f32.data(), k_n - 1, raw, raw_len, &info_); },
-             0, line(name, "wrong dst_len: 31 (wxh=8x4)\n")});
-        cases.push_back({name,
-                         [&, get = get] { return get(&dev_, f32.data(), k_n, nullptr, 0, &info_); },
-                         0, line(name, "raw frame length too small: datalen=0, frlen=256\n")});
-        cases.push_back({name,
-                         [&, get = get] { return get(&dev_, f32.data(), k_n, raw, raw_len, &bad); },
-                         0, line(name, "raw frame decode to ")});
-    }
+    // Reported names: the two plain float getters speak as their typed twins.
+    auto add = [&](auto get, const char *name, auto &dst) {
+        for (const row &r : rows) {
+            lines.push_back(std::string("[") + name + "]" + r.text);
+            cases.push_back({name,
+                             [&dst, get, r] {
+                                 return get(r.dev, r.dst ? dst.data() : nullptr, r.dst_len, r.raw,
+                                            r.raw_len, r.info);
+                             },
+                             r.expect, lines.back().c_str()});
+        }
+    };
+    add(tevix_frame_get_dist_raw, "tevix_frame_get_dist_raw", u16);
+    add(tevix_frame_get_dist_u16, "tevix_frame_get_dist_u16", u16);
+    add(tevix_frame_get_gray_u16, "tevix_frame_get_gray_u16", u16);
+    add(tevix_frame_get_dist_f32, "tevix_frame_get_dist_f32", f32);
+    add(tevix_frame_get_distance, "tevix_frame_get_dist_f32", f32);
+    add(tevix_frame_get_gray_f32, "tevix_frame_get_gray_f32", f32);
+    add(tevix_frame_get_gray, "tevix_frame_get_gray_f32", f32);
     sweep(cases);
     EXPECT_EQ(dev_.busy, 0);
 }
@@ -481,11 +435,11 @@ TEST_F(null_args, point_cloud_and_lens_calls) {
                                         nullptr);
     };
     sweep({
-        {"cloud of no record", [&] { return cloud(nullptr, P, 3 * k_n, D, k_n); }, 0},
-        {"cloud into nothing", [&] { return cloud(&dev_, nullptr, 3 * k_n, D, k_n); }, 0,
+        {"cloud of no record", CALL(cloud(nullptr, P, 3 * k_n, D, k_n)), 0},
+        {"cloud into nothing", CALL(cloud(&dev_, nullptr, 3 * k_n, D, k_n)), 0,
          "[tevix_frame_get_pcl]Pcl output buffer too small"},
-        {"cloud of no distances", [&] { return cloud(&dev_, P, 3 * k_n, nullptr, k_n); }, 0},
-        {"cloud of too few distances", [&] { return cloud(&dev_, P, 3 * k_n, D, k_n - 1); }, 0},
+        {"cloud of no distances", CALL(cloud(&dev_, P, 3 * k_n, nullptr, k_n)), 0},
+        {"cloud of too few distances", CALL(cloud(&dev_, P, 3 * k_n, D, k_n - 1)), 0},
         {"cloud without any lens",
          [&] {
              dev_.session->drv = &g_blind_drv;
@@ -494,66 +448,51 @@ TEST_F(null_args, point_cloud_and_lens_calls) {
              return r;
          },
          0, "[tevix_frame_get_pcl]Cannot generate PCL: no lens parameter in driver.\n"},
-        {"cloud of an empty image",
-         [&] { return tevix_frame_get_pcl(&dev_, P, 0, D, 0, 0, k_h, nullptr); }, 0},
-        {"xyzd into nothing", [&] { return xyzd(&dev_, nullptr, 4 * k_n, D, 1); }, 0,
+        {"cloud of an empty image", CALL(tevix_frame_get_pcl(&dev_, P, 0, D, 0, 0, k_h, nullptr)),
+         0},
+        {"xyzd into nothing", CALL(xyzd(&dev_, nullptr, 4 * k_n, D, 1)), 0,
          "[tevix_frame_get_pcl_xyzd]Pcl output buffer too small: only 128 floats, needs 32 x 4 "
          "floats\n"},
-        {"xyzd into three floats a point", [&] { return xyzd(&dev_, P, 3 * k_n, D, 0); }, 0,
+        {"xyzd into three floats a point", CALL(xyzd(&dev_, P, 3 * k_n, D, 0)), 0,
          "only 96 floats, needs 32 x 4 floats\n"},
-        {"xyzd of no distances", [&] { return xyzd(&dev_, P, 4 * k_n, nullptr, 1); }, 0},
-        {"xyzd of a closed record", [&] { return xyzd(&closed_, P, 4 * k_n, D, 0); }, 0},
-        {"xyzi of no distances", [&] { return xyzi(P, 4 * k_n, nullptr, 0); }, 0},
-        {"xyzi below the balance range", [&] { return xyzi(P, 4 * k_n, D, -1025); }, 0,
+        {"xyzd of no distances", CALL(xyzd(&dev_, P, 4 * k_n, nullptr, 1)), 0},
+        {"xyzd of a closed record", CALL(xyzd(&closed_, P, 4 * k_n, D, 0)), 0},
+        {"xyzi of no distances", CALL(xyzi(P, 4 * k_n, nullptr, 0)), 0},
+        {"xyzi below the balance range", CALL(xyzi(P, 4 * k_n, D, -1025)), 0,
          "[tevix_frame_get_pcl_xyzi] wrong ir_balance value: -1025\n"},
-        {"xyzi into too few floats", [&] { return xyzi(P, 4 * k_n - 1, D, 0); }, 0,
+        {"xyzi into too few floats", CALL(xyzi(P, 4 * k_n - 1, D, 0)), 0,
          "[tevix_frame_get_pcl_xyzi]Pcl output buffer too small: only 127 floats"},
-        {"lens switches of no record", [&] { return tevix_lens_calib_config_set(nullptr, &lcfg); },
-         0},
-        {"lens switches from nothing", [&] { return tevix_lens_calib_config_set(&dev_, nullptr); },
-         0},
-        {"lens switches read of no record",
-         [&] { return _is_set(tevix_lens_calib_config_get(nullptr)); }, 0},
+        {"lens switches of no record", CALL(tevix_lens_calib_config_set(nullptr, &lcfg)), 0},
+        {"lens switches from nothing", CALL(tevix_lens_calib_config_set(&dev_, nullptr)), 0},
+        {"lens switches read of no record", CALL(_is_set(tevix_lens_calib_config_get(nullptr))), 0},
         {"lens switches read of a closed record",
-         [&] { return _is_set(tevix_lens_calib_config_get(&closed_)); }, 0},
+         CALL(_is_set(tevix_lens_calib_config_get(&closed_))), 0},
         {"apply on no record",
-         [&] { return tevix_lens_calib_apply(nullptr, I, k_n, I, k_n, 1, 0, &info_, nullptr); }, 0,
+         CALL(tevix_lens_calib_apply(nullptr, I, k_n, I, k_n, 1, 0, &info_, nullptr)), 0,
          arg_error},
         {"apply on a closed record",
-         [&] {
-             return tevix_lens_calib_apply_gray_u16(&closed_, I16, k_n, I16, k_n, &info_, nullptr);
-         },
-         0, arg_error},
+         CALL(tevix_lens_calib_apply_gray_u16(&closed_, I16, k_n, I16, k_n, &info_, nullptr)), 0,
+         arg_error},
         {"distances into nothing",
-         [&] {
-             return tevix_lens_calib_apply_dist_f32(&dev_, nullptr, k_n, I, k_n, 0, &info_,
-                                                    nullptr);
-         },
-         0, arg_error},
+         CALL(tevix_lens_calib_apply_dist_f32(&dev_, nullptr, k_n, I, k_n, 0, &info_, nullptr)), 0,
+         arg_error},
         {"distances from nothing",
-         [&] {
-             return tevix_lens_calib_apply_dist_u16(&dev_, I16, k_n, nullptr, k_n, 1, &info_,
-                                                    nullptr);
-         },
+         CALL(tevix_lens_calib_apply_dist_u16(&dev_, I16, k_n, nullptr, k_n, 1, &info_, nullptr)),
          0, arg_error},
         {"grey without frame info",
-         [&] { return tevix_lens_calib_apply_gray_f32(&dev_, I, k_n, I, k_n, nullptr, nullptr); },
-         0, arg_error},
+         CALL(tevix_lens_calib_apply_gray_f32(&dev_, I, k_n, I, k_n, nullptr, nullptr)), 0,
+         arg_error},
         {"grey from a short source",
-         [&] {
-             return tevix_lens_calib_apply_gray_u16(&dev_, I16, k_n, I16, k_n - 1, &info_, nullptr);
-         },
-         0,
+         CALL(tevix_lens_calib_apply_gray_u16(&dev_, I16, k_n, I16, k_n - 1, &info_, nullptr)), 0,
          "[tevix_lens_calib_apply]lens_calib_apply dst_len or src_len too small: dst_len=32, "
          "src_len=31\n"},
         {"distances into a short destination",
-         [&] { return tevix_lens_calib_apply_dist_f32(&dev_, I, 0, I, k_n, 2, &info_, nullptr); },
-         0, "dst_len=0, src_len=32\n"},
-        {"lens of no record", [&] { return tevix_lens_param_get(nullptr, &lens); }, 0},
-        {"lens into nothing", [&] { return tevix_lens_param_get(&dev_, nullptr); }, 0},
-        {"lens written from nothing", [&] { return tevix_lens_param_set(&dev_, nullptr); }, 0},
-        {"lens written to a closed record", [&] { return tevix_lens_param_set(&closed_, &lens); },
-         0},
+         CALL(tevix_lens_calib_apply_dist_f32(&dev_, I, 0, I, k_n, 2, &info_, nullptr)), 0,
+         "dst_len=0, src_len=32\n"},
+        {"lens of no record", CALL(tevix_lens_param_get(nullptr, &lens)), 0},
+        {"lens into nothing", CALL(tevix_lens_param_get(&dev_, nullptr)), 0},
+        {"lens written from nothing", CALL(tevix_lens_param_set(&dev_, nullptr)), 0},
+        {"lens written to a closed record", CALL(tevix_lens_param_set(&closed_, &lens)), 0},
     });
     for (float v : pcl) ASSERT_EQ(v, -7.0f);  // no refused call wrote a point
     for (float v : img) ASSERT_EQ(v, 1.0f);
@@ -598,23 +537,18 @@ TEST_F(null_args, colour_calls) {
         return tevix_cmap_dist_f32_to_RGB(o, len, px, n, fmt, 0.0f, 4.0f, nullptr);
     };
     sweep({
-        {"palette beyond the last", [&] { return tevix_cmap_palette_set(64); }, 0},
-        {"palette kept", [&] { return tevix_cmap_palette_get(); }, palette},
-        {"u16 colours of nothing", [&] { return u16(O, 8, nullptr, 2, 0); }, -22},
-        {"f32 colours into nothing", [&] { return f32(nullptr, 8, srcf, 2, 0); }, -22},
-        {"f32 colours of nothing", [&] { return f32(O, 8, nullptr, 2, 0); }, -22},
-        {"f32 colours in format 8", [&] { return f32(O, 8, srcf, 2, 8); }, -22},
-        {"u16 colours into less than a pixel", [&] { return u16(O, 2, src16, 2, TEVIX_PIX_RGB); },
-         0},
-        {"f32 colours into less than a 4-byte pixel",
-         [&] { return f32(O, 3, srcf, 2, TEVIX_PIX_ARGB); }, 0},
-        {"u16 colours of no pixels", [&] { return u16(O, 8, src16, 0, TEVIX_PIX_BGR); }, 0},
-        {"infrared into nothing",
-         [&] { return tevix_cmap_gray_u16_to_IR(nullptr, 2, src16, 2, 640); }, 0},
-        {"infrared of nothing",
-         [&] { return tevix_cmap_gray_u16_to_IR(out.data(), 2, nullptr, 2, 640); }, 0},
-        {"f32 infrared into nothing",
-         [&] { return tevix_cmap_gray_f32_to_IR(nullptr, 2, srcf, 2, 640); }, 0},
+        {"palette beyond the last", CALL(tevix_cmap_palette_set(64)), 0},
+        {"palette kept", CALL(tevix_cmap_palette_get()), palette},
+        {"u16 colours of nothing", CALL(u16(O, 8, nullptr, 2, 0)), -22},
+        {"f32 colours into nothing", CALL(f32(nullptr, 8, srcf, 2, 0)), -22},
+        {"f32 colours of nothing", CALL(f32(O, 8, nullptr, 2, 0)), -22},
+        {"f32 colours in format 8", CALL(f32(O, 8, srcf, 2, 8)), -22},
+        {"u16 colours into less than a pixel", CALL(u16(O, 2, src16, 2, TEVIX_PIX_RGB)), 0},
+        {"f32 colours into less than a 4-byte pixel", CALL(f32(O, 3, srcf, 2, TEVIX_PIX_ARGB)), 0},
+        {"u16 colours of no pixels", CALL(u16(O, 8, src16, 0, TEVIX_PIX_BGR)), 0},
+        {"infrared into nothing", CALL(tevix_cmap_gray_u16_to_IR(nullptr, 2, src16, 2, 640)), 0},
+        {"infrared of nothing", CALL(tevix_cmap_gray_u16_to_IR(out.data(), 2, nullptr, 2, 640)), 0},
+        {"f32 infrared into nothing", CALL(tevix_cmap_gray_f32_to_IR(nullptr, 2, srcf, 2, 640)), 0},
         {"f32 infrared of samples beyond any integer",
          [&] {
              const float odd[4] = {NAN, INFINITY, 1e30f, -INFINITY};
@@ -623,8 +557,8 @@ TEST_F(null_args, colour_calls) {
              return n == 4 && ir[0] == 0 && ir[1] == 255 && ir[2] == 255 && ir[3] == 0;
          },
          1},
-        {"f32 infrared of no pixels",
-         [&] { return tevix_cmap_gray_f32_to_IR(out.data(), 2, srcf, 0, 640); }, 0},
+        {"f32 infrared of no pixels", CALL(tevix_cmap_gray_f32_to_IR(out.data(), 2, srcf, 0, 640)),
+         0},
     });
     for (uint8_t b : out) EXPECT_EQ(b, 0xEE);
 
@@ -656,36 +590,33 @@ TEST_F(null_args, parameter_calls) {
     uint32_t values[2] = {};
     tevix_param_item_t item{};
     sweep({
-        {"get of no record", [&] { return tevix_param_batch_get(nullptr, &item, 1); }, 0,
+        {"get of no record", CALL(tevix_param_batch_get(nullptr, &item, 1)), 0,
          "[tevix_param_batch_get] Device handler Is NULL!\r\n"},
-        {"set of missing items", [&] { return tevix_param_batch_set(&dev_, nullptr, 2); }, 0},
-        {"get of missing items", [&] { return tevix_param_batch_get(&dev_, nullptr, 2); }, 0},
-        {"register write of no record",
-         [&] { return tevix_reg_batch_write(nullptr, 1, 0, values, 2); }, 0,
+        {"set of missing items", CALL(tevix_param_batch_set(&dev_, nullptr, 2)), 0},
+        {"get of missing items", CALL(tevix_param_batch_get(&dev_, nullptr, 2)), 0},
+        {"register write of no record", CALL(tevix_reg_batch_write(nullptr, 1, 0, values, 2)), 0,
          "[tevix_reg_batch_write] Device handler Is NULL!\r\n"},
-        {"register read into nothing",
-         [&] { return tevix_reg_batch_read(&dev_, 1, 0, nullptr, 2); }, 0,
+        {"register read into nothing", CALL(tevix_reg_batch_read(&dev_, 1, 0, nullptr, 2)), 0,
          "[tevix_reg_batch_read]target=1,reg_base=0,reg_cnt=2,val_buf=(nil)\n"},
         {"filter on for no record: silent",
-         [&] { return tevix_filter_enable(nullptr, TEVIX_FILTER_MIN_AMP, nullptr); }, -1, ""},
+         CALL(tevix_filter_enable(nullptr, TEVIX_FILTER_MIN_AMP, nullptr)), -1, ""},
         {"filter off for no record: silent",
-         [&] { return tevix_filter_disable(nullptr, TEVIX_FILTER_MIN_AMP); }, -1, ""},
-        {"set of no record", [&] { return tevix_param_batch_set(nullptr, &item, 1); }, 0,
+         CALL(tevix_filter_disable(nullptr, TEVIX_FILTER_MIN_AMP)), -1, ""},
+        {"set of no record", CALL(tevix_param_batch_set(nullptr, &item, 1)), 0,
          "[tevix_param_batch_set] Device handler Is NULL!\r\n"},
-        {"set of a closed record", [&] { return tevix_param_batch_set(&closed_, &item, 1); }, 0,
+        {"set of a closed record", CALL(tevix_param_batch_set(&closed_, &item, 1)), 0,
          "[tevix_param_batch_set] Device handler Is NULL!\r\n"},
-        {"get of a closed record", [&] { return tevix_param_batch_get(&closed_, &item, 1); }, 0,
+        {"get of a closed record", CALL(tevix_param_batch_get(&closed_, &item, 1)), 0,
          "[tevix_param_batch_get] Device handler Is NULL!\r\n"},
         {"register write of a closed record",
-         [&] { return tevix_reg_batch_write(&closed_, 1, 0, values, 1); }, 0,
+         CALL(tevix_reg_batch_write(&closed_, 1, 0, values, 1)), 0,
          "[tevix_reg_batch_write] Device handler Is NULL!\r\n"},
-        {"register read of a closed record",
-         [&] { return tevix_reg_batch_read(&closed_, 1, 0, values, 1); }, 0,
-         "[tevix_reg_batch_read] Device handler Is NULL!\r\n"},
+        {"register read of a closed record", CALL(tevix_reg_batch_read(&closed_, 1, 0, values, 1)),
+         0, "[tevix_reg_batch_read] Device handler Is NULL!\r\n"},
         {"filter on for a closed record",
-         [&] { return tevix_filter_enable(&closed_, TEVIX_FILTER_MIN_AMP, nullptr); }, -1},
+         CALL(tevix_filter_enable(&closed_, TEVIX_FILTER_MIN_AMP, nullptr)), -1},
         {"filter off for a closed record",
-         [&] { return tevix_filter_disable(&closed_, TEVIX_FILTER_MIN_AMP); }, -1},
+         CALL(tevix_filter_disable(&closed_, TEVIX_FILTER_MIN_AMP)), -1},
     });
     EXPECT_EQ(g_ll_calls, 0);  // no refused call reached the device
     // An empty batch or zero registers still go to the device, which answers.
@@ -708,16 +639,16 @@ TEST_F(null_args, transport_calls_on_records_never_opened) {
         SCOPED_TRACE(usb ? "usb" : "file");
         const long long accepts = usb ? 0 : 1;
         sweep({
-            {"command", [&] { return tevix_ll_exe_cmd(&rec, 0, 0xCC, 0, data, 16, 10); }, accepts},
-            {"bulk data", [&] { return tevix_ll_tx_data(&rec, data, 16) <= 0; }, 1},
-            {"start", [&] { return tevix_ll_cap_start(&rec, 0, nullptr, nullptr); }, 0},
-            {"stop", [&] { return tevix_ll_cap_stop(&rec); }, 0},
-            {"seek", [&] { return tevix_ll_cap_seek(&rec, 1, 0); }, -1},
-            {"reset", [&] { return tevix_ll_dev_reset(&rec, 1); }, 0},
-            {"register write", [&] { return tevix_ll_reg_write(&rec, 1, 0, data, 2); }, accepts},
-            {"register read", [&] { return tevix_ll_reg_read(&rec, 1, 0, data, 2); }, accepts},
-            {"parameters set", [&] { return tevix_ll_param_set(&rec, wire, 2); }, accepts},
-            {"parameters get", [&] { return tevix_ll_param_get(&rec, nullptr, 2); }, accepts},
+            {"command", CALL(tevix_ll_exe_cmd(&rec, 0, 0xCC, 0, data, 16, 10)), accepts},
+            {"bulk data", CALL(tevix_ll_tx_data(&rec, data, 16) <= 0), 1},
+            {"start", CALL(tevix_ll_cap_start(&rec, 0, nullptr, nullptr)), 0},
+            {"stop", CALL(tevix_ll_cap_stop(&rec)), 0},
+            {"seek", CALL(tevix_ll_cap_seek(&rec, 1, 0)), -1},
+            {"reset", CALL(tevix_ll_dev_reset(&rec, 1)), 0},
+            {"register write", CALL(tevix_ll_reg_write(&rec, 1, 0, data, 2)), accepts},
+            {"register read", CALL(tevix_ll_reg_read(&rec, 1, 0, data, 2)), accepts},
+            {"parameters set", CALL(tevix_ll_param_set(&rec, wire, 2)), accepts},
+            {"parameters get", CALL(tevix_ll_param_get(&rec, nullptr, 2)), accepts},
             {"abort, wait and close",
              [&] {
                  tevix_ll_cap_abort(&rec);
@@ -741,7 +672,7 @@ TEST_F(null_args, transport_calls_on_records_never_opened) {
     tevix::ll::backend_swap(tevix::ll::k_backend_file, nullptr);
     tevix_ll_dev_t list[2] = {}, any{};
     sweep({
-        {"start without backends", [&] { return tevix_ll_init(); }, 0,
+        {"start without backends", CALL(tevix_ll_init()), 0,
          "[tevix_ll_init]ll_init failed: ll[0]\n"},
         {"debug level and stop without backends",
          [&] {
@@ -750,11 +681,9 @@ TEST_F(null_args, transport_calls_on_records_never_opened) {
              return 0;
          },
          0, ""},
-        {"list without backends", [&] { return tevix_ll_dev_list(list, 2) + list[0].is_listed; },
-         0},
-        {"open without backends", [&] { return _is_set(tevix_ll_dev_open(&any)); }, 0},
-        {"open by descriptor without backends",
-         [&] { return _is_set(tevix_ll_dev_open_by_fd(&any, 3)); }, 0},
+        {"list without backends", CALL(tevix_ll_dev_list(list, 2) + list[0].is_listed), 0},
+        {"open without backends", CALL(_is_set(tevix_ll_dev_open(&any))), 0},
+        {"open by descriptor without backends", CALL(_is_set(tevix_ll_dev_open_by_fd(&any, 3))), 0},
     });
 }
 
@@ -767,17 +696,13 @@ TEST_F(null_args, calibration_file_calls) {
     tevix_dev_t dev{};
     std::string prefix = dir_.path().string() + "/";
     dev.path_prefix = prefix.c_str();
-    {
-        std::FILE *f = std::fopen(dir_.file("lens_param.txt").c_str(), "w");
-        ASSERT_NE(f, nullptr);
-        std::fputs("160 120 200 200 0.1 0.01 320 240\n", f);
-        std::fclose(f);
-    }
+    ASSERT_TRUE(
+        tevix::test::write_text(dir_.file("lens_param.txt"), "160 120 200 200 0.1 0.01 320 240\n"));
     sweep({
-        {"open into no handle",
-         [&] { return tevix_param_open_file(nullptr, dir_.file("x.bin").c_str()); }, 0},
-        {"open of no path", [&] { return tevix_param_open_file(&handle, nullptr) + handle.opened; },
-         0, "[tevix_param_open_file]open calib bin failed: \n"},
+        {"open into no handle", CALL(tevix_param_open_file(nullptr, dir_.file("x.bin").c_str())),
+         0},
+        {"open of no path", CALL(tevix_param_open_file(&handle, nullptr) + handle.opened), 0,
+         "[tevix_param_open_file]open calib bin failed: \n"},
         {"close of no handle and of a closed one",
          [&] {
              tevix_param_close(nullptr);
@@ -786,15 +711,13 @@ TEST_F(null_args, calibration_file_calls) {
          },
          1},
         {"container name of no record",
-         [&] {
-             return std::strcmp(tevix_get_param_absolute_name(nullptr, buf, sizeof buf),
-                                "tevix_param_0.bin");
-         },
+         CALL(std::strcmp(tevix_get_param_absolute_name(nullptr, buf, sizeof buf),
+                          "tevix_param_0.bin")),
          0},
         {"container name into nothing",
-         [&] { return _is_set(tevix_get_param_absolute_name(&dev, nullptr, 64)); }, 0},
+         CALL(_is_set(tevix_get_param_absolute_name(&dev, nullptr, 64))), 0},
         {"container name into zero bytes",
-         [&] { return tevix_get_param_absolute_name(&dev, tiny.data(), 0)[0]; }, 'X'},
+         CALL(tevix_get_param_absolute_name(&dev, tiny.data(), 0)[0]), 'X'},
         {"container name cut to six bytes",
          [&] {
              dev.path_prefix = nullptr;
@@ -804,17 +727,13 @@ TEST_F(null_args, calibration_file_calls) {
          },
          0},
         {"lens name of no record",
-         [&] {
-             return std::strcmp(tevix_lens_param_filename(nullptr, buf, 64, 0, 1),
-                                "lens_param_0.txt");
-         },
+         CALL(std::strcmp(tevix_lens_param_filename(nullptr, buf, 64, 0, 1), "lens_param_0.txt")),
          0},
         {"lens name into nothing",
-         [&] { return _is_set(tevix_lens_param_filename(&dev, nullptr, 64, 1, 1)); }, 0},
+         CALL(_is_set(tevix_lens_param_filename(&dev, nullptr, 64, 1, 1))), 0},
         {"lens name into one byte",
-         [&] { return std::strlen(tevix_lens_param_filename(&dev, buf, 1, 1, 0)); }, 0},
-        {"binary lens of no name",
-         [&] { return _is_set(tevix_param_len_bin_load(nullptr, nullptr)); }, 0,
+         CALL(std::strlen(tevix_lens_param_filename(&dev, buf, 1, 1, 0))), 0},
+        {"binary lens of no name", CALL(_is_set(tevix_param_len_bin_load(nullptr, nullptr))), 0,
          "[tevix_param_len_bin_load] Load : skipped\n"},
         {"free of nothing",
          [&] {
@@ -823,10 +742,9 @@ TEST_F(null_args, calibration_file_calls) {
          },
          0},
         {"text lens into no record",
-         [&] { return tevix_param_load_len_2d_file(&dev, nullptr, "lens_param.txt"); }, 0,
+         CALL(tevix_param_load_len_2d_file(&dev, nullptr, "lens_param.txt")), 0,
          "[tevix_param_load_len_2d_file] Load lens_param.txt: skipped\n"},
-        {"text lens of no name",
-         [&] { return tevix_param_load_len_2d_file(nullptr, &lens, nullptr); }, 0},
+        {"text lens of no name", CALL(tevix_param_load_len_2d_file(nullptr, &lens, nullptr)), 0},
     });
     // The calibration station: nothing moves before the arguments and the camera are right.
     static int placed = 0;
@@ -844,21 +762,20 @@ TEST_F(null_args, calibration_file_calls) {
     one_distance.n_distances = 1;
     no_temps.n_temps = 2;
     sweep({
-        {"station of no device", [&] { return station(nullptr, cfg, out.c_str()); }, 0,
+        {"station of no device", CALL(station(nullptr, cfg, out.c_str())), 0,
          "[tevix_calib_station] Device handler Is NULL!\r\n"},
-        {"station of a closed device", [&] { return station(&closed_, cfg, out.c_str()); }, 0},
-        {"station without configuration",
-         [&] { return tevix_calib_station(&dev_, nullptr, out.c_str()); }, 0,
+        {"station of a closed device", CALL(station(&closed_, cfg, out.c_str())), 0},
+        {"station without configuration", CALL(tevix_calib_station(&dev_, nullptr, out.c_str())), 0,
          "[tevix_calib_station]Wrong params\n"},
-        {"station without a file", [&] { return station(&dev_, cfg, nullptr); }, 0,
+        {"station without a file", CALL(station(&dev_, cfg, nullptr)), 0,
          "[tevix_calib_station]Wrong params\n"},
-        {"station without a mover", [&] { return station(&dev_, no_place, out.c_str()); }, 0,
+        {"station without a mover", CALL(station(&dev_, no_place, out.c_str())), 0,
          "[tevix_calib_station]Wrong params\n"},
-        {"station of one distance", [&] { return station(&dev_, one_distance, out.c_str()); }, 0,
+        {"station of one distance", CALL(station(&dev_, one_distance, out.c_str())), 0,
          "[tevix_calib_station]Wrong params\n"},
-        {"station of temperatures not given", [&] { return station(&dev_, no_temps, out.c_str()); },
-         0, "[tevix_calib_station]Wrong params\n"},
-        {"station of a camera that is not EPC", [&] { return station(&dev_, cfg, out.c_str()); }, 0,
+        {"station of temperatures not given", CALL(station(&dev_, no_temps, out.c_str())), 0,
+         "[tevix_calib_station]Wrong params\n"},
+        {"station of a camera that is not EPC", CALL(station(&dev_, cfg, out.c_str())), 0,
          "[tevix_calib_station]the station calibrates EPC cameras only (chip X1)\n"},
     });
     EXPECT_EQ(placed, 0);
@@ -888,13 +805,13 @@ TEST_F(null_args, log_calls) {
     auto size = [&] { return static_cast<long long>(tevix::test::read_file(path).size()); };
     sweep({
         {"console level of a context never started",
-         [&] { return vx_log_cfg(&off, VX_LOG_TARGET_CONSOLE, VX_LOG_ERR, 1); }, 0},
-        {"the flush switch is kept all the same", [&] { return off.flush[0]; }, 1},
+         CALL(vx_log_cfg(&off, VX_LOG_TARGET_CONSOLE, VX_LOG_ERR, 1)), 0},
+        {"the flush switch is kept all the same", CALL(off.flush[0]), 1},
         {"file level of a context never started",
-         [&] { return vx_log_cfg(&off, VX_LOG_TARGET_FILE, VX_LOG_ERR, 0); }, 0},
+         CALL(vx_log_cfg(&off, VX_LOG_TARGET_FILE, VX_LOG_ERR, 0)), 0},
         {"third level of a context never started",
-         [&] { return vx_log_cfg(&off, VX_LOG_TARGET_THIRD, VX_LOG_ERR, 0); }, 0},
-        {"a target beyond the three", [&] { return vx_log_cfg(&mine, 3, VX_LOG_ERR, 1); }, 0},
+         CALL(vx_log_cfg(&off, VX_LOG_TARGET_THIRD, VX_LOG_ERR, 0)), 0},
+        {"a target beyond the three", CALL(vx_log_cfg(&mine, 3, VX_LOG_ERR, 1)), 0},
         {"rotation, reload and uninit of a context never started",
          [&] {
              vx_log_rotate_enable(&off, "backup.log", 10);
@@ -981,18 +898,14 @@ TEST_F(null_args, stream_calls) {
              return *vx_ostream_get_cfg(os, &out);
          },
          1},
-        {"header maker settings into nothing",
-         [&] { return _is_set(vx_ostream_get_cfg(os, nullptr)); }, 0},
-        {"header of a negative length",
-         [&] { return vx_ostream_mkhdr(os, hdr, &desc, nullptr, -1); }, -1},
+        {"header maker settings into nothing", CALL(_is_set(vx_ostream_get_cfg(os, nullptr))), 0},
+        {"header of a negative length", CALL(vx_ostream_mkhdr(os, hdr, &desc, nullptr, -1)), -1},
         {"header into nothing, of no frame, of no payload",
-         [&] {
-             return vx_ostream_mkhdr(os, nullptr, &desc, words, 4) +
-                    vx_ostream_mkhdr(os, hdr, nullptr, words, 4) +
-                    vx_ostream_mkhdr(os, hdr, &desc, nullptr, 4);
-         },
+         CALL(vx_ostream_mkhdr(os, nullptr, &desc, words, 4) +
+              vx_ostream_mkhdr(os, hdr, nullptr, words, 4) +
+              vx_ostream_mkhdr(os, hdr, &desc, nullptr, 4)),
          -3},
-        {"assembler of no settings", [&] { return _is_set(vx_stream_create(nullptr)); }, 0},
+        {"assembler of no settings", CALL(_is_set(vx_stream_create(nullptr))), 0},
         {"assembler of nothing",
          [&] {
              vx_stream_set_cfg(nullptr, &cfg);
@@ -1018,14 +931,11 @@ TEST_F(null_args, stream_calls) {
          },
          4},
         {"assembler state and settings into nothing",
-         [&] {
-             return _is_set(vx_stream_get_state(s, nullptr)) +
-                    _is_set(vx_stream_get_cfg(s, nullptr));
-         },
+         CALL(_is_set(vx_stream_get_state(s, nullptr)) + _is_set(vx_stream_get_cfg(s, nullptr))),
          0},
-        {"hash of no bytes", [&] { return vx_stream_hash16(payload, 0, 0xBEEF); }, 0xBEEF},
-        {"feed of no bytes", [&] { return vx_stream_feed_input(s, payload, 0); }, 0},
-        {"feed of a null buffer", [&] { return vx_stream_feed_input(s, nullptr, 100); }, 0},
+        {"hash of no bytes", CALL(vx_stream_hash16(payload, 0, 0xBEEF)), 0xBEEF},
+        {"feed of no bytes", CALL(vx_stream_feed_input(s, payload, 0)), 0},
+        {"feed of a null buffer", CALL(vx_stream_feed_input(s, nullptr, 100)), 0},
         {"one frame, fetched into a negative size",
          [&] {
              vx_ostream_mkhdr(os, wire.data(), &desc, words, 8);
@@ -1066,7 +976,7 @@ TEST_F(null_args, image_routine_calls) {
                        int z) { return vx_pcl_get_xyzd_u16(o, d, nullptr, w, h, k, x, 0, z); };
     sweep({
         {"bilateral filter of no context",
-         [&] { return vx_bpf2d_iir_init(nullptr, k_w, k_h, 0.1f, 0.1f, 0, 100); }, 0},
+         CALL(vx_bpf2d_iir_init(nullptr, k_w, k_h, 0.1f, 0.1f, 0, 100)), 0},
         {"bilateral filter of a context never made",
          [&] {
              vx_bpf2d_iir(&bpf, img.data(), img.data(), k_w, k_h);
@@ -1079,23 +989,20 @@ TEST_F(null_args, image_routine_calls) {
              return _all_zero(bpf);
          },
          1},
-        {"median of no rows", [&] { return vx_median2d_u16(img.data(), k_w, 0, 3); }, 0},
-        {"median of a 4-wide kernel", [&] { return vx_median2d_u16(img.data(), k_w, k_h, 4); }, 0},
-        {"flying pixels of nothing", [&] { return vx_flypix_u16_k3(nullptr, k_w, k_h, 3); }, 0},
-        {"flying pixels of no columns", [&] { return vx_flypix_u16_k5(img.data(), 0, k_h, 3); }, 0},
-        {"holes of nothing", [&] { return vx_fhole_u16_k3(nullptr, k_w, k_h, 0); }, 0},
-        {"gaussian of no rows", [&] { return vx_gauss2d_iir_u16(img.data(), k_w, 0, 0.1f); }, 0},
-        {"map into nothing", [&] { return vx_calib_len_init_map(nullptr, &lens, k_w, k_h); }, 0},
-        {"map of no lens", [&] { return vx_calib_len_init_map(&map, nullptr, k_w, k_h); }, 0},
-        {"map of missing coefficients",
-         [&] { return vx_calib_len_init_map(&map, &no_coef, k_w, k_h); }, 0},
-        {"map of no size", [&] { return vx_calib_len_init_map(&map, &lens, 0, k_h); }, 0},
-        {"map update of nothing", [&] { return vx_calib_len_update_map(nullptr, &lens, k_w, k_h); },
-         0},
-        {"map update of no lens", [&] { return vx_calib_len_update_map(&map, nullptr, k_w, k_h); },
-         0},
+        {"median of no rows", CALL(vx_median2d_u16(img.data(), k_w, 0, 3)), 0},
+        {"median of a 4-wide kernel", CALL(vx_median2d_u16(img.data(), k_w, k_h, 4)), 0},
+        {"flying pixels of nothing", CALL(vx_flypix_u16_k3(nullptr, k_w, k_h, 3)), 0},
+        {"flying pixels of no columns", CALL(vx_flypix_u16_k5(img.data(), 0, k_h, 3)), 0},
+        {"holes of nothing", CALL(vx_fhole_u16_k3(nullptr, k_w, k_h, 0)), 0},
+        {"gaussian of no rows", CALL(vx_gauss2d_iir_u16(img.data(), k_w, 0, 0.1f)), 0},
+        {"map into nothing", CALL(vx_calib_len_init_map(nullptr, &lens, k_w, k_h)), 0},
+        {"map of no lens", CALL(vx_calib_len_init_map(&map, nullptr, k_w, k_h)), 0},
+        {"map of missing coefficients", CALL(vx_calib_len_init_map(&map, &no_coef, k_w, k_h)), 0},
+        {"map of no size", CALL(vx_calib_len_init_map(&map, &lens, 0, k_h)), 0},
+        {"map update of nothing", CALL(vx_calib_len_update_map(nullptr, &lens, k_w, k_h)), 0},
+        {"map update of no lens", CALL(vx_calib_len_update_map(&map, nullptr, k_w, k_h)), 0},
         {"undistort through a map never built",
-         [&] { return vx_calib_len_undistort_u16(&map, img.data(), img.data(), k_w, k_h); }, 0},
+         CALL(vx_calib_len_undistort_u16(&map, img.data(), img.data(), k_w, k_h)), 0},
         {"undistort into nothing",
          [&] {
              bool built = vx_calib_len_init_map(&map, &lens, k_w, k_h);
@@ -1103,7 +1010,7 @@ TEST_F(null_args, image_routine_calls) {
          },
          1},
         {"undistort of another size",
-         [&] { return vx_calib_len_undistort_u16(&map, img.data(), img.data(), k_w, k_h + 1); }, 0},
+         CALL(vx_calib_len_undistort_u16(&map, img.data(), img.data(), k_w, k_h + 1)), 0},
         {"map freed twice",
          [&] {
              vx_calib_len_uninit_map(&map);
@@ -1112,31 +1019,27 @@ TEST_F(null_args, image_routine_calls) {
              return _all_zero(map);
          },
          1},
-        {"points into nothing", [&] { return pts_f32(nullptr, F, k_w, k_h, intr); }, -22},
-        {"points of no distances", [&] { return pts_u16(P, nullptr, k_w, k_h, intr, nullptr, 0); },
-         -22},
-        {"points without intrinsics", [&] { return pts_u16(P, I, k_w, k_h, nullptr, nullptr, 1); },
-         -22},
-        {"points of no columns", [&] { return pts_f32(P, F, 0, k_h, intr); }, 0},
-        {"points of negative rows", [&] { return pts_u16(P, I, k_w, -1, intr, F, 0); }, 0},
+        {"points into nothing", CALL(pts_f32(nullptr, F, k_w, k_h, intr)), -22},
+        {"points of no distances", CALL(pts_u16(P, nullptr, k_w, k_h, intr, nullptr, 0)), -22},
+        {"points without intrinsics", CALL(pts_u16(P, I, k_w, k_h, nullptr, nullptr, 1)), -22},
+        {"points of no columns", CALL(pts_f32(P, F, 0, k_h, intr)), 0},
+        {"points of negative rows", CALL(pts_u16(P, I, k_w, -1, intr, F, 0)), 0},
         {"range of no colour map",
          [&] {
              vx_cmap_set_range(nullptr, 0.0f, 1.0f);
              return vx_cmap_get_palette(nullptr);
          },
          0},
-        {"colour from no colour map", [&] { return vx_cmap_get_color(nullptr, 5); }, 0},
-        {"colour from an empty table", [&] { return vx_cmap_get_color(&cm, 5); }, 0},
+        {"colour from no colour map", CALL(vx_cmap_get_color(nullptr, 5)), 0},
+        {"colour from an empty table", CALL(vx_cmap_get_color(&cm, 5)), 0},
         {"colours with no stride",
-         [&] { return vx_cmap_u16_to_rgb(&cm, img.data(), 1, plane, plane, plane, 0, 0, 9, 0); },
-         -22},
+         CALL(vx_cmap_u16_to_rgb(&cm, img.data(), 1, plane, plane, plane, 0, 0, 9, 0)), -22},
         {"colours of no pixels",
-         [&] { return vx_cmap_f32_to_rgb(&cm, fimg.data(), 0, plane, plane, plane, 1, 0, 9, 1); },
-         0},
+         CALL(vx_cmap_f32_to_rgb(&cm, fimg.data(), 0, plane, plane, plane, 1, 0, 9, 1)), 0},
         {"equalisation into no bins",
-         [&] { return vx_cmap_histeq_u16(img.data(), img.data(), k_n, 0, 5000, 0, 0); }, -22},
+         CALL(vx_cmap_histeq_u16(img.data(), img.data(), k_n, 0, 5000, 0, 0)), -22},
         {"equalisation of no pixels",
-         [&] { return vx_cmap_histeq_f32(fimg.data(), fimg.data(), 0, 0.0f, 1.0f, 4, 1); }, 0},
+         CALL(vx_cmap_histeq_f32(fimg.data(), fimg.data(), 0, 0.0f, 1.0f, 4, 1)), 0},
         {"palette of a colour map never made",
          [&] {
              vx_cmap_t bare{};

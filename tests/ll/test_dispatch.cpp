@@ -53,48 +53,21 @@ struct fake {
     }
 };
 
-const tevix_ll_ops k_usb_ops = {
-    .init = fake<0>::init,
-    .uninit = fake<0>::uninit,
-    .set_debug = fake<0>::set_debug,
-    .dev_open = fake<0>::dev_open,
-    .dev_open_by_fd = fake<0>::dev_open_by_fd,
-    .dev_close = fake<0>::dev_close,
-    .dev_list = fake<0>::dev_list,
-    .exe_cmd = fake<0>::exe_cmd,
-    .tx_data = nullptr,
-    .cap_abort = nullptr,
-    .cap_wait = nullptr,
-    .cap_start = nullptr,
-    .cap_stop = nullptr,
-    .cap_seek = nullptr,
-    .dev_reset = nullptr,
-    .reg_write = nullptr,
-    .reg_read = nullptr,
-    .param_set = nullptr,
-    .param_get = nullptr,
-};
-const tevix_ll_ops k_file_ops = {
-    .init = fake<1>::init,
-    .uninit = fake<1>::uninit,
-    .set_debug = fake<1>::set_debug,
-    .dev_open = fake<1>::dev_open,
-    .dev_open_by_fd = fake<1>::dev_open_by_fd,
-    .dev_close = fake<1>::dev_close,
-    .dev_list = fake<1>::dev_list,
-    .exe_cmd = fake<1>::exe_cmd,
-    .tx_data = nullptr,
-    .cap_abort = nullptr,
-    .cap_wait = nullptr,
-    .cap_start = nullptr,
-    .cap_stop = nullptr,
-    .cap_seek = fake<1>::seek,
-    .dev_reset = nullptr,
-    .reg_write = nullptr,
-    .reg_read = nullptr,
-    .param_set = nullptr,
-    .param_get = nullptr,
-};
+template <int N>
+tevix_ll_ops _fake_ops() {
+    tevix_ll_ops o{};
+    o.init = fake<N>::init;
+    o.uninit = fake<N>::uninit;
+    o.set_debug = fake<N>::set_debug;
+    o.dev_open = fake<N>::dev_open;
+    o.dev_open_by_fd = fake<N>::dev_open_by_fd;
+    o.dev_close = fake<N>::dev_close;
+    o.dev_list = fake<N>::dev_list;
+    o.exe_cmd = fake<N>::exe_cmd;
+    if (N == 1) o.cap_seek = fake<1>::seek;
+    return o;
+}
+const tevix_ll_ops k_usb_ops = _fake_ops<0>(), k_file_ops = _fake_ops<1>();
 
 // The USB stand-in accepts only if_type 0 or 99, the replay one only 2; both claim the record.
 template <int Tag>

@@ -203,12 +203,7 @@ TEST(log, console_is_coloured_on_a_terminal_only) {
 
 TEST_F(log_file, rotation_moves_the_file_to_the_backup_and_starts_empty) {
     std::string backup = dir_.file("test.log.1");
-    {
-        std::FILE *old = std::fopen(backup.c_str(), "wb");
-        ASSERT_NE(old, nullptr);
-        std::fputs("older backup\n", old);
-        std::fclose(old);
-    }
+    ASSERT_TRUE(tevix::test::write_text(backup, "older backup\n"));
     vx_log_rotate_enable(&ctx_, backup.c_str(), 1000);
     std::string line(99, 'a');  // 100 bytes with the newline
     for (int i = 0; i < 10; ++i) vx_log_raw(&ctx_, VX_LOG_ERR, "%s\n", line.c_str());
