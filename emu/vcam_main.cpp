@@ -192,6 +192,12 @@ int _parse(int argc, char **argv, options &o) {
     return optind;
 }
 
+volatile sig_atomic_t g_child = 0;
+
+void _forward_signal(int sig) {
+    if (g_child > 0) kill(static_cast<pid_t>(g_child), sig);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -278,7 +284,15 @@ int main(int argc, char **argv) {
         for (size_t i = 0; i < tb.size(); ++i) tb.at(i)->replug();
     });
 
+    // Ctrl-C reaches the command through the terminal's process group; a SIGTERM or SIGHUP sent
+    // to us alone is passed on, so that stopping the wrapper never leaves the command running.
     signal(SIGINT, SIG_IGN);
+    g_child = pid;
+    struct sigaction sa {};
+    sa.sa_handler = _forward_signal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGHUP, &sa, nullptr);
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }

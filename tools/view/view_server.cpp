@@ -21,6 +21,7 @@ namespace {
 
 constexpr uint32_t k_raw_capacity = 8u << 20;
 constexpr int k_max_streams = 4;
+constexpr uint64_t k_in_flight = 2;  // frames a page has not read yet, at most
 constexpr size_t k_header = 64;
 
 uint64_t _wall_ms() {
@@ -193,12 +194,23 @@ bool server::_want_capture() {
     return clients_ > 0 || recording_;
 }
 
-std::shared_ptr<const frame_msg> server::_wait_newer(uint64_t seen, int timeout_ms) {
+std::shared_ptr<const frame_msg> server::_wait_to_send(uint64_t stream, uint64_t seen,
+                                                       int timeout_ms) {
     std::unique_lock lk(m_);
-    cv_.wait_for(lk, std::chrono::milliseconds(timeout_ms),
-                 [&] { return quit_ || (latest_ && latest_->seq > seen); });
-    if (latest_ && latest_->seq > seen) return latest_;
-    return nullptr;
+    // A page that has stopped reading still gets a frame a second: only a write finds out that
+    // the page is gone (its connection then ends and its stream is released).
+    const auto ready = [&] {
+        const auto it = streams_.find(stream);
+        if (it == streams_.end() || !latest_ || latest_->seq <= seen) return false;
+        return it->second.sent - it->second.read < k_in_flight ||
+               std::chrono::steady_clock::now() - it->second.last > std::chrono::seconds(1);
+    };
+    cv_.wait_for(lk, std::chrono::milliseconds(timeout_ms), [&] { return quit_ || ready(); });
+    if (quit_ || !ready()) return nullptr;
+    stream_pace &p = streams_[stream];
+    ++p.sent;
+    p.last = std::chrono::steady_clock::now();
+    return latest_;
 }
 
 // Stops the capture and starts it again with the recording and playback settings.
@@ -454,27 +466,56 @@ void server::_routes() {
             clients_.fetch_sub(1);
             return _refuse(res, 503, "too many viewers");
         }
+        uint64_t id = 0;
+        {
+            std::lock_guard lk(m_);
+            id = ++stream_ids_;
+            streams_[id] = stream_pace{};
+        }
         cv_.notify_all();
         res.set_header("Cache-Control", "no-store");
-        // Each page gets the newest frame whenever it can take one: a slow page skips frames,
-        // nothing queues. A closed page ends the write, which ends its stream.
+        res.set_header("X-Tevix-Stream", std::to_string(id));
+        // Each page gets the newest frame whenever it has taken the ones before: at most
+        // k_in_flight frames are on their way (in socket buffers, not yet read by the page), so a
+        // slow page skips frames and sees fresh ones; nothing queues.
         auto seen = std::make_shared<uint64_t>(0);
         res.set_chunked_content_provider(
             "application/octet-stream",
-            [this, seen](size_t, httplib::DataSink &sink) {
+            [this, seen, id](size_t, httplib::DataSink &sink) {
                 while (!quit_) {
                     if (!sink.is_writable()) return false;
-                    auto msg = _wait_newer(*seen, 500);
+                    auto msg = _wait_to_send(id, *seen, 500);
                     if (!msg) continue;
                     *seen = msg->seq;
                     return sink.write(msg->bytes.data(), msg->bytes.size());
                 }
                 return false;
             },
-            [this](bool) {
+            [this, id](bool) {
+                {
+                    std::lock_guard lk(m_);
+                    streams_.erase(id);
+                }
                 clients_.fetch_sub(1);
                 cv_.notify_all();
             });
+    });
+    // A page says how many frames of its stream it has read, whenever it paints.
+    s.Post("/api/ack", [this](const httplib::Request &req, httplib::Response &res) {
+        long long id = 0, n = 0;
+        if (!_int(req.get_param_value("stream"), 1, INT64_MAX, &id) ||
+            !_int(req.get_param_value("frames"), 0, INT64_MAX, &n))
+            return _refuse(res, 400, "ack wants stream and frames, whole numbers");
+        {
+            std::lock_guard lk(m_);
+            auto it = streams_.find(static_cast<uint64_t>(id));
+            if (it == streams_.end()) return _refuse(res, 404, "no such stream");
+            if (static_cast<uint64_t>(n) > it->second.sent)
+                return _refuse(res, 400, "more frames acknowledged than sent");
+            it->second.read = std::max(it->second.read, static_cast<uint64_t>(n));
+        }
+        cv_.notify_all();
+        _reply(res, 200, "{\"ok\":true}");
     });
     s.Post("/api/param", [this](const httplib::Request &req, httplib::Response &res) {
         const std::string name = req.get_param_value("name"), value = req.get_param_value("value");

@@ -4,8 +4,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -67,7 +69,7 @@ class server {
     bool _restart(bool record, const std::string &file);
     std::string _state_json();
     bool _authorised(const std::string &token) const;
-    std::shared_ptr<const frame_msg> _wait_newer(uint64_t seen, int timeout_ms);
+    std::shared_ptr<const frame_msg> _wait_to_send(uint64_t stream, uint64_t seen, int timeout_ms);
 
     options opt_;
     std::string error_, token_;
@@ -90,9 +92,15 @@ class server {
     uint64_t frames_ = 0, drops_ = 0;
     int32_t last_index_ = -1;
     uint32_t position_ = 0, next_ = 0, count_ = 0;  // recordings: frame shown, frame to read next
-    bool step_ = false;
-    bool filter_on_[8] = {};  // the filters the pages switched on (a camera opens with none)  // a
-                              // paused recording reads one frame after a seek
+    bool step_ = false;       // a paused recording reads one frame after a seek
+    bool filter_on_[8] = {};  // the filters the pages switched on (a camera opens with none)
+    // Each page's stream: frames sent and frames the page says it has read.
+    struct stream_pace {
+        uint64_t sent = 0, read = 0;
+        std::chrono::steady_clock::time_point last{};  // the last frame sent
+    };
+    std::map<uint64_t, stream_pace> streams_;
+    uint64_t stream_ids_ = 0;
     double fps_measured_ = 0.0, board_c_ = 0.0, sensor_c_ = 0.0;
     std::vector<uint64_t> arrivals_;  // ms of the last frames, for the rate
     pending_change change_;

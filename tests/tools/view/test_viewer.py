@@ -306,6 +306,8 @@ def test_bad_requests_change_nothing(viewer):
         ("/api/record", {"action": "burn"}, 400),
         ("/api/playback", {"action": "play"}, 409),
         ("/api/palette", {"id": "64"}, 400),
+        ("/api/ack", {"stream": "x", "frames": "1"}, 400),
+        ("/api/ack", {"stream": "999", "frames": "1"}, 404),
     ]:
         got, body = v.request("POST" if path != "/api/palette" else "GET", path, **query)
         assert got == status, (path, query, body)
@@ -332,6 +334,10 @@ def test_bad_requests_change_nothing(viewer):
             r = c.getresponse()
             assert r.status == 200 and r.read(4) == b"TVXF"
             conns.append(c)
+        # An acknowledgement of more frames than were sent is refused.
+        stream = r.getheader("X-Tevix-Stream")
+        assert v.request("POST", "/api/ack", stream=stream, frames="1000")[0] == 400
+        assert v.request("POST", "/api/ack", stream=stream, frames="1") == (200, {"ok": True})
         assert v.request("GET", "/api/stream")[0] == 503
     finally:
         for c in conns:

@@ -3,7 +3,8 @@
 //   20 u32 recording position, 24 f64 pull time (ms since 1970), 32 f64 camera time (s),
 //   40 f32 board and 44 f32 sensor temperature (C), 48 u32 sequence, 52 u32 format,
 //   64 u16 depth[w*h] (mm, 65500 invalid), then u16 infrared[w*h].
-// The page keeps only the newest frame and draws it at the next animation frame.
+// The page keeps only the newest frame and draws it at the next animation frame; after drawing it
+// acknowledges what it has read (/api/ack), which lets the server send the next one.
 'use strict';
 
 const token = new URLSearchParams(location.search).get('token') || '';
@@ -38,11 +39,11 @@ async function loadPalette(id) {
   palette = new Uint8Array(await r.arrayBuffer());
 }
 
-function parse(buf, off) {
-  const v = new DataView(buf.buffer, buf.byteOffset + off);
+// One frame message, in a buffer of its own: a 64-byte header, then depth and IR, u16 each.
+function parse(buf) {
+  const v = new DataView(buf.buffer, buf.byteOffset);
   const w = v.getUint32(8, true), h = v.getUint32(12, true);
   const n = w * h;
-  const copy = buf.slice(off + 64, off + 64 + 4 * n);  // own the pixels: the stream buffer moves on
   return {
     w, h,
     index: v.getUint32(16, true),
@@ -50,9 +51,47 @@ function parse(buf, off) {
     pulled: v.getFloat64(24, true),
     board: v.getFloat32(40, true),
     sensor: v.getFloat32(44, true),
-    depth: new Uint16Array(copy.buffer, 0, n),
-    ir: new Uint16Array(copy.buffer, 2 * n, n),
+    depth: new Uint16Array(buf.buffer, buf.byteOffset + 64, n),
+    ir: new Uint16Array(buf.buffer, buf.byteOffset + 64 + 2 * n, n),
   };
+}
+
+// The stream's chunks, queued as they come: each byte is copied once, into the frame it belongs
+// to (joining each chunk onto the unread rest would copy a 640x480 frame many times over).
+class chunkQueue {
+  constructor() { this.chunks = []; this.length = 0; }
+  push(c) { this.chunks.push(c); this.length += c.length; }
+  peekU32(at) {
+    const b = new Uint8Array(4);
+    let i = 0, skip = at;
+    for (const c of this.chunks) {
+      for (let k = skip; k < c.length && i < 4; ++k) b[i++] = c[k];
+      skip = Math.max(0, skip - c.length);
+      if (i === 4) break;
+    }
+    return new DataView(b.buffer).getUint32(0, true);
+  }
+  take(n) {
+    const out = new Uint8Array(n);
+    for (let o = 0; o < n;) {
+      const c = this.chunks[0], k = Math.min(c.length, n - o);
+      out.set(c.subarray(0, k), o);
+      o += k;
+      if (k === c.length) this.chunks.shift(); else this.chunks[0] = c.subarray(k);
+    }
+    this.length -= n;
+    return out;
+  }
+}
+
+// The stream being read: the server sends a page its next frame once the page has read all but
+// one of those it was sent, so the page tells it, at each paint, how many it has read.
+let feed = null;
+function ack() {
+  if (!feed || !feed.id || feed.read === feed.acked) return;
+  feed.acked = feed.read;
+  fetch(withToken('/api/ack?stream=' + feed.id + '&frames=' + feed.read), { method: 'POST' })
+    .catch(() => {});
 }
 
 async function stream() {
@@ -61,22 +100,20 @@ async function stream() {
       const r = await fetch(withToken('/api/stream'));
       if (!r.ok) throw new Error('stream: HTTP ' + r.status);
       const reader = r.body.getReader();
-      let pending = new Uint8Array(0);
+      const q = new chunkQueue();
+      feed = { id: r.headers.get('X-Tevix-Stream'), read: 0, acked: 0 };
       for (;;) {
         const { value, done } = await reader.read();
         if (done) break;
-        const joined = new Uint8Array(pending.length + value.length);
-        joined.set(pending);
-        joined.set(value, pending.length);
-        let off = 0;
-        while (joined.length - off >= 64) {
-          const total = new DataView(joined.buffer, off + 4, 4).getUint32(0, true);
-          if (joined.length - off < total) break;
-          latest = parse(joined, off);
+        q.push(value);
+        while (q.length >= 64) {
+          const total = q.peekU32(4);
+          if (total < 64) throw new Error('stream: bad frame length ' + total);
+          if (q.length < total) break;
+          latest = parse(q.take(total));
           window.tevixStats.frames++;
-          off += total;
+          feed.read++;
         }
-        pending = joined.slice(off);
       }
     } catch (e) {
       window.tevixStats.errors++;
@@ -144,9 +181,14 @@ function initCloud() {
   cloud.ok = true;
 }
 
+// At most about 320x240 points: larger frames are shown at every second (third...) pixel, which
+// the eye cannot tell apart at the view's size, and software WebGL keeps up.
+const k_cloud_points = 320 * 240;
+
 function drawCloud(f) {
   if (!cloud.ok || !state) return;
-  const n = f.w * f.h;
+  const step = Math.max(1, Math.round(Math.sqrt(f.w * f.h / k_cloud_points)));
+  const cw = Math.ceil(f.w / step), ch = Math.ceil(f.h / step), n = cw * ch;
   if (!cloud.pos || cloud.pos.length !== 3 * n) {
     cloud.pos = new Float32Array(3 * n);
     cloud.col = new Float32Array(3 * n);
@@ -157,9 +199,9 @@ function drawCloud(f) {
   const cx = L.cx / sx, cy = L.cy / sy, fx = L.fx / sx, fy = L.fy / sy;
   const lo = +document.getElementById('rmin').value, hi = Math.max(lo + 1, +document.getElementById('rmax').value);
   let k = 0;
-  for (let v = 0; v < f.h; ++v) {
-    for (let u = 0; u < f.w; ++u, ++k) {
-      const d = f.depth[k];
+  for (let v = 0; v < f.h; v += step) {
+    for (let u = 0; u < f.w; u += step, ++k) {
+      const d = f.depth[v * f.w + u];
       if (d === 0 || d >= 65500) { cloud.pos[3 * k + 2] = NaN; continue; }
       // Distance along the ray to x, y, z.
       const x = (u - cx) / fx, y = (v - cy) / fy, m = d / 1000 / Math.sqrt(1 + x * x + y * y);
@@ -190,6 +232,7 @@ function paint() {
     st.latency.push(Date.now() - f.pulled);
     if (st.latency.length > 100) st.latency.shift();
     if (state && state.is_file) document.getElementById('seek').value = f.position;
+    ack();
   } else if (cloud.ok) {
     cloud.renderer.render(cloud.scene, cloud.camera);
   }
