@@ -31,7 +31,7 @@ mapfile -t targets < <(sed -n 's/^ *tevix_add_bench( *\([A-Za-z0-9_]*\).*/\1/p' 
 [[ ${#targets[@]} -gt 0 ]] || { echo "bench/run.sh: no benchmarks" >&2; exit 2; }
 cmake --build "$build" -j2 --target "${targets[@]}" >&2
 
-exec python3 - "$build" "$filter" "${targets[@]}" <<'PY'
+exec /usr/bin/python3 - "$build" "$filter" "${targets[@]}" <<'PY'
 import json, os, re, subprocess, sys, tempfile
 
 build, flt, targets = sys.argv[1], sys.argv[2], sys.argv[3:]
@@ -113,7 +113,8 @@ for t in targets:
         line = f"{name} {value:.3g} {unit}"
         ref = ref_of(b)
         if ref:
-            r = refs.get(ref)
+            # A reference named without its run options (min_time, real_time...) is found too.
+            r = refs.get(ref) or next((x for n, x in refs.items() if n.split("/")[0] == ref), None)
             if r is None:
                 line += f" ratio=? vs {ref}"
             else:

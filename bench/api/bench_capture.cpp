@@ -121,6 +121,7 @@ void capture_pull_decode(benchmark::State &state) {
     }
     std::vector<uint16_t> mm(k_w * k_h);
     tevix_frame_info_t info{};
+    uint64_t bytes = 0;
     for (auto _ : state) {
         int n = tevix_cap_get_frames(r.dev, 1, r.raw.data(), static_cast<uint32_t>(r.raw.size()),
                                      &info);
@@ -129,8 +130,10 @@ void capture_pull_decode(benchmark::State &state) {
             state.SkipWithError("pull or decode failed");
             break;
         }
+        bytes += info.size;
     }
     state.SetItemsProcessed(state.iterations());
+    state.SetBytesProcessed(static_cast<int64_t>(bytes));
     state.SetLabel("ref=capture_pull");
 }
 BENCHMARK(capture_pull_decode)->MeasureProcessCPUTime()->UseRealTime()->MinTime(2.0);
