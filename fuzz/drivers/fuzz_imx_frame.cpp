@@ -40,9 +40,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (uint64_t{info.width} * info.height > (1u << 20)) return 0;
     std::vector<uint16_t> out(size_t{info.width} * info.height);
     for (uint32_t kind = 0; kind < 3; ++kind) {
-        const int32_t r = drv->ops->frame_decode(drv, reinterpret_cast<uint8_t *>(out.data()),
-                                                 uint32_t(out.size() * 2), kind, raw,
-                                                 uint32_t(size - 1), &info);
+        const int32_t r =
+            drv->ops->frame_decode(drv, reinterpret_cast<uint8_t *>(out.data()),
+                                   uint32_t(out.size() * 2), kind, raw, uint32_t(size - 1), &info);
         if (r != -1 && r != int32_t(out.size() * 2)) __builtin_trap();
     }
     return 0;

@@ -439,8 +439,8 @@ typedef struct tevix_oni_node {
 
 /* Property callback: node id (0 for the file), kind (3 integer as u64, 4 real as f64, 5 text
  * with its zero, 6 raw bytes), name, value and its size. */
-typedef void (*tevix_oni_prop_cb)(uint32_t node, uint32_t kind, const char *name,
-                                  const void *value, uint32_t size, void *user);
+typedef void (*tevix_oni_prop_cb)(uint32_t node, uint32_t kind, const char *name, const void *value,
+                                  uint32_t size, void *user);
 
 /* Opens a finished recording; NULL when it cannot be read (the reason goes to the log). */
 TEVIX_API tevix_oni_t *tevix_oni_open(const char *path) TEVIX_NOEXCEPT;
@@ -448,10 +448,12 @@ TEVIX_API void tevix_oni_close(tevix_oni_t *rec) TEVIX_NOEXCEPT;
 /* The highest node id (nodes 1..n, some may be absent), or -1 for a NULL handle. */
 TEVIX_API int tevix_oni_node_count(tevix_oni_t *rec) TEVIX_NOEXCEPT;
 /* 1 with the node filled, 0 when there is no such node. */
-TEVIX_API int tevix_oni_node_info(tevix_oni_t *rec, uint32_t id, tevix_oni_node_t *node) TEVIX_NOEXCEPT;
+TEVIX_API int tevix_oni_node_info(tevix_oni_t *rec, uint32_t id,
+                                  tevix_oni_node_t *node) TEVIX_NOEXCEPT;
 /* Calls cb for every property record of the file in order; the number of properties, or -1
  * when the file is damaged after its header. */
-TEVIX_API int tevix_oni_properties(tevix_oni_t *rec, tevix_oni_prop_cb cb, void *user) TEVIX_NOEXCEPT;
+TEVIX_API int tevix_oni_properties(tevix_oni_t *rec, tevix_oni_prop_cb cb,
+                                   void *user) TEVIX_NOEXCEPT;
 /* Frame `index` (from 0) of a node as stored: its size in bytes (copied when dst has room;
  * call with dst NULL to learn the size), -1 when there is no such frame. timestamp may be NULL. */
 TEVIX_API int64_t tevix_oni_read_frame(tevix_oni_t *rec, uint32_t node, uint32_t index, void *dst,

@@ -209,16 +209,16 @@ class Params:
         return list(_PARAMS)
 
     @staticmethod
-    def _spec(name):
+    def _entry(name):
         if not isinstance(name, str):
             raise TypeError(f"parameter names are text, not {type(name).__name__}")
-        spec = _PARAMS.get(name.upper())
-        if spec is None:
+        entry = _PARAMS.get(name.upper())
+        if entry is None:
             raise ValueError(f"unknown parameter {name!r}; known: {', '.join(_PARAMS)}")
-        return name.upper(), spec
+        return name.upper(), entry
 
     def __getitem__(self, name: str):
-        key, (pid, fmt, _, _) = self._spec(name)
+        key, (pid, fmt, _, _) = self._entry(name)
         raw = self._cam._dev.param_get(pid)
         if fmt == "text":
             return raw.split(b"\0", 1)[0].decode("latin-1")
@@ -229,7 +229,7 @@ class Params:
         return vals[0] if len(vals) == 1 else vals
 
     def __setitem__(self, name: str, value) -> None:
-        key, (pid, fmt, writable, limits) = self._spec(name)
+        key, (pid, fmt, writable, limits) = self._entry(name)
         if not writable:
             raise ValueError(f"parameter {key} is read-only")
         n = len(struct.unpack(fmt, b"\0" * struct.calcsize(fmt)))

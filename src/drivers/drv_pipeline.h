@@ -37,7 +37,7 @@ void read_sys_calib(drv_state &s, tevix_dev_t *dev, bool log_invalid, bool *ok);
 // Rebuilds the bilateral filter state for the image size when its settings changed (or force).
 void bpf_reload(drv_state &s, bool force);
 
-// Frame information of Part 5.1 from a raw frame: temperatures through the median filter and the
+// The frame information record from a raw frame: temperatures through the median filter and the
 // plausibility rules, the temperature monitor, the record's fields (a zero width or height in the
 // header is def_w or def_h) and the frame-rate measurement. False for a frame of impossible size.
 bool frame_info(drv_state &s, const tevix_dev_t *dev, tevix_frame_info_t *info, const uint8_t *raw,

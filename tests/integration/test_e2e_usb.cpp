@@ -216,7 +216,8 @@ TEST_F(e2e, binned_frames_decode_the_scene) {
     const tevix::emu::scene_renderer truth(sc, 2);
     std::vector<float> err;
     for (uint32_t i = 0; i < n; ++i)
-        if (mm[i] != 0 && mm[i] < 60000 && truth.truth_mm()[i] > 0 && !truth.under_header(i % w, i / w))
+        if (mm[i] != 0 && mm[i] < 60000 && truth.truth_mm()[i] > 0 &&
+            !truth.under_header(i % w, i / w))
             err.push_back(std::fabs(mm[i] - truth.truth_mm()[i]));
     ASSERT_GT(err.size(), n / 2);
     std::sort(err.begin(), err.end());

@@ -391,8 +391,7 @@ std::string server::_state_json() {
       << ",\"fps_measured\":" << std::round(fps_measured_ * 10) / 10 << ",\"board_c\":" << board_c_
       << ",\"sensor_c\":" << sensor_c_ << ",\"lens\":{\"cx\":" << lens_.cx << ",\"cy\":" << lens_.cy
       << ",\"fx\":" << lens_.fx << ",\"fy\":" << lens_.fy << ",\"width\":" << lens_.width
-      << ",\"height\":" << lens_.height
-      << "},\"calib_freqs\":[";
+      << ",\"height\":" << lens_.height << "},\"calib_freqs\":[";
     for (size_t i = 0; i < calib_freqs_.size(); ++i) j << (i ? "," : "") << calib_freqs_[i];
     j << "],\"limits\":{\"fps_max\":" << (max_fps_ ? max_fps_ : 1000)
       << ",\"intg_max\":" << std::min<uint32_t>(max_intg_ ? max_intg_ : 65535, 65535)
