@@ -346,6 +346,13 @@ bool ensure_work(drv_state &s, uint32_t n) {
     return true;
 }
 
+void publish_conf(drv_state &s, uint32_t n) {
+    if (s.work_n == s.conf_n && s.conf_n == n)
+        std::swap(s.conf, s.conf_raw);
+    else
+        std::memcpy(s.conf, s.conf_raw, size_t{n} * 4);
+}
+
 bool grey_from_cache(drv_state &s, uint16_t *out, uint32_t n, const tevix_frame_info_t &info) {
     if (!s.conf || s.conf_n != n || s.hash != tevix::epc::info_hash(info)) return false;
     VX_LOG_AS(VX_LOG_TRC, s.names->decode, "[%s]use confid hash to calc gray ...\n");

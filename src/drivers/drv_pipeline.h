@@ -60,6 +60,10 @@ uint32_t dev_fps(const drv_state &s);
 bool grow_work(drv_state &s, uint32_t n);
 bool ensure_work(drv_state &s, uint32_t n);
 
+// Makes the frame's confidences (conf_raw, n pixels, after ensure_work) the cached image grey
+// reads (conf): the two buffers trade places when they are the same size, else a copy.
+void publish_conf(drv_state &s, uint32_t n);
+
 // Grey from the confidence of the last distance decode when info is the frame it decoded (same
 // decode hash): fast_sqrt of each confidence, clamped to 16 bits. False when there is none.
 bool grey_from_cache(drv_state &s, uint16_t *out, uint32_t n, const tevix_frame_info_t &info);

@@ -349,7 +349,7 @@ int32_t _epc_frame_decode(tevix_drv_t *drv, uint8_t *out_bytes, uint32_t out_cap
         rows_reorder(p->conf_raw, p->conf, w, h);
         rows_reorder_u16(p->dist32, out, w, h);
     } else {
-        std::memcpy(p->conf, p->conf_raw, n * 4);
+        drv::publish_conf(*p, n);
         narrow_u16(p->dist32, out, n);
     }
     p->hash = info_hash(*info);

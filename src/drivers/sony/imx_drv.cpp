@@ -288,7 +288,7 @@ int32_t _imx_frame_decode(tevix_drv_t *drv, uint8_t *out_bytes, uint32_t out_cap
                             std::clamp<int32_t>(out[i] + off, 0, tevix::epc::k_dist_invalid - 1));
         }
     }
-    std::memcpy(p->conf, p->conf_raw, size_t{n} * 4);
+    drv::publish_conf(*p, n);
     p->hash = tevix::epc::info_hash(*info);
     if (kind == TEVIX_DECODE_DIST) {
         p->frame_pending = 0;
