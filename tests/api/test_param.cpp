@@ -6,64 +6,14 @@
 
 #include "api/session.h"
 #include "drivers/drv.h"
+#include "fake_camera.h"
 #include "test_util.h"
 #include "tevix/tevix.h"
 #include "tevix/vx_log.h"
 
 namespace {
 
-// A transport that records every batch and register access and answers gets from a store.
-struct fake_link {
-    std::vector<std::vector<tevix_param_wire_t>> sets, gets;
-    std::vector<std::string> regs;
-    int accept = 1;
-    uint8_t busy_seen = 0;
-    tevix_dev_t *dev = nullptr;
-};
-fake_link g_link;
-
-int _param_set(tevix_ll_dev_t *, tevix_param_wire_t *items, uint32_t count) {
-    g_link.sets.emplace_back(items, items + count);
-    g_link.busy_seen = g_link.dev ? g_link.dev->busy : 0;
-    return g_link.accept;
-}
-int _param_get(tevix_ll_dev_t *, tevix_param_wire_t *items, uint32_t count) {
-    g_link.gets.emplace_back(items, items + count);
-    if (!g_link.accept) return 0;
-    for (uint32_t i = 0; i < count; ++i) {
-        items[i].len = 4;
-        for (int b = 0; b < 18; ++b) items[i].value[b] = static_cast<uint8_t>(items[i].id + b);
-    }
-    return 1;
-}
-int _reg(tevix_ll_dev_t *, uint8_t target, uint32_t addr, uint8_t *data, uint16_t count,
-         const char *what) {
-    uint32_t first = 0;
-    if (count) std::memcpy(&first, data, 4);
-    g_link.regs.push_back(std::string(what) + " " + std::to_string(target) + " " +
-                          std::to_string(addr) + " " + std::to_string(count) + " " +
-                          std::to_string(first));
-    return g_link.accept;
-}
-int _reg_write(tevix_ll_dev_t *d, uint8_t t, uint32_t a, uint8_t *data, uint16_t n) {
-    return _reg(d, t, a, data, n, "w");
-}
-int _reg_read(tevix_ll_dev_t *d, uint8_t t, uint32_t a, uint8_t *data, uint16_t n) {
-    for (uint16_t i = 0; i < n; ++i) {
-        uint32_t v = 100 + i;
-        std::memcpy(data + 4 * i, &v, 4);
-    }
-    return _reg(d, t, a, data, n, "r");
-}
-
-const tevix_ll_ops k_link_ops = [] {
-    tevix_ll_ops o{};
-    o.reg_write = _reg_write;
-    o.reg_read = _reg_read;
-    o.param_set = _param_set;
-    o.param_get = _param_get;
-    return o;
-}();
+using tevix::test::g_cam;
 
 // A driver row whose operations record what the parameter calls tell it.
 std::vector<std::string> g_drv_calls;
@@ -107,12 +57,12 @@ tevix_param_item_t _item(uint32_t id, std::initializer_list<uint32_t> words) {
 class api_param : public ::testing::Test {
   protected:
     void SetUp() override {
-        g_link = fake_link{};
-        g_link.dev = &dev_;
+        g_cam.reset();
+        g_cam.watch = &dev_;
         g_drv_calls.clear();
         std::snprintf(dev_.product, sizeof dev_.product, "CAM-F1-R1");
         tevix_ll_dev_t ll{};
-        ll.ops = &k_link_ops;
+        ll.ops = &tevix::test::fake_ll::ops();
         ASSERT_TRUE(tevix::api::session_attach(&dev_, ll));
         dev_.session->drv = &g_fake_drv;
     }
@@ -126,18 +76,18 @@ TEST_F(api_param, set_sends_wire_items_and_maps_171_to_18_one_way) {
     tevix_param_item_t items[2] = {_item(171, {7}), _item(18, {9})};
     std::memset(items[0].value.u8 + 4, 0xEE, 15);  // the 19th value byte never travels
     ASSERT_EQ(tevix_param_batch_set(&dev_, items, 2), 1);
-    ASSERT_EQ(g_link.sets.size(), 1u);
-    EXPECT_EQ(g_link.sets[0][0].id, 18);
-    EXPECT_EQ(g_link.sets[0][0].len, 4);
-    EXPECT_EQ(g_link.sets[0][0].value[0], 7);
-    EXPECT_EQ(g_link.sets[0][0].value[17], 0xEE);
-    EXPECT_EQ(g_link.sets[0][1].id, 18);
-    EXPECT_EQ(g_link.busy_seen, 1);  // the busy count is held around the transfer
+    ASSERT_EQ(g_cam.sets.size(), 1u);
+    EXPECT_EQ(g_cam.sets[0][0].id, 18);
+    EXPECT_EQ(g_cam.sets[0][0].len, 4);
+    EXPECT_EQ(g_cam.sets[0][0].value[0], 7);
+    EXPECT_EQ(g_cam.sets[0][0].value[17], 0xEE);
+    EXPECT_EQ(g_cam.sets[0][1].id, 18);
+    EXPECT_EQ(g_cam.busy_seen, 1);  // the busy count is held around the transfer
     EXPECT_EQ(dev_.busy, 0);
 
     tevix_param_item_t get = _item(171, {});
     ASSERT_NE(tevix_param_batch_get(&dev_, &get, 1), 0);
-    EXPECT_EQ(g_link.gets[0][0].id, 171);  // reads keep the id
+    EXPECT_EQ(g_cam.gets[0][0].id, 171);  // reads keep the id
     EXPECT_EQ(get.len, 4);
     EXPECT_EQ(get.value.u8[0], 171);
     EXPECT_EQ(get.value.u8[17], static_cast<uint8_t>(171 + 17));
@@ -181,7 +131,7 @@ TEST_F(api_param, accepted_sets_are_mirrored_into_session_and_driver) {
 TEST_F(api_param, rejected_set_changes_nothing) {
     tevix_param_item_t intg = _item(TEVIX_PARAM_INTG1, {500});
     ASSERT_EQ(tevix_param_batch_set(&dev_, &intg, 1), 1);
-    g_link.accept = 0;
+    g_cam.accept = 0;
     intg = _item(TEVIX_PARAM_INTG1, {900});
     EXPECT_EQ(tevix_param_batch_set(&dev_, &intg, 1), 0);
     EXPECT_EQ(dev_.session->intg[0], 500u);
@@ -193,19 +143,27 @@ TEST_F(api_param, rejected_set_changes_nothing) {
     EXPECT_EQ(dev_.busy, 0);
 
     // An empty set still goes to the device and reports its answer.
-    g_link.accept = 1;
+    g_cam.accept = 1;
     EXPECT_EQ(tevix_param_batch_set(&dev_, nullptr, 0), 1);
-    EXPECT_EQ(g_link.sets.back().size(), 0u);
+    EXPECT_EQ(g_cam.sets.back().size(), 0u);
 }
 
-TEST_F(api_param, dual_frequency_without_a_driver_stores_nothing) {
+TEST_F(api_param, calls_without_a_driver) {
+    tevix::test::log_capture log;
     dev_.session->drv = nullptr;
+    // A dual frequency is stored through the driver only.
     tevix_param_item_t dual = _item(TEVIX_PARAM_DUAL_FREQ, {20000000, 40000000});
     ASSERT_EQ(tevix_param_batch_set(&dev_, &dual, 1), 1);
     EXPECT_EQ(dev_.session->mod_freq[0], 0u);
     tevix_param_item_t fps = _item(TEVIX_PARAM_FPS, {25});
     ASSERT_EQ(tevix_param_batch_set(&dev_, &fps, 1), 1);
     EXPECT_EQ(dev_.session->fps, 25u);  // other ids only skip the driver call
+
+    // A filter finds no driver: refused, and the busy count stays raised.
+    std::snprintf(dev_.product, sizeof dev_.product, "NODASHES");
+    EXPECT_EQ(tevix_filter_enable(&dev_, 4, nullptr), -1);
+    EXPECT_EQ(dev_.busy, 1);
+    EXPECT_TRUE(log.has("[tevix_filter_enable]cannot find driver for device: product=NODASHES\n"));
 }
 
 TEST_F(api_param, registers_pass_straight_through) {
@@ -215,7 +173,7 @@ TEST_F(api_param, registers_pass_straight_through) {
     EXPECT_EQ(tevix_reg_batch_read(&dev_, 1, 18, out, 2), 1);
     EXPECT_EQ(out[0], 100u);
     EXPECT_EQ(out[1], 101u);
-    EXPECT_EQ(g_link.regs, (std::vector<std::string>{"w 1 113 3 11", "r 1 18 2 100"}));
+    EXPECT_EQ(g_cam.regs, (std::vector<std::string>{"w 1 113 3 11", "r 1 18 2 100"}));
     EXPECT_EQ(tevix_reg_batch_write(&dev_, 1, 0, nullptr, 2), 0);
 }
 
@@ -225,14 +183,4 @@ TEST_F(api_param, filters_go_to_the_driver) {
     EXPECT_EQ(tevix_filter_enable(&dev_, 3, &arg), -1);
     EXPECT_EQ(tevix_filter_disable(&dev_, 4), -1);  // the fake driver has no disable slot
     EXPECT_EQ(dev_.busy, 0);
-    EXPECT_EQ(tevix_filter_enable(nullptr, 4, &arg), -1);
-}
-
-TEST_F(api_param, filter_without_a_driver_leaves_the_busy_count_raised) {
-    tevix::test::log_capture log;
-    dev_.session->drv = nullptr;
-    std::snprintf(dev_.product, sizeof dev_.product, "NODASHES");
-    EXPECT_EQ(tevix_filter_enable(&dev_, 4, nullptr), -1);
-    EXPECT_EQ(dev_.busy, 1);
-    EXPECT_TRUE(log.has("[tevix_filter_enable]cannot find driver for device: product=NODASHES\n"));
 }
