@@ -5,8 +5,6 @@
 #include <atomic>
 #include <cmath>
 #include <cstring>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,72 +14,44 @@
 #include "api/session.h"
 #include "platform/platform.h"
 #include "scene/scene.h"
-#include "test_util.h"
 #include "tevix/tevix.h"
-#include "tevix/vx_log.h"
 #include "vcam.h"
+#include "vcam_env.h"
 
 namespace {
 
+using tevix::test::cap_errors;
+using tevix::test::pull;
+using tevix::test::set_u32;
+using tevix::test::vcam_env;
+
 constexpr uint32_t k_freq = 20000000;
-constexpr uint32_t k_w = 320, k_h = 240, k_n = k_w * k_h;
+constexpr uint32_t k_w = 320, k_h = 240;
 
-// The testbed must exist before the library starts libusb, and go after the last close.
-class e2e_env : public ::testing::Environment {
-  public:
-    void SetUp() override {
-        tb_ = std::make_unique<tevix::emu::testbed>();
-        tevix::emu::scene_config sc;
-        sc.freq_hz = k_freq;
-        auto src = std::make_unique<tevix::emu::scene_renderer>(sc, 2);
-        scene_ = src.get();
-        tevix::emu::camera_config cfg;
-        cfg.fps = 60;
-        cam_ = tb_->add(cfg, std::move(src));
-        tevix_init(std::getenv("E2E_LOG") ? std::getenv("E2E_LOG") : "");
-        tevix_log_cfg(7, std::getenv("E2E_LOG") ? 0 : 7, 7);
-    }
-    void TearDown() override {
-        tevix_uninit();
-        tb_.reset();
-    }
-    static tevix::emu::camera *cam() { return cam_; }
-    static tevix::emu::scene_renderer *scene() { return scene_; }
-
-  private:
-    std::unique_ptr<tevix::emu::testbed> tb_;
-    static inline tevix::emu::camera *cam_ = nullptr;
-    static inline tevix::emu::scene_renderer *scene_ = nullptr;
-};
-::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new e2e_env);
-
-tevix_param_item_t _u32_item(uint32_t id, uint32_t a, uint32_t b = 0, uint8_t len = 4) {
-    tevix_param_item_t it{};
-    it.id = id;
-    it.len = len;
-    it.value.u32[0] = a;
-    it.value.u32[1] = b;
-    return it;
+tevix::emu::camera_config _at_60_fps() {
+    tevix::emu::camera_config cfg;
+    cfg.fps = 60;
+    return cfg;
 }
+::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(
+    new vcam_env({vcam_env::scene_unit(_at_60_fps())}, "E2E_LOG"));
 
 class e2e : public ::testing::Test {
   protected:
-    void SetUp() override { e2e_env::cam()->reset(); }
+    void SetUp() override {
+        vcam_env::cam()->reset();
+        cap_errors::reset();
+    }
     // Opens the virtual camera through the device list and sets its modulation frequency.
     tevix_dev_t *open_listed() {
         int n = tevix_dev_list(list_, 4);
         EXPECT_EQ(n, 1);
         if (n < 1) return nullptr;
         tevix_dev_t *dev = tevix_dev_open(&list_[0]);
-        if (!dev) return nullptr;
-        tevix_param_item_t f = _u32_item(TEVIX_PARAM_MOD_FREQ, k_freq);
-        EXPECT_EQ(tevix_param_batch_set(dev, &f, 1), 1);
+        if (dev) {
+            EXPECT_TRUE(set_u32(dev, TEVIX_PARAM_MOD_FREQ, k_freq));
+        }
         return dev;
-    }
-    // One frame into the fixture's buffer: the pull's result.
-    int pull_one(tevix_dev_t *dev) {
-        return tevix_cap_get_frames(dev, 1, raw_.data(), static_cast<uint32_t>(raw_.size()),
-                                    nullptr);
     }
     tevix_dev_t list_[4] = {};
     std::vector<uint8_t> raw_ = std::vector<uint8_t>(8u << 20);
@@ -96,7 +66,7 @@ TEST_F(e2e, list_open_identity_and_parameters) {
     EXPECT_EQ(list_[0].addr.usb.port, 2);
     EXPECT_STREQ(dev->product, "VXCAM-E1-R1");
     EXPECT_STREQ(dev->vendor, "Tevix Virtual");
-    const auto &cfg = e2e_env::cam()->config();
+    const auto &cfg = vcam_env::cam()->config();
     uint64_t high = cfg.uid[0] ^ cfg.uid[1] ^ cfg.uid[2];
     uint64_t low = (uint64_t{cfg.sensor[0]} & 0xFF) << 24 | (uint64_t{cfg.sensor[1]} & 0xFF) << 16 |
                    cfg.sensor[2];
@@ -108,23 +78,21 @@ TEST_F(e2e, list_open_identity_and_parameters) {
     tevix_session *s = dev->session;
     EXPECT_EQ(s->mod_freq[0], k_freq);
     EXPECT_EQ(s->mod_freq[1], k_freq);
-    tevix_param_item_t dual = _u32_item(TEVIX_PARAM_DUAL_FREQ, 20000000, 40000000, 8);
-    ASSERT_EQ(tevix_param_batch_set(dev, &dual, 1), 1);
+    ASSERT_TRUE(set_u32(dev, TEVIX_PARAM_DUAL_FREQ, 20000000, 40000000, 8));
     EXPECT_EQ(s->mod_freq[1], 40000000u);
-    tevix_param_item_t get = _u32_item(TEVIX_PARAM_DUAL_FREQ, 0, 0, 0);
+    tevix_param_item_t get = tevix::test::u32_item(TEVIX_PARAM_DUAL_FREQ, 0, 0, 0);
     ASSERT_NE(tevix_param_batch_get(dev, &get, 1), 0);
     uint32_t kept = 0;  // the item is packed: read its words by copy
     std::memcpy(&kept, get.value.u8 + 4, 4);
     EXPECT_EQ(kept, 40000000u);  // the camera kept it too
 
     // A set the camera refuses changes nothing.
-    e2e_env::cam()->with_firmware([](tevix::emu::firmware &fw) {
+    vcam_env::cam()->with_firmware([](tevix::emu::firmware &fw) {
         fw.fail_next("refused by test");
         return 0;
     });
-    tevix_param_item_t intg = _u32_item(TEVIX_PARAM_INTG1, 777, 0, 2);
     uint32_t before = s->intg[0];
-    EXPECT_EQ(tevix_param_batch_set(dev, &intg, 1), 0);
+    EXPECT_FALSE(set_u32(dev, TEVIX_PARAM_INTG1, 777, 0, 2));
     EXPECT_EQ(s->intg[0], before);
     tevix_dev_close(dev);
 
@@ -135,95 +103,69 @@ TEST_F(e2e, list_open_identity_and_parameters) {
     tevix_dev_close(dev);
 }
 
-TEST_F(e2e, capture_decodes_the_scene) {
-    tevix_dev_t *dev = open_listed();
-    ASSERT_NE(dev, nullptr);
-    ASSERT_EQ(tevix_cap_start(dev), 1);
-    std::vector<uint8_t> raw(8u << 20);
-    tevix_frame_info_t info{};
-    int frames = 0;
-    for (int i = 0; i < 100; ++i) {
-        int n = tevix_cap_get_frames(dev, 1, raw.data(), static_cast<uint32_t>(raw.size()), &info);
-        ASSERT_EQ(n, 1) << "frame " << i << ": " << tevix_error_name(n);
-        frames += n;
+// At full size, and binned through the region of interest (the camera then sends 160x120 frames
+// of the same scene, which the driver decodes at that size): a hundred frames in a row, then
+// distance, grey and points of the last one against a scene renderer of that size.
+TEST_F(e2e, capture_decodes_the_scene_full_and_binned) {
+    for (uint8_t bin : {0, 1}) {
+        SCOPED_TRACE(bin ? "binned" : "full size");
+        const uint32_t w = k_w >> bin, h = k_h >> bin, n = w * h;
+        tevix_dev_t *dev = open_listed();
+        ASSERT_NE(dev, nullptr);
+        if (bin) {
+            tevix_roi_t roi{0, k_h - 1, 0, k_w - 1, bin, {}};
+            tevix_param_item_t it{};
+            it.id = TEVIX_PARAM_ROI;
+            it.len = sizeof roi;
+            std::memcpy(it.value.u8, &roi, sizeof roi);
+            ASSERT_EQ(tevix_param_batch_set(dev, &it, 1), 1);
+        }
+        ASSERT_EQ(tevix_cap_start(dev), 1);
+        tevix_frame_info_t info{};
+        for (int i = 0; i < 100; ++i) {
+            const int got = pull(dev, raw_, &info);
+            ASSERT_EQ(got, 1) << "frame " << i << ": " << tevix_error_name(got);
+        }
+        ASSERT_EQ(info.width, w);
+        ASSERT_EQ(info.height, h);
+        EXPECT_EQ(info.format, 2);
+
+        std::vector<uint16_t> mm(n), gray(n);
+        std::vector<float> m(n);
+        ASSERT_EQ(tevix_frame_get_dist_u16(dev, mm.data(), n, raw_.data(), info.size, &info),
+                  int(n));
+        ASSERT_EQ(tevix_frame_get_dist_f32(dev, m.data(), n, raw_.data(), info.size, &info),
+                  int(n));
+        ASSERT_EQ(tevix_frame_get_gray_u16(dev, gray.data(), n, raw_.data(), info.size, &info),
+                  int(n));
+        tevix::emu::scene_config sc;
+        sc.freq_hz = k_freq;
+        sc.width = static_cast<uint16_t>(w);
+        sc.height = static_cast<uint16_t>(h);
+        const tevix::emu::scene_renderer truth(sc, 2);
+        std::vector<float> err;
+        for (uint32_t i = 0; i < n; ++i) {
+            const float t = truth.truth_mm()[i];
+            if (mm[i] == 0 || mm[i] >= 60000 || t <= 0 || truth.under_header(i % w, i / w))
+                continue;
+            err.push_back(std::fabs(mm[i] - t));
+            EXPECT_FLOAT_EQ(m[i], mm[i] * 0.001f);
+        }
+        ASSERT_GT(err.size(), n / 2);
+        std::sort(err.begin(), err.end());
+        EXPECT_LE(err[err.size() / 2], 2.0f);
+        EXPECT_LE(err[err.size() * 95 / 100], 5.0f);
+        EXPECT_GT(*std::max_element(gray.begin(), gray.end()), 0);
+
+        std::vector<float> pcl(3 * n);
+        ASSERT_EQ(tevix_frame_get_pcl(dev, pcl.data(), 3 * n, m.data(), n, w, h, nullptr), int(n));
+        // A point's distance from the camera is the measured distance.
+        const uint32_t c = (h / 2) * w + w / 2;
+        ASSERT_TRUE(m[c] > 0 && m[c] < 60) << m[c];
+        EXPECT_NEAR(std::hypot(pcl[3 * c], pcl[3 * c + 1], pcl[3 * c + 2]), m[c], 0.01f);
+        ASSERT_EQ(tevix_cap_stop(dev), 1);
+        tevix_dev_close(dev);
     }
-    EXPECT_EQ(frames, 100);
-    EXPECT_EQ(info.width, k_w);
-    EXPECT_EQ(info.height, k_h);
-    EXPECT_EQ(info.format, 2);
-
-    std::vector<uint16_t> mm(k_n), gray(k_n);
-    ASSERT_EQ(tevix_frame_get_dist_u16(dev, mm.data(), k_n, raw.data(), info.size, &info),
-              static_cast<int>(k_n));
-    std::vector<float> m(k_n);
-    ASSERT_EQ(tevix_frame_get_dist_f32(dev, m.data(), k_n, raw.data(), info.size, &info),
-              static_cast<int>(k_n));
-    ASSERT_EQ(tevix_frame_get_gray_u16(dev, gray.data(), k_n, raw.data(), info.size, &info),
-              static_cast<int>(k_n));
-
-    const std::vector<float> &truth = e2e_env::scene()->truth_mm();
-    std::vector<float> err;
-    for (uint32_t i = 0; i < k_n; ++i) {
-        if (mm[i] == 0 || mm[i] >= 60000 || truth[i] <= 0) continue;
-        if (e2e_env::scene()->under_header(i % k_w, i / k_w)) continue;
-        err.push_back(std::fabs(mm[i] - truth[i]));
-        EXPECT_FLOAT_EQ(m[i], mm[i] * 0.001f);
-    }
-    ASSERT_GT(err.size(), k_n / 2);
-    std::sort(err.begin(), err.end());
-    EXPECT_LE(err[err.size() / 2], 2.0f);
-    EXPECT_LE(err[err.size() * 95 / 100], 5.0f);
-    EXPECT_GT(*std::max_element(gray.begin(), gray.end()), 0);
-
-    std::vector<float> pcl(3 * k_n);
-    ASSERT_EQ(tevix_frame_get_pcl(dev, pcl.data(), 3 * k_n, m.data(), k_n, k_w, k_h, nullptr),
-              static_cast<int>(k_n));
-    // A point's distance from the camera is the measured distance.
-    uint32_t c = (k_h / 2) * k_w + k_w / 2;
-    float r = std::sqrt(pcl[3 * c] * pcl[3 * c] + pcl[3 * c + 1] * pcl[3 * c + 1] +
-                        pcl[3 * c + 2] * pcl[3 * c + 2]);
-    if (m[c] > 0 && m[c] < 60) {
-        EXPECT_NEAR(r, m[c], 0.01f);
-    }
-
-    ASSERT_EQ(tevix_cap_stop(dev), 1);
-    tevix_dev_close(dev);
-}
-
-// Binning set through the region of interest: the camera sends 160x120 frames of the same scene
-// and the driver decodes them at that size.
-TEST_F(e2e, binned_frames_decode_the_scene) {
-    tevix_dev_t *dev = open_listed();
-    ASSERT_NE(dev, nullptr);
-    tevix_roi_t roi{0, k_h - 1, 0, k_w - 1, 1, {}};
-    tevix_param_item_t it{};
-    it.id = TEVIX_PARAM_ROI;
-    it.len = sizeof roi;
-    std::memcpy(it.value.u8, &roi, sizeof roi);
-    ASSERT_EQ(tevix_param_batch_set(dev, &it, 1), 1);
-    ASSERT_EQ(tevix_cap_start(dev), 1);
-    tevix_frame_info_t info{};
-    ASSERT_EQ(tevix_cap_get_frames(dev, 1, raw_.data(), uint32_t(raw_.size()), &info), 1);
-    constexpr uint32_t w = k_w / 2, h = k_h / 2, n = w * h;
-    ASSERT_EQ(info.width, w);
-    ASSERT_EQ(info.height, h);
-    std::vector<uint16_t> mm(n);
-    ASSERT_EQ(tevix_frame_get_dist_u16(dev, mm.data(), n, raw_.data(), info.size, &info), int(n));
-    tevix::emu::scene_config sc;
-    sc.freq_hz = k_freq;
-    sc.width = w;
-    sc.height = h;
-    const tevix::emu::scene_renderer truth(sc, 2);
-    std::vector<float> err;
-    for (uint32_t i = 0; i < n; ++i)
-        if (mm[i] != 0 && mm[i] < 60000 && truth.truth_mm()[i] > 0 &&
-            !truth.under_header(i % w, i / w))
-            err.push_back(std::fabs(mm[i] - truth.truth_mm()[i]));
-    ASSERT_GT(err.size(), n / 2);
-    std::sort(err.begin(), err.end());
-    EXPECT_LE(err[err.size() * 95 / 100], 5.0f);
-    ASSERT_EQ(tevix_cap_stop(dev), 1);
-    tevix_dev_close(dev);
 }
 
 namespace {
@@ -231,33 +173,13 @@ std::atomic<int> g_frdy{0};
 void _count_frame(tevix_dev_t *, const tevix_frame_t *f) {
     if (f->info.size > 0) ++g_frdy;
 }
-// The error callback notes every report and answers g_err_answer.
-std::mutex g_err_m;
-std::vector<std::pair<int, uint32_t>> g_errs;
-std::atomic<int> g_err_answer{1};
-int _note_error(tevix_dev_t *, int code, uint32_t extra) {
-    std::lock_guard lk(g_err_m);
-    g_errs.emplace_back(code, extra);
-    return g_err_answer.load();
-}
-std::vector<std::pair<int, uint32_t>> _errors() {
-    std::lock_guard lk(g_err_m);
-    return g_errs;
-}
-void _reset_errors(int answer) {
-    std::lock_guard lk(g_err_m);
-    g_errs.clear();
-    g_err_answer = answer;
-}
 }  // namespace
 
 TEST_F(e2e, callback_delivery_and_unplug) {
     tevix_dev_t *dev = open_listed();
     ASSERT_NE(dev, nullptr);
-    tevix_cap_cfg_t cfg{};
-    tevix_cap_config_get(dev, &cfg);
-    cfg.on_cap_frdy = _count_frame;
-    ASSERT_EQ(tevix_cap_config_set(dev, &cfg), 1);
+    ASSERT_TRUE(
+        tevix::test::cap_configure(dev, [](tevix_cap_cfg_t &c) { c.on_cap_frdy = _count_frame; }));
     ASSERT_EQ(tevix_cap_start(dev), 1);
     g_frdy = 0;
     int got = 0;
@@ -269,46 +191,44 @@ TEST_F(e2e, callback_delivery_and_unplug) {
     EXPECT_GE(g_frdy.load(), 100);
 
     // Unplugged while capturing: pulls end with an error, and close still returns.
-    cfg.on_cap_frdy = nullptr;
-    cfg.on_cap_err = _note_error;
-    _reset_errors(0);
-    tevix_cap_config_set(dev, &cfg);
-    e2e_env::cam()->unplug();
+    cap_errors::reset(0);
+    tevix::test::cap_configure(dev, [](tevix_cap_cfg_t &c) {
+        c.on_cap_frdy = nullptr;
+        c.on_cap_err = cap_errors::note;
+    });
+    vcam_env::cam()->unplug();
     int n = 1;
-    for (int i = 0; i < 50 && n > 0; ++i) n = pull_one(dev);
+    for (int i = 0; i < 50 && n > 0; ++i) n = pull(dev, raw_);
     EXPECT_LE(n, 0);
-    const auto errs = _errors();
+    const auto errs = cap_errors::all();
     ASSERT_FALSE(errs.empty()) << "last pull " << n;
     EXPECT_LT(errs.back().first, 0) << "last pull " << n;
     tevix_dev_close(dev);
-    e2e_env::cam()->replug();
+    vcam_env::cam()->replug();
     tevix::plat::sleep_ms(500);
 }
 
 TEST_F(e2e, lost_stream_bytes_are_reported_as_discards_and_a_false_answer_silences_pulls) {
     tevix_dev_t *dev = open_listed();
     ASSERT_NE(dev, nullptr);
-    tevix_cap_cfg_t cfg{};
-    tevix_cap_config_get(dev, &cfg);
-    cfg.on_cap_err = _note_error;
-    ASSERT_EQ(tevix_cap_config_set(dev, &cfg), 1);
-    _reset_errors(1);
+    ASSERT_TRUE(tevix::test::cap_configure(
+        dev, [](tevix_cap_cfg_t &c) { c.on_cap_err = cap_errors::note; }));
     ASSERT_EQ(tevix_cap_start(dev), 1);
-    auto pull = [&] { return pull_one(dev); };
-    ASSERT_EQ(pull(), 1);
-    tevix::emu::camera *cam = e2e_env::cam();
+    auto pulled = [&] { return pull(dev, raw_); };
+    ASSERT_EQ(pulled(), 1);
+    tevix::emu::camera *cam = vcam_env::cam();
     // One lost chunk cuts a frame (two when it spans a frame's end): each report is 3 with the
     // discarded total so far.
     auto lose_and_pull = [&] {
         cam->drop_next(1);
-        const size_t before = _errors().size();
-        for (int i = 0; i < 30 && _errors().size() == before; ++i) EXPECT_GE(pull(), 0);
-        for (int i = 0; i < 5; ++i) EXPECT_GE(pull(), 0);
-        return _errors().size() - before;
+        const size_t before = cap_errors::all().size();
+        for (int i = 0; i < 30 && cap_errors::all().size() == before; ++i) EXPECT_GE(pulled(), 0);
+        for (int i = 0; i < 5; ++i) EXPECT_GE(pulled(), 0);
+        return cap_errors::all().size() - before;
     };
     for (int loss = 1; loss <= 3; ++loss) {
         ASSERT_GE(lose_and_pull(), 1u) << "loss " << loss;
-        auto errs = _errors();
+        auto errs = cap_errors::all();
         for (size_t i = 0; i < errs.size(); ++i) {
             EXPECT_EQ(errs[i].first, TEVIX_ERR_CAP_FRAME_DISCARD);
             if (i) {
@@ -320,14 +240,14 @@ TEST_F(e2e, lost_stream_bytes_are_reported_as_discards_and_a_false_answer_silenc
     }
 
     // The host answers false: every later pull delivers nothing, though the camera streams on.
-    g_err_answer = 0;
+    cap_errors::answer = 0;
     cam->drop_next(1);
-    const size_t before = _errors().size();
-    for (int i = 0; i < 30 && _errors().size() == before; ++i) pull();
-    ASSERT_GT(_errors().size(), before);
+    const size_t before = cap_errors::all().size();
+    for (int i = 0; i < 30 && cap_errors::all().size() == before; ++i) pulled();
+    ASSERT_GT(cap_errors::all().size(), before);
     const uint64_t frames_then = cam->stats().frames;
     for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(pull(), 0);
+        EXPECT_EQ(pulled(), 0);
         tevix::plat::sleep_ms(30);
     }
     EXPECT_EQ(tevix_cap_get_frame(dev, raw_.data(), static_cast<uint32_t>(raw_.size()), nullptr),
@@ -335,10 +255,10 @@ TEST_F(e2e, lost_stream_bytes_are_reported_as_discards_and_a_false_answer_silenc
     EXPECT_GT(cam->stats().frames, frames_then);
 
     // Until the next start.
-    g_err_answer = 1;
+    cap_errors::answer = 1;
     tevix_cap_stop(dev);
     ASSERT_EQ(tevix_cap_start(dev), 1);
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(pull(), 1);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(pulled(), 1);
     tevix_cap_stop(dev);
     tevix_dev_close(dev);
 }
@@ -356,18 +276,15 @@ TEST_F(e2e, pulls_sets_and_a_close_from_three_threads) {
         int n = 1;
         while (n > 0) {  // while data flows every pull gets its frame; the close ends the last
             waiting = true;
-            n = tevix_cap_get_frames(dev, 1, raw.data(), static_cast<uint32_t>(raw.size()),
-                                     nullptr);
+            n = pull(dev, raw);
             waiting = false;
             if (n > 0) pulled += n;
         }
         last = n;
     });
     std::thread setter([&] {
-        for (uint32_t i = 0; !stop_sets; ++i) {
-            tevix_param_item_t intg = _u32_item(TEVIX_PARAM_INTG1, 200 + i % 100, 0, 2);
-            if (tevix_param_batch_set(dev, &intg, 1) == 1) ++sets_ok;
-        }
+        for (uint32_t i = 0; !stop_sets; ++i)
+            if (set_u32(dev, TEVIX_PARAM_INTG1, 200 + i % 100, 0, 2)) ++sets_ok;
     });
     for (int i = 0; i < 200 && (pulled < 30 || sets_ok < 30); ++i) tevix::plat::sleep_ms(20);
     stop_sets = true;
@@ -375,7 +292,7 @@ TEST_F(e2e, pulls_sets_and_a_close_from_three_threads) {
     EXPECT_GE(pulled.load(), 30);
     EXPECT_GE(sets_ok.load(), 30);
 
-    e2e_env::cam()->hold_in(true);
+    vcam_env::cam()->hold_in(true);
     tevix::plat::sleep_ms(300);  // the puller is now inside a pull that cannot complete
     EXPECT_TRUE(waiting.load());
     uint64_t took = 0;
@@ -389,5 +306,5 @@ TEST_F(e2e, pulls_sets_and_a_close_from_three_threads) {
     EXPECT_LT(took, 20000u);
     EXPECT_LE(last.load(), 0);
     EXPECT_EQ(dev->session, nullptr);
-    e2e_env::cam()->hold_in(false);
+    vcam_env::cam()->hold_in(false);
 }

@@ -1,11 +1,17 @@
-// One virtual camera for a whole test program: the testbed must exist before the library starts
-// libusb, and go after the last close.
+// Virtual cameras for a whole test program, and the small helpers of the tests that drive them
+// through the public calls. The testbed must exist before the library starts libusb, and go after
+// the last close.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
 
 #include "scene/scene.h"
 #include "tevix/tevix.h"
@@ -15,37 +21,101 @@ namespace tevix::test {
 
 class vcam_env : public ::testing::Environment {
   public:
-    // scene: the scene renderer instead of the test pattern. log_env: an environment variable
-    // that, when set, shows the library's log on the console.
-    // scene_cfg: the scene's configuration (the unit's errors, noise).
-    vcam_env(tevix::emu::camera_config cfg, bool scene, const char *log_env = nullptr,
-             tevix::emu::scene_config scene_cfg = {})
-        : cfg_(cfg), scene_(scene), log_env_(log_env), scene_cfg_(scene_cfg) {}
+    // A camera and what it streams (no source: the test pattern).
+    struct unit {
+        tevix::emu::camera_config cfg;
+        std::function<std::unique_ptr<tevix::emu::frame_source>()> source;
+    };
+    // A camera streaming the EPC scene renderer (format 2) of scene_cfg.
+    static unit scene_unit(tevix::emu::camera_config cfg, tevix::emu::scene_config scene_cfg = {}) {
+        return {cfg,
+                [scene_cfg] { return std::make_unique<tevix::emu::scene_renderer>(scene_cfg, 2); }};
+    }
+    // log_env: an environment variable that, when set, shows the library's log on the console.
+    explicit vcam_env(std::vector<unit> units, const char *log_env = nullptr)
+        : units_(std::move(units)), log_env_(log_env) {}
     void SetUp() override {
         tb_ = std::make_unique<tevix::emu::testbed>();
-        std::unique_ptr<tevix::emu::scene_renderer> src;
-        if (scene_) src = std::make_unique<tevix::emu::scene_renderer>(scene_cfg_, 2);
-        renderer_ = src.get();
-        cam_ = tb_->add(cfg_, std::move(src));
+        for (const unit &u : units_) {
+            std::unique_ptr<tevix::emu::frame_source> src = u.source ? u.source() : nullptr;
+            sources_.push_back(src.get());
+            cams_.push_back(tb_->add(u.cfg, std::move(src)));
+        }
         tevix_init("");
         tevix_log_cfg(log_env_ && std::getenv(log_env_) ? 0 : 7, 7, 7);
     }
     void TearDown() override {
         tevix_uninit();
+        cams_.clear();
+        sources_.clear();
         tb_.reset();
     }
-    static tevix::emu::camera *cam() { return cam_; }
-    // The scene renderer (null with the test pattern).
-    static tevix::emu::scene_renderer *scene() { return renderer_; }
+    // The testbed, for cameras added while the tests run.
+    static tevix::emu::testbed &tb() { return *tb_; }
+    static tevix::emu::camera *cam(size_t i = 0) { return cams_.at(i); }
+    // What camera i streams: the scene renderer of scene_unit (null with the test pattern).
+    template <class Source = tevix::emu::scene_renderer>
+    static Source *scene(size_t i = 0) {
+        return static_cast<Source *>(sources_.at(i));
+    }
 
   private:
-    tevix::emu::camera_config cfg_;
-    bool scene_;
+    std::vector<unit> units_;
     const char *log_env_;
-    tevix::emu::scene_config scene_cfg_;
-    std::unique_ptr<tevix::emu::testbed> tb_;
-    static inline tevix::emu::camera *cam_ = nullptr;
-    static inline tevix::emu::scene_renderer *renderer_ = nullptr;
+    static inline std::unique_ptr<tevix::emu::testbed> tb_;
+    static inline std::vector<tevix::emu::camera *> cams_;
+    static inline std::vector<tevix::emu::frame_source *> sources_;
+};
+
+// A parameter of one or two 32-bit words; len: the bytes the parameter takes.
+inline tevix_param_item_t u32_item(uint32_t id, uint32_t a, uint32_t b = 0, uint8_t len = 4) {
+    tevix_param_item_t it{};
+    it.id = id;
+    it.len = len;
+    it.value.u32[0] = a;
+    it.value.u32[1] = b;
+    return it;
+}
+
+// Sets one such parameter: true when the camera took it.
+inline bool set_u32(tevix_dev_t *dev, uint32_t id, uint32_t a, uint32_t b = 0, uint8_t len = 4) {
+    tevix_param_item_t it = u32_item(id, a, b, len);
+    return tevix_param_batch_set(dev, &it, 1) == 1;
+}
+
+// Changes the capture configuration the device has now through edit.
+template <class F>
+bool cap_configure(tevix_dev_t *dev, F &&edit) {
+    tevix_cap_cfg_t cfg{};
+    tevix_cap_config_get(dev, &cfg);
+    edit(cfg);
+    return tevix_cap_config_set(dev, &cfg) == 1;
+}
+
+// One frame into buf: the pull's result.
+inline int pull(tevix_dev_t *dev, std::vector<uint8_t> &buf, tevix_frame_info_t *info = nullptr) {
+    return tevix_cap_get_frames(dev, 1, buf.data(), static_cast<uint32_t>(buf.size()), info);
+}
+
+// What the capture error callback (note) was told, in order; it answers `answer`.
+struct cap_errors {
+    static int note(tevix_dev_t *, int code, uint32_t extra) {
+        std::lock_guard lk(m);
+        seen.emplace_back(code, extra);
+        return answer.load();
+    }
+    static std::vector<std::pair<int, uint32_t>> all() {
+        std::lock_guard lk(m);
+        return seen;
+    }
+    static void reset(int answer_with = 1) {
+        std::lock_guard lk(m);
+        seen.clear();
+        answer = answer_with;
+    }
+    static inline std::mutex m;
+    static inline std::vector<std::pair<int, uint32_t>> seen;
+    static inline std::atomic<int> answer{1};
 };
 
 }  // namespace tevix::test
