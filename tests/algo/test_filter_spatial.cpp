@@ -5,18 +5,15 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <functional>
 #include <random>
 #include <thread>
 #include <vector>
 
-#include "algo/simd.h"
+#include "levels.h"
 #include "tevix/vx_filter.h"
 
 namespace {
 
-using tevix::simd::level;
-using tevix::simd::scoped_limit;
 using image = std::vector<uint16_t>;
 
 bool valid(uint16_t v) {
@@ -109,54 +106,31 @@ image ref_fhole(const image &in, uint32_t w, uint32_t h, uint32_t param) {
     return out;
 }
 
-using filter_fn = std::function<bool(uint16_t *, uint32_t, uint32_t)>;
-
-// Runs fn at every SIMD level on copies of img; all results must be identical.
-image run_all_levels(const filter_fn &fn, const image &img, uint32_t w, uint32_t h) {
-    image want = img;
-    {
-        scoped_limit cap(level::scalar);
-        EXPECT_TRUE(fn(want.data(), w, h));
-    }
-    for (level l : {level::sse41, level::avx2}) {
-        scoped_limit cap(l);
+// Runs fn(img, w, h, param) on a copy of img at every level; the levels must agree.
+template <class P>
+image filtered(bool (*fn)(uint16_t *, uint32_t, uint32_t, P), P param, const image &img, uint32_t w,
+               uint32_t h) {
+    SCOPED_TRACE(testing::Message() << w << "x" << h << " param " << param);
+    return tevix::test::same_at_every_level([&] {
         image out = img;
-        EXPECT_TRUE(fn(out.data(), w, h));
-        EXPECT_EQ(out, want) << w << "x" << h << " level " << int(l);
-    }
-    return want;
+        EXPECT_TRUE(fn(out.data(), w, h, param));
+        return out;
+    });
 }
 
 const std::pair<uint32_t, uint32_t> sizes[] = {{1, 1}, {3, 2}, {17, 5}, {33, 31}, {641, 479}};
 
+// The references hold every documented rule (lower median, invalid pixels kept, windows larger
+// than the image), and the random images hit each one; bad arguments leave the image alone.
 TEST(FilterSpatial, MedianMatchesReference) {
     // Sparse holes take the network for high ranks only; frequent ones the full network.
     for (auto [w, h] : sizes)
         for (uint32_t k : {3u, 5u})
             for (double holes : {0.15, 0.02, 0.0}) {
                 const image img = random_depth(w, h, w * 7 + h + k, holes);
-                const image got =
-                    run_all_levels([k](uint16_t *p, uint32_t w,
-                                       uint32_t h) { return vx_median2d_u16(p, w, h, k); },
-                                   img, w, h);
-                EXPECT_EQ(got, ref_median(img, w, h, int(k))) << w << "x" << h << " k" << k;
+                EXPECT_EQ(filtered(vx_median2d_u16, k, img, w, h), ref_median(img, w, h, int(k)))
+                    << w << "x" << h << " k" << k;
             }
-}
-
-TEST(FilterSpatial, MedianExactCases) {
-    // A valid spike among equal values disappears; invalid pixels stay; the lower median of an
-    // even count is taken.
-    image img = {100, 100, 100, 100, 9000, 100, 100, 100, 100};
-    EXPECT_TRUE(vx_median2d_u16(img.data(), 3, 3, 3));
-    EXPECT_EQ(img, image(9, 100));
-    img = {0, 0, 0, 0, 500, 0, 0, 0, 700};
-    EXPECT_TRUE(vx_median2d_u16(img.data(), 3, 3, 3));
-    EXPECT_EQ(img, (image{0, 0, 0, 0, 500, 0, 0, 0, 500}));
-    img = {VX_DIST_INVALID, 7, 3, 0};
-    EXPECT_TRUE(vx_median2d_u16(img.data(), 2, 2, 5));
-    EXPECT_EQ(img, (image{VX_DIST_INVALID, 3, 3, 0}));
-
-    // Bad arguments leave the image as it was.
     image keep = {1, 2, 3, 4};
     EXPECT_FALSE(vx_median2d_u16(keep.data(), 2, 2, 4));
     EXPECT_FALSE(vx_median2d_u16(keep.data(), 0, 2, 3));
@@ -168,15 +142,10 @@ TEST(FilterSpatial, FlypixMatchesReference) {
     for (auto [w, h] : sizes)
         for (uint32_t t : {0u, 20u, 29u, 31u, 100u}) {
             const image img = random_depth(w, h, w + h * 3 + t, 0.1);
-            auto k3 = [t](uint16_t *p, uint32_t w, uint32_t h) {
-                return vx_flypix_u16_k3(p, w, h, t);
-            };
-            auto k5 = [t](uint16_t *p, uint32_t w, uint32_t h) {
-                return vx_flypix_u16_k5(p, w, h, t);
-            };
-            EXPECT_EQ(run_all_levels(k3, img, w, h), ref_flypix(img, w, h, 3, t)) << w << "x" << h;
-            EXPECT_EQ(run_all_levels(k5, img, w, h), ref_flypix(img, w, h, 5, t)) << w << "x" << h;
+            EXPECT_EQ(filtered(vx_flypix_u16_k3, t, img, w, h), ref_flypix(img, w, h, 3, t));
+            EXPECT_EQ(filtered(vx_flypix_u16_k5, t, img, w, h), ref_flypix(img, w, h, 5, t));
         }
+    EXPECT_FALSE(vx_flypix_u16_k5(nullptr, 4, 4, 1));
 }
 
 TEST(FilterSpatial, FlypixRemovesPixelsBetweenSurfaces) {
@@ -192,42 +161,16 @@ TEST(FilterSpatial, FlypixRemovesPixelsBetweenSurfaces) {
             for (uint32_t x = 0; x < w; ++x)
                 EXPECT_EQ(out[y * w + x], x == 4 ? 0 : img[y * w + x]) << x << "," << y;
     }
-    // A higher threshold is stricter: it never keeps a pixel that a lower one removes.
-    const image noisy = random_depth(64, 48, 5, 0.05);
-    size_t removed_prev = 0;
-    for (uint32_t t = 0; t <= 31; ++t) {
-        image out = noisy;
-        EXPECT_TRUE(vx_flypix_u16_k3(out.data(), 64, 48, t));
-        const size_t removed = size_t(std::count(out.begin(), out.end(), 0));
-        EXPECT_GE(removed, removed_prev) << t;
-        removed_prev = removed;
-    }
-    EXPECT_FALSE(vx_flypix_u16_k5(nullptr, 4, 4, 1));
 }
 
+// Holes with 1 to 8 valid neighbours against every m; 65500 pixels are never filled.
 TEST(FilterSpatial, FholeMatchesReference) {
     for (auto [w, h] : sizes)
         for (uint32_t p : {0u, 1u, 5u, 8u, 30u}) {
             const image img = random_depth(w, h, w * h + p, 0.2);
-            auto fn = [p](uint16_t *q, uint32_t w, uint32_t h) {
-                return vx_fhole_u16_k3(q, w, h, p);
-            };
-            EXPECT_EQ(run_all_levels(fn, img, w, h), ref_fhole(img, w, h, p)) << w << "x" << h;
+            EXPECT_EQ(filtered(vx_fhole_u16_k3, p, img, w, h), ref_fhole(img, w, h, p));
         }
-}
-
-TEST(FilterSpatial, FholeFillsIsolatedHolesOnly) {
-    image img = {10, 20, 30, 40, 0, 60, 70, 80, 90};
-    EXPECT_TRUE(vx_fhole_u16_k3(img.data(), 3, 3, 0));
-    EXPECT_EQ(img[4], 40);  // lower median of the eight neighbours
-    img = {10, 0, 30, 40, 0, 60, 70, 80, 90};
-    EXPECT_TRUE(vx_fhole_u16_k3(img.data(), 3, 3, 0));
-    EXPECT_EQ(img[4], 60);  // seven valid neighbours; the hole at 1 has only four
-    EXPECT_EQ(img[1], 0);
-    img = {10, VX_DIST_INVALID, 30, 40, 0, 60, 70, 80, 90};
-    EXPECT_TRUE(vx_fhole_u16_k3(img.data(), 3, 3, 0));
-    EXPECT_EQ(img[4], 60);
-    EXPECT_EQ(img[1], VX_DIST_INVALID);  // sensor-invalid pixels are never filled
+    image img(9, 10);
     EXPECT_FALSE(vx_fhole_u16_k3(img.data(), 0, 3, 0));
 }
 
@@ -258,9 +201,7 @@ TEST(FilterSpatial, GaussMatchesConvolution) {
     const uint32_t w = 97, h = 61;
     const float sigma = 0.04f;  // 3.88 x 2.44 pixels
     const image img = random_depth(w, h, 11, 0.1);
-    const image got = run_all_levels(
-        [sigma](uint16_t *p, uint32_t w, uint32_t h) { return vx_gauss2d_iir_u16(p, w, h, sigma); },
-        img, w, h);
+    const image got = filtered(vx_gauss2d_iir_u16, sigma, img, w, h);
     const image want = ref_gauss(img, w, h, sigma * w, sigma * h);
     // The recursive filter approximates the Gaussian to about 1% of the local contrast.
     int worst = 0;
@@ -272,49 +213,35 @@ TEST(FilterSpatial, GaussMatchesConvolution) {
         worst = std::max(worst, std::abs(int(got[i]) - int(want[i])));
     }
     EXPECT_LE(worst, 15);
-}
 
-TEST(FilterSpatial, GaussKeepsFlatAndInvalid) {
-    const uint32_t w = 67, h = 45;
-    image img(w * h, 1700);
-    img[10] = 0;
-    img[500] = VX_DIST_INVALID;
-    image out = img;
-    EXPECT_TRUE(vx_gauss2d_iir_u16(out.data(), w, h, 0.1f));
-    EXPECT_EQ(out, img);
+    // A flat image stays exactly flat around its holes.
+    image flat(w * h, 1700);
+    flat[10] = 0;
+    flat[500] = VX_DIST_INVALID;
+    EXPECT_EQ(filtered(vx_gauss2d_iir_u16, 0.1f, flat, w, h), flat);
     // The default 0.1 of a 640x480 image is a wide kernel; other sizes run at every level.
-    for (auto [w, h] : sizes) {
-        const image r = random_depth(w, h, w + h);
-        run_all_levels(
-            [](uint16_t *p, uint32_t w, uint32_t h) { return vx_gauss2d_iir_u16(p, w, h, 0.1f); },
-            r, w, h);
-    }
+    for (auto [w, h] : sizes) filtered(vx_gauss2d_iir_u16, 0.1f, random_depth(w, h, w + h), w, h);
     // Deviations below half a pixel leave the image as it is.
-    out = random_depth(w, h, 3);
-    const image before = out;
-    EXPECT_TRUE(vx_gauss2d_iir_u16(out.data(), w, h, 0.005f));
-    EXPECT_EQ(out, before);
+    EXPECT_EQ(filtered(vx_gauss2d_iir_u16, 0.005f, img, w, h), img);
     EXPECT_FALSE(vx_gauss2d_iir_u16(nullptr, w, h, 0.1f));
 }
 
 TEST(FilterSpatial, ThreadsKeepTheirOwnScratch) {
     // Each thread filters its own images of its own size; the results equal a lone run.
     const std::pair<uint32_t, uint32_t> dims[2] = {{641, 479}, {97, 33}};
-    image want[2];
-    for (int t = 0; t < 2; ++t) {
-        want[t] = random_depth(dims[t].first, dims[t].second, 40 + t);
-        vx_median2d_u16(want[t].data(), dims[t].first, dims[t].second, 5);
-        vx_fhole_u16_k3(want[t].data(), dims[t].first, dims[t].second, 0);
-    }
+    auto filter = [&](int t) {
+        auto [w, h] = dims[t];
+        image img = random_depth(w, h, 40 + t);
+        vx_median2d_u16(img.data(), w, h, 5);
+        vx_fhole_u16_k3(img.data(), w, h, 0);
+        return img;
+    };
+    const image want[2] = {filter(0), filter(1)};
     image got[2];
     std::thread threads[2];
     for (int t = 0; t < 2; ++t)
         threads[t] = std::thread([&, t] {
-            for (int round = 0; round < 5; ++round) {
-                got[t] = random_depth(dims[t].first, dims[t].second, 40 + t);
-                vx_median2d_u16(got[t].data(), dims[t].first, dims[t].second, 5);
-                vx_fhole_u16_k3(got[t].data(), dims[t].first, dims[t].second, 0);
-            }
+            for (int round = 0; round < 5; ++round) got[t] = filter(t);
         });
     for (auto &th : threads) th.join();
     EXPECT_EQ(got[0], want[0]);
