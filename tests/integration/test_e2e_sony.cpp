@@ -21,65 +21,47 @@
 #include "test_util.h"
 #include "tevix/tevix.h"
 #include "vcam.h"
+#include "vcam_env.h"
 
 namespace {
 
 constexpr uint32_t k_w = 640, k_h = 480, k_n = k_w * k_h;
 
-class sony_env : public ::testing::Environment {
-  public:
-    void SetUp() override {
-        tb_ = std::make_unique<tevix::emu::testbed>();
-        for (int unit = 0; unit < 3; ++unit) {
-            tevix::emu::scene_config sc = tevix::emu::sony_scene_config();
-            sc.room_back_mm = 6200;  // deeper than either frequency of a 100 + 80 MHz pair
-            tevix::emu::camera_config cfg;
-            cfg.product = "VXCAM-S" + std::to_string(unit + 1) + "-R1";
-            cfg.bus = static_cast<uint8_t>(1 + unit / 2);
-            cfg.port = cfg.addr = static_cast<uint8_t>(2 + unit % 2);
-            cfg.uid[2] += static_cast<uint32_t>(unit);
-            cfg.fps = 30;
-            cfg.width = k_w;
-            cfg.height = k_h;
-            cfg.mod_freq = 100000000;
-            cfg.frame_format = 2;
-            cfg.lens.assign(std::begin(tevix::emu::k_sony_lens), std::end(tevix::emu::k_sony_lens));
-            sc.unit_errors = unit == 1;
-            sc.noise = unit == 2;
-            if (unit == 2) sc.amp_max = 70;
-            sc.unit_seed = cfg.uid[0] ^ cfg.uid[1] ^ cfg.uid[2];
-            auto src = std::make_unique<tevix::emu::sony_renderer>(sc);
-            scenes_[unit] = src.get();
-            cams_[unit] = tb_->add(cfg, std::move(src));
-        }
-        tevix_init(std::getenv("E2E_LOG") ? std::getenv("E2E_LOG") : "");
-        tevix_log_cfg(7, std::getenv("E2E_LOG") ? 0 : 7, 7);
-    }
-    void TearDown() override {
-        tevix_uninit();
-        tb_.reset();
-    }
-    static tevix::emu::camera *cam(int unit) { return cams_[unit]; }
-    static tevix::emu::sony_renderer *scene(int unit) { return scenes_[unit]; }
+using tevix::test::vcam_env;
 
-  private:
-    std::unique_ptr<tevix::emu::testbed> tb_;
-    static inline tevix::emu::camera *cams_[3] = {};
-    static inline tevix::emu::sony_renderer *scenes_[3] = {};
-};
-::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new sony_env);
+std::vector<vcam_env::unit> _units() {
+    std::vector<vcam_env::unit> units;
+    for (int unit = 0; unit < 3; ++unit) {
+        tevix::emu::scene_config sc = tevix::emu::sony_scene_config();
+        sc.room_back_mm = 6200;  // deeper than either frequency of a 100 + 80 MHz pair
+        tevix::emu::camera_config cfg;
+        cfg.product = "VXCAM-S" + std::to_string(unit + 1) + "-R1";
+        cfg.bus = static_cast<uint8_t>(1 + unit / 2);
+        cfg.port = cfg.addr = static_cast<uint8_t>(2 + unit % 2);
+        cfg.uid[2] += static_cast<uint32_t>(unit);
+        cfg.fps = 30;
+        cfg.width = k_w;
+        cfg.height = k_h;
+        cfg.mod_freq = 100000000;
+        cfg.frame_format = 2;
+        cfg.lens.assign(std::begin(tevix::emu::k_sony_lens), std::end(tevix::emu::k_sony_lens));
+        sc.unit_errors = unit == 1;
+        sc.noise = unit == 2;
+        if (unit == 2) sc.amp_max = 70;
+        sc.unit_seed = cfg.uid[0] ^ cfg.uid[1] ^ cfg.uid[2];
+        units.push_back({cfg, [sc] { return std::make_unique<tevix::emu::sony_renderer>(sc); }});
+    }
+    return units;
+}
+::testing::Environment *const g_env =
+    ::testing::AddGlobalTestEnvironment(new vcam_env(_units(), "E2E_LOG"));
 
-tevix_param_item_t _item(uint32_t id, uint32_t a, uint32_t b = 0, uint8_t len = 4) {
-    tevix_param_item_t it{};
-    it.id = id;
-    it.len = len;
-    it.value.u32[0] = a;
-    it.value.u32[1] = b;
-    return it;
+tevix::emu::sony_renderer &_scene(int unit) {
+    return *vcam_env::scene<tevix::emu::sony_renderer>(size_t(unit));
 }
 
 uint32_t _fw_u32(int unit, uint8_t id) {
-    return sony_env::cam(unit)->with_firmware([id](tevix::emu::firmware &fw) {
+    return vcam_env::cam(size_t(unit))->with_firmware([id](tevix::emu::firmware &fw) {
         const std::vector<uint8_t> v = fw.param(id);
         uint32_t x = 0;
         if (v.size() >= 4) std::memcpy(&x, v.data(), 4);
@@ -91,13 +73,13 @@ using tevix::test::accuracy;
 
 accuracy _accuracy(int unit, const std::vector<uint16_t> &mm, double limit_mm,
                    double far_mm = 100) {
-    return tevix::test::scene_accuracy(*sony_env::scene(unit), mm, limit_mm, far_mm);
+    return tevix::test::scene_accuracy(_scene(unit), mm, limit_mm, far_mm);
 }
 
 class sony_e2e : public ::testing::Test {
   protected:
     void SetUp() override {
-        for (int unit = 0; unit < 3; ++unit) sony_env::cam(unit)->reset();
+        for (size_t unit = 0; unit < 3; ++unit) vcam_env::cam(unit)->reset();
         prefix_ = dir_.path().string() + "/";
         tevix_path_set(prefix_.c_str());
     }
@@ -109,7 +91,13 @@ class sony_e2e : public ::testing::Test {
         dev_ = tevix_dev_open_by_uri(uris[unit]);
         return dev_;
     }
-    bool set(tevix_param_item_t it) { return tevix_param_batch_set(dev_, &it, 1) == 1; }
+    bool set(uint32_t id, uint32_t a, uint32_t b = 0, uint8_t len = 4) {
+        return tevix::test::set_u32(dev_, id, a, b, len);
+    }
+    // 100 + 80 MHz in format 17.
+    bool dual() {
+        return set(TEVIX_PARAM_FRM_FMT, 17) && set(TEVIX_PARAM_DUAL_FREQ, 100000000, 80000000, 8);
+    }
     // Starts a capture and keeps the second frame of format fmt in raw_ and info_ (frames made
     // before the last setting are skipped; a loaded machine may take a few tries).
     void capture(uint16_t fmt) {
@@ -136,7 +124,10 @@ class sony_e2e : public ::testing::Test {
     tevix_frame_info_t info_{};
 };
 
-TEST_F(sony_e2e, opens_with_the_sony_driver_and_the_units_lens) {
+// Opened with the SONY driver and the unit's lens. 20 MHz holds the whole room in its range: every
+// pixel within 2 mm; grey follows the amplitude and a point lies at its measured distance from the
+// camera.
+TEST_F(sony_e2e, single_frequency_distance_grey_and_points) {
     ASSERT_NE(open(0), nullptr);
     const char *chip = nullptr;
     EXPECT_STREQ(tevix_dev_get_driver(dev_, &chip), "SONY chip driver");
@@ -147,13 +138,7 @@ TEST_F(sony_e2e, opens_with_the_sony_driver_and_the_units_lens) {
     EXPECT_FLOAT_EQ(lens.cy, tevix::emu::k_sony_lens[1]);
     EXPECT_EQ(lens.width, k_w);
     EXPECT_EQ(lens.height, k_h);
-}
-
-// 20 MHz holds the whole room in its range: every pixel within 2 mm; grey follows the amplitude
-// and a point lies at its measured distance from the camera.
-TEST_F(sony_e2e, single_frequency_distance_grey_and_points) {
-    ASSERT_NE(open(0), nullptr);
-    ASSERT_TRUE(set(_item(TEVIX_PARAM_MOD_FREQ, 20000000)));
+    ASSERT_TRUE(set(TEVIX_PARAM_MOD_FREQ, 20000000));
     ASSERT_NO_FATAL_FAILURE(capture(2));
     EXPECT_EQ(info_.width, k_w);
     const std::vector<uint16_t> mm = distance();
@@ -167,8 +152,7 @@ TEST_F(sony_e2e, single_frequency_distance_grey_and_points) {
     ASSERT_EQ(tevix_frame_get_gray_u16(dev_, grey.data(), k_n, raw_.data(), info_.size, &info_),
               int(k_n));
     const uint32_t c = (k_h / 2) * k_w + k_w / 2;
-    EXPECT_NEAR(grey[c], sony_env::scene(0)->amplitude()[c],
-                sony_env::scene(0)->amplitude()[c] * 0.06);
+    EXPECT_NEAR(grey[c], _scene(0).amplitude()[c], _scene(0).amplitude()[c] * 0.06);
 
     std::vector<float> m(k_n), pcl(3 * k_n);
     ASSERT_EQ(tevix_frame_get_dist_f32(dev_, m.data(), k_n, raw_.data(), info_.size, &info_),
@@ -186,8 +170,7 @@ TEST_F(sony_e2e, single_frequency_distance_grey_and_points) {
 // 100 MHz alone wraps at 1.5 m.
 TEST_F(sony_e2e, dual_frequency_unwraps_the_deep_room) {
     ASSERT_NE(open(0), nullptr);
-    ASSERT_TRUE(set(_item(TEVIX_PARAM_FRM_FMT, 17)));
-    ASSERT_TRUE(set(_item(TEVIX_PARAM_DUAL_FREQ, 100000000, 80000000, 8)));
+    ASSERT_TRUE(dual());
     ASSERT_NO_FATAL_FAILURE(capture(17));
     const accuracy a = _accuracy(0, distance(), 6000);
     std::cout << "100 + 80 MHz over USB: " << a.valid << "/" << a.checked << " valid, mean "
@@ -201,8 +184,7 @@ TEST_F(sony_e2e, dual_frequency_unwraps_the_deep_room) {
 // to a wrong wrap (an error of a wrap or more).
 TEST_F(sony_e2e, dual_frequency_marks_pixels_whose_phases_disagree) {
     ASSERT_NE(open(2), nullptr);
-    ASSERT_TRUE(set(_item(TEVIX_PARAM_FRM_FMT, 17)));
-    ASSERT_TRUE(set(_item(TEVIX_PARAM_DUAL_FREQ, 100000000, 80000000, 8)));
+    ASSERT_TRUE(dual());
     ASSERT_NO_FATAL_FAILURE(capture(17));
     const accuracy a = _accuracy(2, distance(), 7000, 250);
     std::cout << "weak signal over USB, 100 + 80 MHz: " << a.checked - a.valid << " of "
@@ -216,16 +198,16 @@ TEST_F(sony_e2e, dual_frequency_marks_pixels_whose_phases_disagree) {
 // it brings the format back.
 TEST_F(sony_e2e, second_integration_time_streams_hdr_frames) {
     ASSERT_NE(open(0), nullptr);
-    ASSERT_TRUE(set(_item(TEVIX_PARAM_MOD_FREQ, 20000000)));
-    ASSERT_TRUE(set(_item(TEVIX_PARAM_FRM_FMT, 13)));
-    ASSERT_TRUE(set(_item(TEVIX_PARAM_INTG1, 1000, 0, 2)));
-    ASSERT_TRUE(set(_item(TEVIX_PARAM_INTG2, 250, 0, 2)));
+    ASSERT_TRUE(set(TEVIX_PARAM_MOD_FREQ, 20000000));
+    ASSERT_TRUE(set(TEVIX_PARAM_FRM_FMT, 13));
+    ASSERT_TRUE(set(TEVIX_PARAM_INTG1, 1000, 0, 2));
+    ASSERT_TRUE(set(TEVIX_PARAM_INTG2, 250, 0, 2));
     EXPECT_EQ(_fw_u32(0, TEVIX_PARAM_FRM_FMT), 15u);
     ASSERT_NO_FATAL_FAILURE(capture(15));
     const accuracy a = _accuracy(0, distance(), 1e9);
     EXPECT_GT(a.valid, a.checked * 99 / 100);
     EXPECT_LT(a.p95, 30.0);  // eight-bit samples
-    ASSERT_TRUE(set(_item(TEVIX_PARAM_INTG2, 0, 0, 2)));
+    ASSERT_TRUE(set(TEVIX_PARAM_INTG2, 0, 0, 2));
     EXPECT_EQ(_fw_u32(0, TEVIX_PARAM_FRM_FMT), 13u);
 }
 
@@ -237,7 +219,7 @@ TEST_F(sony_e2e, calibration_container_removes_the_units_errors) {
     char name[512];
     const std::string path = tevix_get_param_absolute_name(dev_, name, sizeof name);
     tevix_dev_close(dev_);
-    const tevix::emu::sony_renderer &r = *sony_env::scene(1);
+    const tevix::emu::sony_renderer &r = _scene(1);
     tevix::calib::param_container c;
     c.ts = 100;
     for (const auto &b : {r.station_block(100000000, {150, 330, 520, 710, 900, 1090, 1280, 1440}),
@@ -247,8 +229,7 @@ TEST_F(sony_e2e, calibration_container_removes_the_units_errors) {
 
     ASSERT_NE(open(1), nullptr);
     ASSERT_EQ(tevix_filter_enable(dev_, TEVIX_FILTER_PIX_CALIB, nullptr), 0);
-    ASSERT_TRUE(set(_item(TEVIX_PARAM_FRM_FMT, 17)));
-    ASSERT_TRUE(set(_item(TEVIX_PARAM_DUAL_FREQ, 100000000, 80000000, 8)));
+    ASSERT_TRUE(dual());
     ASSERT_NO_FATAL_FAILURE(capture(17));
     std::vector<uint16_t> raw(k_n);
     ASSERT_EQ(tevix_frame_get_dist_raw(dev_, raw.data(), k_n, raw_.data(), info_.size, &info_),

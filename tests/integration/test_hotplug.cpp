@@ -20,31 +20,20 @@
 #include <gtest/gtest.h>
 
 #include "ll/usb/usb_ll.h"
+#include "platform/platform.h"
+#include "test_util.h"
 #include "tevix/tevix.h"
 #include "vcam.h"
+#include "vcam_env.h"
 
 namespace {
 
 using clock_ = std::chrono::steady_clock;
+using tevix::test::pull;
+using tevix::test::vcam_env;
 
-// The testbed must exist before the library starts libusb, and go after the last close.
-class hotplug_env : public ::testing::Environment {
-  public:
-    void SetUp() override {
-        tb_ = std::make_unique<tevix::emu::testbed>();
-        tevix_init("");
-        tevix_log_cfg(7, 7, 7);
-    }
-    void TearDown() override {
-        tevix_uninit();
-        tb_.reset();
-    }
-    static tevix::emu::testbed &tb() { return *tb_; }
-
-  private:
-    static inline std::unique_ptr<tevix::emu::testbed> tb_;
-};
-::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new hotplug_env);
+// No camera at start: the cases add their own.
+::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new vcam_env({}));
 
 tevix::emu::camera_config _unit(uint8_t bus, uint8_t port, uint32_t serial_word, const char *chip,
                                 uint32_t fps = 30) {
@@ -93,15 +82,6 @@ struct event_log {
     }
 };
 
-size_t _count_dir(const char *path) {
-    size_t n = 0;
-    if (DIR *d = opendir(path)) {
-        while (readdir(d)) ++n;
-        closedir(d);
-    }
-    return n;
-}
-
 // What each open descriptor points at.
 std::vector<std::string> _fd_targets() {
     std::vector<std::string> out;
@@ -142,7 +122,7 @@ TEST(hotplug, arrival_removal_during_capture_and_reopen_at_a_new_address) {
     EXPECT_EQ(log.size(), 0u);  // nothing attached yet
 
     const auto first = _unit(1, 2, 0x20261201, "E1");
-    tevix::emu::camera *cam = hotplug_env::tb().add(first);
+    tevix::emu::camera *cam = vcam_env::tb().add(first);
     ASSERT_NE(cam, nullptr);
     ASSERT_TRUE(log.wait(1));
     tevix_hotplug_event_t ev = log.at(0);
@@ -158,23 +138,19 @@ TEST(hotplug, arrival_removal_during_capture_and_reopen_at_a_new_address) {
     EXPECT_EQ(std::string(dev->serial), _serial(first));
     ASSERT_EQ(tevix_cap_start(dev), 1);
     std::vector<uint8_t> raw(8u << 20);
-    ASSERT_EQ(tevix_cap_get_frames(dev, 1, raw.data(), raw.size(), nullptr), 1);
+    ASSERT_EQ(pull(dev, raw), 1);
     std::atomic<int> result{1};
     std::atomic<int64_t> ended_ms{0};
     std::thread puller([&] {
         int r;
         // Frames, then (once the capture stopped) nothing, then the capture's error.
-        while ((r = tevix_cap_get_frames(dev, 1, raw.data(), raw.size(), nullptr)) >= 0) {
+        while ((r = pull(dev, raw)) >= 0) {
         }
-        ended_ms =
-            std::chrono::duration_cast<std::chrono::milliseconds>(clock_::now().time_since_epoch())
-                .count();
+        ended_ms = static_cast<int64_t>(tevix::plat::mono_ms());
         result = r;
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    const int64_t unplugged_ms =
-        std::chrono::duration_cast<std::chrono::milliseconds>(clock_::now().time_since_epoch())
-            .count();
+    const auto unplugged_ms = static_cast<int64_t>(tevix::plat::mono_ms());
     cam->unplug();
     puller.join();
     EXPECT_EQ(result.load(), TEVIX_ERR_CAP_UNKNOWN) << tevix_error_name(result);
@@ -191,7 +167,7 @@ TEST(hotplug, arrival_removal_during_capture_and_reopen_at_a_new_address) {
     // The same camera back at another address: found by its serial, opened and captured again.
     auto again = first;
     again.port = again.addr = 3;
-    ASSERT_NE(hotplug_env::tb().add(again), nullptr);
+    ASSERT_NE(vcam_env::tb().add(again), nullptr);
     ASSERT_TRUE(log.wait(3));
     ev = log.at(2);
     EXPECT_EQ(ev.event, TEVIX_HOTPLUG_ARRIVED);
@@ -200,8 +176,7 @@ TEST(hotplug, arrival_removal_during_capture_and_reopen_at_a_new_address) {
     dev = tevix_dev_open_by_uri(ev.uri);
     ASSERT_NE(dev, nullptr);
     ASSERT_EQ(tevix_cap_start(dev), 1);
-    for (int i = 0; i < 5; ++i)
-        ASSERT_EQ(tevix_cap_get_frames(dev, 1, raw.data(), raw.size(), nullptr), 1) << i;
+    for (int i = 0; i < 5; ++i) ASSERT_EQ(pull(dev, raw), 1) << i;
     tevix_cap_stop(dev);
     tevix_dev_close(dev);
     EXPECT_EQ(log.size(), 3u);  // one event each, nothing twice
@@ -219,7 +194,7 @@ TEST(hotplug, arrival_removal_during_capture_and_reopen_at_a_new_address) {
 }
 
 TEST(hotplug, fifty_plug_cycles_leave_no_threads_descriptors_or_memory) {
-    tevix::emu::camera *cam = hotplug_env::tb().add(_unit(2, 2, 0x20261202, "E2"));
+    tevix::emu::camera *cam = vcam_env::tb().add(_unit(2, 2, 0x20261202, "E2"));
     ASSERT_NE(cam, nullptr);
     auto cycle = [&](int cycles) {
         event_log log;
@@ -240,17 +215,18 @@ TEST(hotplug, fifty_plug_cycles_leave_no_threads_descriptors_or_memory) {
         return log.size() == base + 2 * cycles;
     };
     ASSERT_TRUE(cycle(2));  // warm-up: the allocator's first use of every path
-    const size_t threads = _library_threads(), fds = _count_dir("/proc/self/fd");
+    const size_t threads = _library_threads();
+    const int fds = tevix::test::open_fd_count();
     const std::vector<std::string> fd_before = _fd_targets();
     const size_t heap = mallinfo2().uordblks;
     ASSERT_TRUE(cycle(50));
     // Threads and descriptors that finished their work may still be on their way out on a loaded
     // machine (at the first count too): a leak is more of them than before, once they settled.
-    for (int i = 0; i < 100 && (_library_threads() > threads || _count_dir("/proc/self/fd") > fds);
+    for (int i = 0; i < 100 && (_library_threads() > threads || tevix::test::open_fd_count() > fds);
          ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_LE(_library_threads(), threads);
-    EXPECT_LE(_count_dir("/proc/self/fd"), fds) << [&] {
+    EXPECT_LE(tevix::test::open_fd_count(), fds) << [&] {
         std::string d = "before:";
         for (const auto &t : fd_before) d += " " + t;
         d += "\nafter:";
@@ -263,7 +239,7 @@ TEST(hotplug, fifty_plug_cycles_leave_no_threads_descriptors_or_memory) {
 }
 
 TEST(hotplug, polling_fallback_reports_the_same_events) {
-    tevix::emu::camera *cam = hotplug_env::tb().add(_unit(3, 2, 0x20261203, "E4"));
+    tevix::emu::camera *cam = vcam_env::tb().add(_unit(3, 2, 0x20261203, "E4"));
     ASSERT_NE(cam, nullptr);
     std::mutex m;
     std::vector<tevix::usb::plug_event> seen;
@@ -311,7 +287,7 @@ TEST(multicam, four_cameras_at_once_lose_no_frame) {
     for (int i = 0; i < 4; ++i) {
         const auto cfg = _unit(static_cast<uint8_t>(4 + i / 2), static_cast<uint8_t>(2 + i % 2),
                                0x20261300u + i, chips[i]);
-        ASSERT_NE(hotplug_env::tb().add(cfg), nullptr);
+        ASSERT_NE(vcam_env::tb().add(cfg), nullptr);
         char uri[64];
         std::snprintf(uri, sizeof uri, "usb://%03u:%03u:%03u", cfg.bus, cfg.port, cfg.addr);
         uris.push_back(uri);
@@ -331,20 +307,19 @@ TEST(multicam, four_cameras_at_once_lose_no_frame) {
             tevix_dev_t *dev = devs[size_t(i)];
             // Frames the stream dropped are reported to the error callback, on this thread.
             t_discarded = &results[size_t(i)].discarded;
-            tevix_cap_cfg_t cfg{};
-            tevix_cap_config_get(dev, &cfg);
-            cfg.on_cap_err = [](tevix_dev_t *, int code, uint32_t extra) {
-                if (code == TEVIX_ERR_CAP_FRAME_DISCARD) *t_discarded = extra;
-                return 1;
-            };
-            tevix_cap_config_set(dev, &cfg);
+            tevix::test::cap_configure(dev, [](tevix_cap_cfg_t &c) {
+                c.on_cap_err = [](tevix_dev_t *, int code, uint32_t extra) {
+                    if (code == TEVIX_ERR_CAP_FRAME_DISCARD) *t_discarded = extra;
+                    return 1;
+                };
+            });
             if (tevix_cap_start(dev) != 1) return;
             std::vector<uint8_t> raw(8u << 20);
             int32_t last = -1;
             const auto until = clock_::now() + std::chrono::duration<double>(seconds);
             while (clock_::now() < until) {
                 tevix_frame_info_t info{};
-                const int n = tevix_cap_get_frames(dev, 1, raw.data(), raw.size(), &info);
+                const int n = pull(dev, raw, &info);
                 if (n < 0) ++results[size_t(i)].errors;
                 if (n != 1) continue;
                 if (last >= 0)
