@@ -16,12 +16,13 @@
 #include "algo/simd.h"
 #include "calib/calib_writer.h"
 #include "drivers/drv.h"
+#include "drivers/drv_fixture.h"
 #include "drivers/epc/epc_calib.h"
 #include "drivers/epc/epc_kernels.h"
 #include "drivers/epc/epc_priv.h"
-#include "drivers/epc_test_backend.h"
 #include "platform/platform.h"
 #include "scene/scene.h"
+#include "scene_accuracy.h"
 #include "test_util.h"
 #include "tevix/tevix.h"
 
@@ -31,27 +32,36 @@ using tevix::test::log_capture;
 namespace {
 
 constexpr uint32_t k_w = 320, k_h = 240, k_n = k_w * k_h;
+constexpr int32_t k_full = 2 * k_n;  // what a full-size decode returns
+
+std::vector<uint8_t> _render(tevix::emu::scene_renderer &scene, uint32_t index) {
+    std::vector<uint8_t> raw(scene.frame_bytes());
+    vx_frame_desc_t desc{};
+    scene.render(index, raw, desc);
+    return raw;
+}
+
+// The scene renderer as the accuracy count reads a renderer.
+struct epc_scene {
+    const tevix::emu::scene_renderer &r;
+    uint32_t width() const { return k_w; }
+    uint32_t height() const { return k_h; }
+    bool under_header(uint32_t x, uint32_t y) const { return r.under_header(x, y); }
+    const std::vector<float> &truth_mm() const { return r.truth_mm(); }
+};
 
 // A driver row initialised on a fake camera, released at the end.
-class epc_fixture : public ::testing::Test {
+class epc_fixture : public tevix::test::drv_fixture {
   protected:
     void open(const char *product = "VXCAM-E1-R1", int row = 1, uint32_t type = 0) {
-        dev_ = std::make_unique<fake_device>(product, type);
-        drv_ = &tevix_drv_table()[row];
-        ASSERT_TRUE(drv_->ops->init(drv_, dev_->dev()));
-        dev_->bind(drv_);
+        make(product, type);
+        init(row);
     }
     void open_20mhz() {
         open();
         if (drv_->priv) ops()->on_update_mod_freq(drv_, 20000000, 0);
     }
-    void TearDown() override {
-        if (drv_ && drv_->priv) drv_->ops->uninit(drv_);
-        if (drv_) drv_->dev = nullptr;
-        dev_.reset();
-    }
     tevix::epc::epc_priv *p() { return tevix::epc::priv_of(drv_); }
-    tevix_drv_ops *ops() { return drv_->ops; }
 
     tevix_frame_info_t info_of(const std::vector<uint8_t> &raw) {
         tevix_frame_info_t info{};
@@ -65,9 +75,15 @@ class epc_fixture : public ::testing::Test {
         return ops()->frame_decode(drv_, reinterpret_cast<uint8_t *>(out.data()), n * 2, kind,
                                    raw.data(), static_cast<uint32_t>(raw.size()), &info);
     }
-
-    std::unique_ptr<fake_device> dev_;
-    tevix_drv_t *drv_ = nullptr;
+    // Frame 3 of the scene decoded as `kind`, against the scene's truth.
+    tevix::test::accuracy round_trip(const tevix::emu::scene_config &cfg, uint16_t fmt,
+                                     uint32_t kind) {
+        tevix::emu::scene_renderer scene(cfg, fmt);
+        const auto raw = _render(scene, 3);
+        std::vector<uint16_t> out;
+        EXPECT_EQ(decode(raw, kind, out, info_of(raw)), k_full);
+        return tevix::test::scene_accuracy(epc_scene{scene}, out, 1e9);
+    }
 };
 
 constexpr uint16_t k_flat[4] = {2000, 2000, 2000, 2000};  // every plane alike
@@ -111,19 +127,21 @@ std::vector<uint16_t> _u16s(const std::array<uint8_t, 18> &v, int n) {
     return out;
 }
 
-TEST_F(epc_fixture, InitSetsTheChipUp) {
+// Init sets the chip's registers up and the defaults; the chip code of the product decides the
+// rest (E3 caches frames for binned frame rates, E5 is the 160x60 sensor); a camera whose
+// registers fail is not taken.
+TEST_F(epc_fixture, InitSetsTheChipUpPerProduct) {
     log_capture log;
-    dev_ = std::make_unique<fake_device>("VXCAM-E1-R1");
-    dev_->cam().regs[34] = 0x1;
-    dev_->cam().regs[40] = 0x100;
-    drv_ = &tevix_drv_table()[1];
-    ASSERT_TRUE(drv_->ops->init(drv_, dev_->dev()));
+    make("VXCAM-E1-R1");
+    cam().regs[34] = 0x1;
+    cam().regs[40] = 0x100;
+    init(1);
     EXPECT_EQ(drv_->dev, dev_->dev());
     ASSERT_NE(drv_->priv, nullptr);
     const std::vector<std::pair<uint32_t, uint32_t>> want = {
         {139, 2},   {113, 0},   {114, 0},    {115, 0},   {174, 4},
         {34, 0x31}, {37, 0x30}, {40, 0x130}, {43, 0x30}, {17, 250}};
-    EXPECT_EQ(dev_->cam().reg_writes, want);
+    EXPECT_EQ(cam().reg_writes, want);
     EXPECT_EQ(p()->sensor_mode, 2u);
     EXPECT_EQ(p()->width, 320u);
     EXPECT_EQ(p()->grey_size, 153600u);
@@ -132,23 +150,14 @@ TEST_F(epc_fixture, InitSetsTheChipUp) {
     EXPECT_EQ(p()->temp_mon_val, 75);
     EXPECT_EQ(p()->grey_div, 200);
     EXPECT_EQ(p()->bfps, 0);
-    EXPECT_EQ(dev_->cam().writes_of(TEVIX_PARAM_HOST_CLOCK).size(), 1u);
+    EXPECT_EQ(cam().writes_of(TEVIX_PARAM_HOST_CLOCK).size(), 1u);
     EXPECT_EQ(ops()->lens_bin_get(drv_), nullptr);
     uint32_t list[4], count = 9;
     EXPECT_EQ(ops()->calib_freq_list_get(drv_, list, &count), 0u);
     EXPECT_EQ(count, 0u);
     EXPECT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
-    // A camera whose registers fail is not taken.
-    fake_device bad;
-    bad.cam().fail_reg = true;
-    tevix_drv_t *row = &tevix_drv_table()[2];
-    EXPECT_FALSE(row->ops->init(row, bad.dev()));
-    EXPECT_EQ(row->priv, nullptr);
-    EXPECT_EQ(log.count("[_epc_reg_rw]reg write fail!"), 1);
-}
+    ops()->uninit(drv_);
 
-TEST_F(epc_fixture, ProductRules) {
-    log_capture log;
     open("CAM-E3-R2", 3);
     EXPECT_EQ(p()->bfps, 1);
     EXPECT_EQ(log.count("bfps enabled for model: CAM-E3"), 1);
@@ -163,9 +172,19 @@ TEST_F(epc_fixture, ProductRules) {
     tevix_frame_info_t info = info_of(raw);
     EXPECT_EQ(info.width, 160u);
     EXPECT_EQ(info.height, 60u);
+
+    fake_device bad;
+    bad.cam().fail_reg = true;
+    tevix_drv_t *row = &tevix_drv_table()[2];
+    EXPECT_FALSE(row->ops->init(row, bad.dev()));
+    EXPECT_EQ(row->priv, nullptr);
+    EXPECT_EQ(log.count("[_epc_reg_rw]reg write fail!"), 1);
 }
 
-TEST_F(epc_fixture, FrameInfoFields) {
+// The record's fields and their checks; the frame rate is measured over three seconds of frames,
+// taken from the host when it sets one, and forgotten when the capture stops.
+TEST_F(epc_fixture, FrameInformation) {
+    log_capture log;
     open();
     auto raw = _frame(2, 4, k_flat, 300, -20, 77);
     const uint32_t tw = tevix::emu::scene_time_word(1, 2, 3, 640);
@@ -186,19 +205,13 @@ TEST_F(epc_fixture, FrameInfoFields) {
     EXPECT_TRUE(info.ts_sec == at(before) || info.ts_sec == at(after)) << info.ts_sec;
     EXPECT_EQ(info.ts_usec, 640u);
     for (uint8_t b : info.reserved) ASSERT_EQ(b, 0);
-
     raw = _frame(300, 4, k_flat);
     std::memcpy(raw.data() + 16, &tw, 4);
     EXPECT_EQ(info_of(raw).depth, tw);
-}
 
-TEST_F(epc_fixture, FrameInfoSizeCheck) {
-    log_capture log;
-    open();
-    auto raw = _frame(2, 4, k_flat);
+    raw = _frame(2, 4, k_flat);
     const uint32_t bad = 614401;
     std::memcpy(raw.data(), &bad, 4);
-    tevix_frame_info_t info;
     EXPECT_FALSE(ops()->frame_get_info(drv_, &info, raw.data()));
     EXPECT_EQ(log.count("Wrong frame size 614401"), 1);
     const uint16_t fmt = 171;
@@ -206,11 +219,52 @@ TEST_F(epc_fixture, FrameInfoSizeCheck) {
     EXPECT_TRUE(ops()->frame_get_info(drv_, &info, raw.data()));
     EXPECT_FALSE(ops()->frame_get_info(drv_, &info, nullptr));
     EXPECT_FALSE(ops()->frame_get_info(drv_, nullptr, raw.data()));
+
+    raw = _frame(2, 4, k_flat);
+    info_of(raw);
+    EXPECT_EQ(p()->fps, 0.0f);
+    // 90 frames counted since a start three seconds ago: the next frame makes 91 in 3 s or more.
+    p()->meas_ms = tevix::plat::mono_ms() - 3000;
+    p()->meas_cnt = static_cast<uint16_t>(p()->frame_cnt - 90);
+    info_of(raw);
+    EXPECT_GT(p()->fps, 29.0f);
+    EXPECT_LE(p()->fps, 91.0f / 3.0f);
+    ops()->on_cap_state(drv_, 0);
+    EXPECT_EQ(p()->fps, 0.0f);
+    EXPECT_EQ(p()->frame_cnt, 0u);
+    EXPECT_EQ(p()->meas_ms, 0u);
+    ops()->on_update_fps(drv_, 15);
+    info_of(raw);
+    EXPECT_EQ(p()->fps, 15.0f);
 }
 
-TEST_F(epc_fixture, SensorTemperatureFaultReportedOnce) {
+// Header temperatures: a jump from the median of the last seven frames is replaced by it; the
+// monitor reports with the first frame, then at most every nine seconds, switched off never.
+// Replayed frames skip the median: implausible values are corrected, each fault reported once.
+TEST_F(epc_fixture, Temperatures) {
     log_capture log;
     open();
+    auto steady = _frame(2, 4, k_flat, 300, 350);
+    auto jump = _frame(2, 4, k_flat, 450, 350);
+    for (int i = 0; i < 6; ++i) info_of(steady);
+    EXPECT_EQ(info_of(jump).temperature & 0xFFFF, 450u);  // ring not yet full
+    for (int i = 0; i < 7; ++i) info_of(steady);
+    EXPECT_EQ(info_of(jump).temperature & 0xFFFF, 300u);
+    EXPECT_EQ(log.count("cb temp jump: Tcb in hdr=450, Tcb filterd=300"), 1);
+    const char *line = "Tib:35.00, Tcb:30.00, FPS:";
+    EXPECT_EQ(log.count(line), 1);
+    p()->temp_report_ms -= 9001;  // nine seconds later
+    info_of(steady);
+    EXPECT_EQ(log.count(line), 2);
+    ASSERT_TRUE(ops()->filter_disable(drv_, 7));
+    p()->temp_report_ms -= 9001;
+    info_of(steady);
+    EXPECT_EQ(log.count(line), 2);
+
+    ops()->uninit(drv_);
+    open("VXCAM-E1-R1", 1, TEVIX_DEV_FILE);
+    for (int i = 0; i < 8; ++i) info_of(steady);
+    EXPECT_EQ(p()->ring_full, 0);
     auto bad = _frame(2, 4, k_flat, 300, 950);
     for (int i = 0; i < 3; ++i) {
         tevix_frame_info_t info = info_of(bad);
@@ -218,8 +272,7 @@ TEST_F(epc_fixture, SensorTemperatureFaultReportedOnce) {
         EXPECT_EQ(static_cast<int16_t>(info.temperature & 0xFFFF), 300);
     }
     EXPECT_EQ(log.count("wrong IB temp 950 detected: corrected to temp_cb - 10"), 1);
-    auto good = _frame(2, 4, k_flat, 300, 350);
-    EXPECT_EQ(info_of(good).temperature >> 16, 350u);
+    EXPECT_EQ(info_of(steady).temperature >> 16, 350u);
     info_of(bad);
     EXPECT_EQ(log.count("wrong IB temp 950"), 2);
     // |Tib - Tcb| above 600 is a fault as well.
@@ -230,47 +283,26 @@ TEST_F(epc_fixture, SensorTemperatureFaultReportedOnce) {
     EXPECT_EQ(log.count("wrong CB temp 1010 detected"), 1);
 }
 
-TEST_F(epc_fixture, TemperatureMedianAfterSevenFrames) {
-    log_capture log;
-    open();
-    auto steady = _frame(2, 4, k_flat, 300, 350);
-    auto jump = _frame(2, 4, k_flat, 450, 350);
-    for (int i = 0; i < 6; ++i) info_of(steady);
-    EXPECT_EQ(info_of(jump).temperature & 0xFFFF, 450u);  // ring not yet full
-    for (int i = 0; i < 7; ++i) info_of(steady);
-    EXPECT_EQ(info_of(jump).temperature & 0xFFFF, 300u);
-    EXPECT_EQ(log.count("cb temp jump: Tcb in hdr=450, Tcb filterd=300"), 1);
-}
-
-TEST_F(epc_fixture, ReplayFramesSkipTheRings) {
-    open("VXCAM-E1-R1", 1, TEVIX_DEV_FILE);
-    auto steady = _frame(2, 4, k_flat, 300, 350);
-    for (int i = 0; i < 8; ++i) info_of(steady);
-    EXPECT_EQ(p()->ring_full, 0);
-}
-
 TEST_F(epc_fixture, AutomaticIntegrationTime) {
     open();
-    tevix_filter_arg_t arg{};
-    arg.u16[0] = 10;
-    ASSERT_TRUE(ops()->filter_enable(drv_, 5, &arg));
-    auto &cam = dev_->cam();
+    ASSERT_TRUE(enable(5, {.u16 = {10}}));
     const uint16_t mid[4] = {2048, 2048, 2048, 2048};
     auto frame = _frame(2, 4, mid);
-    tevix_frame_info_t info = info_of(frame);
+    const tevix_frame_info_t info = info_of(frame);
     std::vector<uint16_t> out;
-
-    cam.set_u16(TEVIX_PARAM_INTG1, 1480);
-    cam.param_writes.clear();
-    decode(frame, 0, out, info);
-    ASSERT_EQ(cam.writes_of(TEVIX_PARAM_INTG1).size(), 1u);
-    EXPECT_EQ(_u16s(cam.writes_of(TEVIX_PARAM_INTG1)[0], 1)[0], 1500);
-
-    tevix::plat::sleep_ms(3);
-    cam.param_writes.clear();
-    decode(frame, 0, out, info);  // 1500 + 50 stays 1500
-    EXPECT_TRUE(cam.writes_of(TEVIX_PARAM_INTG1).empty());
-
+    // The first integration time now, a decode past the process-wide 2 ms pause: what it wrote.
+    auto written = [&](const std::vector<uint8_t> &f, uint16_t now) {
+        cam().set_u16(TEVIX_PARAM_INTG1, now);
+        tevix::plat::sleep_ms(3);
+        cam().param_writes.clear();
+        decode(f, 0, out, info);
+        std::vector<uint16_t> v;
+        for (const auto &w : cam().writes_of(TEVIX_PARAM_INTG1)) v.push_back(_u16s(w, 1)[0]);
+        return v;
+    };
+    using u16s = std::vector<uint16_t>;
+    EXPECT_EQ(written(frame, 1480), u16s{1500});
+    EXPECT_EQ(written(frame, 1500), u16s{});  // 1500 + 50 stays 1500
     // 25 per mille of the samples saturated: step -20.
     auto sat = frame;
     const uint32_t samples = 4 * k_n, nbad = samples * 25 / 1000;
@@ -278,20 +310,10 @@ TEST_F(epc_fixture, AutomaticIntegrationTime) {
         const uint16_t v = 4095;
         std::memcpy(sat.data() + 2 * i, &v, 2);
     }
-    cam.set_u16(TEVIX_PARAM_INTG1, 60);
-    tevix::plat::sleep_ms(3);
-    cam.param_writes.clear();
-    decode(sat, 0, out, info);
-    ASSERT_EQ(cam.writes_of(TEVIX_PARAM_INTG1).size(), 1u);
-    EXPECT_EQ(_u16s(cam.writes_of(TEVIX_PARAM_INTG1)[0], 1)[0], 50);
-
+    EXPECT_EQ(written(sat, 60), u16s{50});
     // HDR on: no adjustment.
     ops()->on_update_intg_time(drv_, 300, 1);
-    cam.set_u16(TEVIX_PARAM_INTG1, 1000);
-    tevix::plat::sleep_ms(3);
-    cam.param_writes.clear();
-    decode(frame, 0, out, info);
-    EXPECT_TRUE(cam.writes_of(TEVIX_PARAM_INTG1).empty());
+    EXPECT_EQ(written(frame, 1000), u16s{});
 }
 
 TEST_F(epc_fixture, ReducedLayoutPlanesFollowTheFrequency) {
@@ -309,7 +331,7 @@ TEST_F(epc_fixture, ReducedLayoutPlanesFollowTheFrequency) {
     for (auto c : cases) {
         ops()->on_update_mod_freq(drv_, c.f, 0);
         const uint32_t r = tevix::epc::range_mm(c.f);
-        ASSERT_EQ(decode(raw, 0, out, info), static_cast<int32_t>(2 * k_n));
+        ASSERT_EQ(decode(raw, 0, out, info), k_full);
         EXPECT_EQ(out[100 * k_w + 100], (c.phase * r) >> 15) << c.f;
     }
 }
@@ -344,16 +366,12 @@ TEST_F(epc_fixture, ModulationFrequency) {
     ops()->on_update_mod_freq(drv_, 30000000, 60000000);
     EXPECT_EQ(log.count("MOD_FREQ [30000000, 60000000] HZ not support"), 1);
     EXPECT_EQ(p()->freq, 20000000u);
-    dev_->cam().set_u32(TEVIX_PARAM_MOD_FREQ, 12000000);
+    cam().set_u32(TEVIX_PARAM_MOD_FREQ, 12000000);
     EXPECT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
     EXPECT_EQ(p()->range, 12491u);
     EXPECT_EQ(log.count("MOD_FREQ [12000000, 0] HZ: try loading calib data"), 1);
     // The system calibration is read again after every frequency change, a dual one too.
-    std::array<uint8_t, 18> sys{};
-    const float scale_offset[2] = {1.5f, 3.0f};
-    std::memcpy(sys.data(), scale_offset, 8);
-    sys[8] = 1;
-    dev_->cam().params[TEVIX_PARAM_SYS_CALIB] = sys;
+    set_sys_calib(1.5f, 3.0f);
     ops()->on_update_mod_freq(drv_, 20000000, 40000000);
     EXPECT_EQ(p()->sys_scale, 1.5f);
     EXPECT_EQ(p()->sys_offset, 3.0f);
@@ -395,14 +413,12 @@ TEST_F(epc_fixture, DecodeRejectsBadInput) {
     EXPECT_EQ(ops()->frame_decode(drv_, o, k_n * 2, 1, raw.data(), 614400, &huge), -1);
     huge.width = 0;
     EXPECT_EQ(ops()->frame_decode(drv_, o, k_n * 2, 1, raw.data(), 614400, &huge), -1);
-    EXPECT_EQ(ops()->frame_decode(drv_, o, k_n * 2, 0, raw.data(), 614400, &info),
-              static_cast<int32_t>(2 * k_n));
+    EXPECT_EQ(ops()->frame_decode(drv_, o, k_n * 2, 0, raw.data(), 614400, &info), k_full);
 }
 
 TEST_F(epc_fixture, ConsistencyCheckWritesOncePerSecond) {
     open_20mhz();
-    tevix_filter_arg_t arg{};
-    ASSERT_TRUE(ops()->filter_enable(drv_, 6, &arg));
+    ASSERT_TRUE(enable(6));
     const uint16_t bad[4] = {1000, 1000, 1000, 1000};
     auto raw = _frame(2, 4, bad);
     tevix_frame_info_t info = info_of(raw);
@@ -411,62 +427,18 @@ TEST_F(epc_fixture, ConsistencyCheckWritesOncePerSecond) {
     // (at most a second after any earlier one), then the next decode within the second passes.
     int32_t refused = 0;
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    while (dev_->cam().writes_of(TEVIX_PARAM_CONSIST).empty() &&
-           std::chrono::steady_clock::now() < until)
+    while (cam().writes_of(TEVIX_PARAM_CONSIST).empty() && std::chrono::steady_clock::now() < until)
         refused = decode(raw, 0, out, info);
-    const auto writes = dev_->cam().writes_of(TEVIX_PARAM_CONSIST);
+    const auto writes = cam().writes_of(TEVIX_PARAM_CONSIST);
     ASSERT_EQ(writes.size(), 1u);
     EXPECT_EQ(refused, -1);
     EXPECT_EQ(writes[0][0], 0);
     EXPECT_EQ(writes[0][2], 1);  // the flag byte of value 0
-    EXPECT_EQ(decode(raw, 0, out, info), static_cast<int32_t>(2 * k_n));
-    EXPECT_EQ(dev_->cam().writes_of(TEVIX_PARAM_CONSIST).size(), 1u);
+    EXPECT_EQ(decode(raw, 0, out, info), k_full);
+    EXPECT_EQ(cam().writes_of(TEVIX_PARAM_CONSIST).size(), 1u);
     const uint16_t good[4] = {2000, 2000, 2050, 2100};
     auto ok = _frame(2, 4, good);
-    EXPECT_EQ(decode(ok, 0, out, info_of(ok)), static_cast<int32_t>(2 * k_n));
-}
-
-// The temperature monitor reports the temperatures and frame rate with the first frame, then at
-// most every nine seconds; switched off, never.
-TEST_F(epc_fixture, TemperatureMonitorReportLine) {
-    log_capture log;
-    open_20mhz();
-    ops()->on_update_fps(drv_, 25);
-    const uint16_t d[4] = {1948, 2048, 2148, 2048};
-    auto raw = _frame(2, 4, d, 300, 350);
-    std::vector<uint16_t> out;
-    const char *line = "Tib:35.00, Tcb:30.00, FPS:";
-    for (int i = 0; i < 3; ++i) ASSERT_GT(decode(raw, 1, out, info_of(raw)), 0);
-    EXPECT_EQ(log.count(line), 1);
-    p()->temp_report_ms -= 9001;  // nine seconds later
-    ASSERT_GT(decode(raw, 1, out, info_of(raw)), 0);
-    EXPECT_EQ(log.count(line), 2);
-    ASSERT_TRUE(ops()->filter_disable(drv_, 7));
-    p()->temp_report_ms -= 9001;
-    ASSERT_GT(decode(raw, 1, out, info_of(raw)), 0);
-    EXPECT_EQ(log.count(line), 2);
-}
-
-// The frame rate is measured over three seconds of frames, taken from the host when it sets one,
-// and forgotten when the capture stops.
-TEST_F(epc_fixture, FrameRateMeasurementAndItsReset) {
-    open();
-    auto raw = _frame(2, 4, k_flat);
-    info_of(raw);
-    EXPECT_EQ(p()->fps, 0.0f);
-    // 90 frames counted since a start three seconds ago: the next frame makes 91 in 3 s or more.
-    p()->meas_ms = tevix::plat::mono_ms() - 3000;
-    p()->meas_cnt = static_cast<uint16_t>(p()->frame_cnt - 90);
-    info_of(raw);
-    EXPECT_GT(p()->fps, 29.0f);
-    EXPECT_LE(p()->fps, 91.0f / 3.0f);
-    ops()->on_cap_state(drv_, 0);
-    EXPECT_EQ(p()->fps, 0.0f);
-    EXPECT_EQ(p()->frame_cnt, 0u);
-    EXPECT_EQ(p()->meas_ms, 0u);
-    ops()->on_update_fps(drv_, 15);
-    info_of(raw);
-    EXPECT_EQ(p()->fps, 15.0f);
+    EXPECT_EQ(decode(ok, 0, out, info_of(ok)), k_full);
 }
 
 // The smoothing (median, then bilateral) and the flying-pixel filter change the kind-1 result
@@ -477,17 +449,14 @@ TEST_F(epc_fixture, SmoothingAndFlyingPixelFiltersRunInTheChain) {
     cfg.noise = true;
     cfg.seed = 5;
     tevix::emu::scene_renderer scene(cfg, 2);
-    std::vector<uint8_t> raw(scene.frame_bytes());
-    vx_frame_desc_t desc{};
-    scene.render(0, raw, desc);
+    const auto raw = _render(scene, 0);
     ASSERT_TRUE(ops()->filter_disable(drv_, 4));  // no minimum amplitude: no holes to fill
     const tevix_frame_info_t info = info_of(raw);
     std::vector<uint16_t> plain, got;
     ASSERT_GT(decode(raw, 1, plain, info), 0);
     ASSERT_EQ(std::count(plain.begin(), plain.end(), uint16_t{0}), 0);
 
-    tevix_filter_arg_t arg{};
-    ASSERT_TRUE(ops()->filter_enable(drv_, 2, &arg));  // the default variant: median 5x5
+    ASSERT_TRUE(enable(2));  // the default variant: median 5x5
     ASSERT_EQ(p()->smooth_level, 5);
     ASSERT_GT(decode(raw, 1, got, info), 0);
     std::vector<uint16_t> want = plain, tmp(k_n);
@@ -502,8 +471,7 @@ TEST_F(epc_fixture, SmoothingAndFlyingPixelFiltersRunInTheChain) {
     EXPECT_EQ(got, tmp);
     ASSERT_TRUE(ops()->filter_disable(drv_, 2));
 
-    arg.u8[0] = 20;
-    ASSERT_TRUE(ops()->filter_enable(drv_, 13, &arg));
+    ASSERT_TRUE(enable(13, {.u8 = {20}}));
     ASSERT_GT(decode(raw, 1, got, info), 0);
     want = plain;
     ASSERT_TRUE(vx_flypix_u16_k3(want.data(), k_w, k_h, 11));
@@ -560,23 +528,8 @@ TEST_F(epc_fixture, SensorModeFourKeepsRowOrderAndItsLayoutWords) {
     }
 }
 
-// Binned frame rates cache four frames; a frame of another size reallocates the cache once.
-TEST_F(epc_fixture, BinnedFrameCacheFollowsTheFrameSize) {
-    log_capture log;
-    open("CAM-E3-R2", 3);
-    ops()->on_update_fps(drv_, 30);
-    auto big = _frame(2, 4, k_flat), small = _frame(2, 4, k_flat, 300, 350, 1, 160, 120);
-    tevix_frame_info_t bi = info_of(big);
-    ops()->frame_raw_proc(drv_, big.data(), 1, &bi);
-    EXPECT_EQ(p()->bfps_fs, big.size());
-    tevix_frame_info_t si = info_of(small);
-    ops()->frame_raw_proc(drv_, small.data(), 1, &si);
-    ops()->frame_raw_proc(drv_, small.data(), 1, &si);
-    EXPECT_EQ(p()->bfps_fs, small.size());
-    EXPECT_EQ(p()->bfps_len, 2 * small.size());
-    EXPECT_EQ(log.count("realloc bfps buffer since frame size changed : 614400 -> 153600"), 1);
-}
-
+// Grey of the frame whose distances were just decoded comes from their confidences; of any other
+// frame from its planes, which give half the scene's amplitude.
 TEST_F(epc_fixture, GreyFromConfidenceCacheAndFromPlanes) {
     log_capture log;
     open_20mhz();
@@ -585,14 +538,22 @@ TEST_F(epc_fixture, GreyFromConfidenceCacheAndFromPlanes) {
     tevix_frame_info_t info = info_of(raw);
     std::vector<uint16_t> dist, grey;
     ASSERT_GT(decode(raw, 0, dist, info), 0);
-    ASSERT_EQ(decode(raw, 2, grey, info), static_cast<int32_t>(2 * k_n));
+    ASSERT_EQ(decode(raw, 2, grey, info), k_full);
     EXPECT_EQ(grey[100 * k_w + 50], 117);  // fast_sqrt(13600)
     EXPECT_EQ(log.count("use confid hash to calc gray"), 1);
     tevix_frame_info_t next = info;
     next.index++;
-    ASSERT_EQ(decode(raw, 2, grey, next), static_cast<int32_t>(2 * k_n));
+    ASSERT_EQ(decode(raw, 2, grey, next), k_full);
     EXPECT_EQ(grey[100 * k_w + 50], 58);  // fast_sqrt(13600 >> 2)
     EXPECT_EQ(log.count("use confid hash to calc gray"), 1);
+
+    tevix::emu::scene_renderer scene(tevix::emu::scene_config{}, 2);
+    raw = _render(scene, 0);
+    ASSERT_GT(decode(raw, 2, grey, info_of(raw)), 0);
+    for (uint32_t i = 0; i < k_n; i += 131) {
+        if (scene.under_header(i % k_w, i / k_w)) continue;
+        ASSERT_NEAR(grey[i], scene.amplitude()[i] / 2, scene.amplitude()[i] * 0.04 + 2) << i;
+    }
 }
 
 // Sets every pixel of one sensor row of a 4-plane frame (the header samples stay).
@@ -604,16 +565,13 @@ void _set_sensor_row(std::vector<uint8_t> &raw, uint32_t sr, const uint16_t *d) 
 
 TEST_F(epc_fixture, HdrMergeOnlyForKindOne) {
     open_20mhz();
-    tevix_filter_arg_t arg{};
-    arg.u16[0] = 400;
-    arg.u16[1] = 100;
-    dev_->cam().param_writes.clear();
-    ASSERT_TRUE(ops()->filter_enable(drv_, 8, &arg));
-    ASSERT_EQ(dev_->cam().param_writes.size(), 2u);
-    EXPECT_EQ(dev_->cam().param_writes[0].first, TEVIX_PARAM_INTG1);
-    EXPECT_EQ(_u16s(dev_->cam().param_writes[0].second, 1)[0], 400);
-    EXPECT_EQ(dev_->cam().param_writes[1].first, TEVIX_PARAM_INTG2);
-    EXPECT_EQ(_u16s(dev_->cam().param_writes[1].second, 1)[0], 100);
+    cam().param_writes.clear();
+    ASSERT_TRUE(enable(8, {.u16 = {400, 100}}));
+    ASSERT_EQ(cam().param_writes.size(), 2u);
+    EXPECT_EQ(cam().param_writes[0].first, TEVIX_PARAM_INTG1);
+    EXPECT_EQ(_u16s(cam().param_writes[0].second, 1)[0], 400);
+    EXPECT_EQ(cam().param_writes[1].first, TEVIX_PARAM_INTG2);
+    EXPECT_EQ(_u16s(cam().param_writes[1].second, 1)[0], 100);
     // Rows of the first integration time: x = 200, y = 0 (amplitude 200); of the second:
     // x = 0, y = -600 (amplitude 600, chosen).
     const uint16_t a[4] = {1948, 2048, 2148, 2048}, b[4] = {2048, 2348, 2048, 1748};
@@ -630,15 +588,14 @@ TEST_F(epc_fixture, HdrMergeOnlyForKindOne) {
     EXPECT_EQ(out[119 * k_w + 50], db);
     EXPECT_EQ(out[118 * k_w + 50], db);
     EXPECT_EQ(out[120 * k_w + 50], db);
-    arg.u32[0] = 23205;  // the setting that leaves frames unmerged
-    ASSERT_TRUE(ops()->filter_enable(drv_, 8, &arg));
+    ASSERT_TRUE(enable(8, {.u32 = {23205}}));  // the setting that leaves frames unmerged
     ASSERT_GT(decode(raw, 1, out, info), 0);
     EXPECT_EQ(out[119 * k_w + 50], da);
-    dev_->cam().fail_param_set = true;
+    cam().fail_param_set = true;
     log_capture log;
     EXPECT_FALSE(ops()->filter_disable(drv_, 8));
     EXPECT_EQ(log.count("disable HDR failed"), 1);
-    dev_->cam().fail_param_set = false;
+    cam().fail_param_set = false;
     EXPECT_TRUE(ops()->filter_disable(drv_, 8));
     EXPECT_EQ(p()->hdr, 0);
 }
@@ -659,7 +616,7 @@ TEST_F(epc_fixture, PostProcessingOrderAndPingPong) {
     ASSERT_GT(decode(raw, 0, k0, info), 0);
     EXPECT_EQ(k0[50 * k_w + 50], 3747);
     EXPECT_EQ(k0[80 * k_w + 80], 50);
-    ASSERT_EQ(decode(raw, 1, k1, info), static_cast<int32_t>(2 * k_n));
+    ASSERT_EQ(decode(raw, 1, k1, info), k_full);
     EXPECT_EQ(k1[50 * k_w + 50], 3747);
     EXPECT_EQ(k1[80 * k_w + 80], 0);
     EXPECT_EQ(k1[10 * k_w + 10], 3747);
@@ -667,40 +624,25 @@ TEST_F(epc_fixture, PostProcessingOrderAndPingPong) {
     // Minimum amplitude off: the weak pixel keeps its own value, and with one stage fewer the
     // result still lands in the output buffer.
     ASSERT_TRUE(ops()->filter_disable(drv_, 4));
-    ASSERT_EQ(decode(raw, 1, k1, info), static_cast<int32_t>(2 * k_n));
+    ASSERT_EQ(decode(raw, 1, k1, info), k_full);
     EXPECT_EQ(k1[50 * k_w + 50], 3747);
     EXPECT_EQ(k1[80 * k_w + 80], 0);
     EXPECT_EQ(k1[10 * k_w + 10], 3747);
     EXPECT_EQ(std::count(k1.begin(), k1.end(), 0xEEEE), 0);
 }
 
-// A mounted block calibrates kind-1 distances (the phase table; with filter 1 the per-pixel
-// table too); kind 0 never uses it; a frequency without a block falls back to the defaults.
-
-TEST_F(epc_fixture, CalibratedDecodeChoice) {
-    open_20mhz();
-    const uint16_t d[4] = {1948, 2048, 2148, 2048};
-    auto raw = _frame(2, 4, d);
-    tevix_frame_info_t info = info_of(raw);
-    std::vector<uint16_t> out;
-    tevix_filter_arg_t arg{};
-    _mount(p(), 20000000, 100, k_w, k_h, 1000);
-    ASSERT_GT(decode(raw, 1, out, info), 0);
-    EXPECT_NEAR(out[100 * k_w + 100], 3847, 1);
-    ASSERT_GT(decode(raw, 0, out, info), 0);
-    EXPECT_EQ(out[100 * k_w + 100], 3747);
-    ASSERT_TRUE(ops()->filter_enable(drv_, 1, &arg));
-    ASSERT_GT(decode(raw, 1, out, info), 0);
-    EXPECT_NEAR(out[100 * k_w + 100], 4847, 1);
-    ops()->on_update_mod_freq(drv_, 30000000, 0);  // remount: nothing mounted any more
-    ASSERT_GT(decode(raw, 1, out, info), 0);
-    EXPECT_EQ(out[100 * k_w + 100], (16384u * tevix::epc::range_mm(30000000)) >> 15);
-    EXPECT_FALSE(ops()->filter_enable(drv_, 1, &arg));
-}
-
-TEST_F(epc_fixture, GreyFrameFromTheDevice) {
+// Without frame caching distance frames pass raw-frame processing untouched. Grey frames from the
+// device are scaled into the grey buffer by the frame count (switched off: zeros), which grows
+// for a larger frame.
+TEST_F(epc_fixture, GreyFrameFromTheDeviceAndNoFrameCache) {
     log_capture log;
     open();
+    auto flat = _frame(2, 4, k_flat);
+    tevix_frame_info_t flat_info = info_of(flat);
+    EXPECT_EQ(ops()->frame_raw_proc(drv_, flat.data(), 1, &flat_info), 0);  // bfps off
+    std::vector<uint8_t> cached(flat.size());
+    EXPECT_FALSE(ops()->need_data(drv_, cached.data(), 1, &flat_info));
+
     const uint16_t d[1] = {2048 + 1000};
     auto raw = _frame(11, 1, d);
     tevix_frame_info_t info = info_of(raw);
@@ -714,9 +656,7 @@ TEST_F(epc_fixture, GreyFrameFromTheDevice) {
     EXPECT_EQ(ops()->frame_raw_proc(drv_, raw.data(), 1, &info), 56506);
     std::memcpy(&g, p()->grey + 2 * 500, 2);
     EXPECT_EQ(g, 0);  // switch off: scaled by 0
-    tevix_filter_arg_t arg{};
-    arg.u16[0] = 10;
-    ASSERT_TRUE(ops()->filter_enable(drv_, 12, &arg));
+    ASSERT_TRUE(enable(12, {.u16 = {10}}));
     EXPECT_EQ(ops()->frame_raw_proc(drv_, raw.data(), 1, &info), 56506);
     std::memcpy(&g, p()->grey + 2 * 500, 2);
     EXPECT_EQ(g, 100);
@@ -732,16 +672,10 @@ TEST_F(epc_fixture, GreyFrameFromTheDevice) {
     EXPECT_EQ(ops()->frame_raw_proc(drv_, nullptr, 1, &info), 0);
 }
 
-TEST_F(epc_fixture, RawProcWithoutFrameCaching) {
-    open();
-    auto raw = _frame(2, 4, k_flat);
-    tevix_frame_info_t info = info_of(raw);
-    EXPECT_EQ(ops()->frame_raw_proc(drv_, raw.data(), 1, &info), 0);  // bfps off
-    std::vector<uint8_t> out(raw.size());
-    EXPECT_FALSE(ops()->need_data(drv_, out.data(), 1, &info));
-}
-
+// Binned frame rates show each frame four times, a quarter of the next one more each time; a
+// frame of another size reallocates the cache once.
 TEST_F(epc_fixture, FrameCachingShowsEachFrameFourTimes) {
+    log_capture log;
     open("CAM-E3-R1", 3);
     ops()->on_update_fps(drv_, 30);
     auto a = _frame(2, 4, k_flat);
@@ -773,6 +707,14 @@ TEST_F(epc_fixture, FrameCachingShowsEachFrameFourTimes) {
     ASSERT_TRUE(ops()->need_data(drv_, out.data(), 1, &got));
     for (uint32_t i = 0; i < fs; i += 997) ASSERT_EQ(out[i], 0x22);
     EXPECT_FALSE(ops()->need_data(drv_, out.data(), 1, &got));
+
+    auto small = _frame(2, 4, k_flat, 300, 350, 1, 160, 120);
+    tevix_frame_info_t si = info_of(small);
+    ops()->frame_raw_proc(drv_, small.data(), 1, &si);
+    ops()->frame_raw_proc(drv_, small.data(), 1, &si);
+    EXPECT_EQ(p()->bfps_fs, small.size());
+    EXPECT_EQ(p()->bfps_len, 2 * small.size());
+    EXPECT_EQ(log.count("realloc bfps buffer since frame size changed : 614400 -> 153600"), 1);
     // Sport mode and low frame rates bypass the cache.
     ops()->on_update_fps(drv_, 10);
     tevix_frame_info_t tmp{};
@@ -783,71 +725,55 @@ TEST_F(epc_fixture, FrameCachingShowsEachFrameFourTimes) {
 TEST_F(epc_fixture, FilterSwitches) {
     log_capture log;
     open();
-    auto &cam = dev_->cam();
-    tevix_filter_arg_t arg{};
-    EXPECT_FALSE(ops()->filter_enable(drv_, 15, &arg));
-    EXPECT_FALSE(ops()->filter_enable(drv_, 3, &arg));
+    EXPECT_FALSE(enable(15));
+    EXPECT_FALSE(enable(3));
     EXPECT_FALSE(ops()->filter_disable(drv_, 3));
     EXPECT_FALSE(ops()->filter_disable(drv_, 15));
-    EXPECT_FALSE(ops()->filter_enable(drv_, 1, &arg));  // no calibration mounted
 
     for (uint8_t level : {0, 1, 2}) {
-        arg.u8[0] = level;
-        cam.param_writes.clear();
-        ASSERT_TRUE(ops()->filter_enable(drv_, 10, &arg)) << int(level);
-        ASSERT_EQ(cam.writes_of(TEVIX_PARAM_FRM_FMT).size(), 1u);
-        EXPECT_EQ(cam.writes_of(TEVIX_PARAM_FRM_FMT)[0][0], level == 0 ? 1 : level == 1 ? 4 : 2);
+        cam().param_writes.clear();
+        ASSERT_TRUE(enable(10, {.u8 = {level}})) << int(level);
+        ASSERT_EQ(cam().writes_of(TEVIX_PARAM_FRM_FMT).size(), 1u);
+        EXPECT_EQ(cam().writes_of(TEVIX_PARAM_FRM_FMT)[0][0], level == 0 ? 1 : level == 1 ? 4 : 2);
         EXPECT_EQ(p()->sport_level, level);
     }
-    arg.u8[0] = 3;
-    EXPECT_FALSE(ops()->filter_enable(drv_, 10, &arg));
+    EXPECT_FALSE(enable(10, {.u8 = {3}}));
     EXPECT_EQ(log.count("wrong SPORT MODE: 3"), 1);
     ASSERT_TRUE(ops()->filter_disable(drv_, 10));
     EXPECT_EQ(p()->sport, 0);
-    EXPECT_EQ(cam.writes_of(TEVIX_PARAM_FRM_FMT).back()[0], 2);
-    cam.fail_param_set = true;
-    arg.u8[0] = 1;
-    EXPECT_FALSE(ops()->filter_enable(drv_, 10, &arg));
+    EXPECT_EQ(param_u32(TEVIX_PARAM_FRM_FMT), 2u);
+    cam().fail_param_set = true;
+    EXPECT_FALSE(enable(10, {.u8 = {1}}));
     EXPECT_EQ(log.count("enable SPORT MODE 1 failed"), 1);
-    EXPECT_FALSE(ops()->filter_enable(drv_, 8, &arg));
+    EXPECT_FALSE(enable(8));
     EXPECT_EQ(log.count("enable HDR failed"), 1);
-    cam.fail_param_set = false;
+    cam().fail_param_set = false;
 
-    EXPECT_FALSE(ops()->filter_enable(drv_, 11, &arg));
+    EXPECT_FALSE(enable(11));
     EXPECT_EQ(log.count("Sys calib param not valid"), 1);
-    std::array<uint8_t, 18> sc{};
-    const float scale = 1.5f, offset = -2.0f;
-    std::memcpy(sc.data(), &scale, 4);
-    std::memcpy(sc.data() + 4, &offset, 4);
-    sc[8] = 1;
-    cam.params[TEVIX_PARAM_SYS_CALIB] = sc;
-    EXPECT_TRUE(ops()->filter_enable(drv_, 11, &arg));
+    set_sys_calib(1.5f, -2.0f);
+    EXPECT_TRUE(enable(11));
     EXPECT_EQ(p()->sys_scale, 1.5f);
     EXPECT_EQ(p()->sys_offset, -2.0f);
 
-    arg.u8[0] = 200;
-    ASSERT_TRUE(ops()->filter_enable(drv_, 13, &arg));
+    ASSERT_TRUE(enable(13, {.u8 = {200}}));
     EXPECT_EQ(p()->flypix_level, 31);
-    arg.s16[0] = -25;
-    ASSERT_TRUE(ops()->filter_enable(drv_, 9, &arg));
+    ASSERT_TRUE(enable(9, {.s16 = {-25}}));
     EXPECT_EQ(p()->offset_mm, -25);
     EXPECT_EQ(log.count("offset_mm: 0 -> -25"), 1);
 
     // Smoothing variant 240: the strength picks the median level; the reversed range pair
     // cannot build a bilateral filter.
-    arg.u8[0] = 240;
-    arg.u8[1] = 50;
-    ASSERT_TRUE(ops()->filter_enable(drv_, 2, &arg));
+    ASSERT_TRUE(enable(2, {.u8 = {240, 50}}));
     EXPECT_EQ(p()->smooth, 1);
     EXPECT_EQ(p()->smooth_level, 3);
+    EXPECT_EQ(p()->bpf_sr, 0.05f);
     EXPECT_EQ(p()->bpf_min, 4096);
     EXPECT_EQ(p()->bpf_max, 0);
     EXPECT_EQ(log.count("vx_bpf2d_iir_init failed"), 1);
-    arg.u8[1] = 80;
-    ASSERT_TRUE(ops()->filter_enable(drv_, 2, &arg));
+    ASSERT_TRUE(enable(2, {.u8 = {240, 80}}));
     EXPECT_EQ(p()->smooth_level, 5);
-    arg.u8[1] = 5;
-    ASSERT_TRUE(ops()->filter_enable(drv_, 2, &arg));
+    ASSERT_TRUE(enable(2, {.u8 = {240, 5}}));
     EXPECT_EQ(p()->smooth, 0);
     EXPECT_EQ(p()->smooth_level, 0);
     ASSERT_TRUE(ops()->filter_disable(drv_, 2));
@@ -857,50 +783,10 @@ TEST_F(epc_fixture, FilterSwitches) {
     EXPECT_EQ(log.count("intg2: 500, hdr_en=1"), 1);
     ops()->on_update_frame_format(drv_, 4);
     EXPECT_EQ(p()->sport_level, 1);
-    EXPECT_FALSE(ops()->filter_enable(drv_, 1, &arg));
     ops()->on_update_frame_format(drv_, 2);
     EXPECT_EQ(p()->sport, 0);
     EXPECT_EQ(ops()->reserved9(drv_), 0);
     EXPECT_EQ(ops()->reserved19(drv_), 1);
-}
-
-// Scene round trip: the renderer's raw frames decode to the true radial distances.
-struct round_trip {
-    uint32_t checked = 0, valid = 0;
-    double max_err = 0, mean_err = 0, p95 = 0;
-};
-
-round_trip _round_trip(tevix_drv_t *drv, const tevix::emu::scene_config &cfg, uint16_t fmt,
-                       uint32_t kind) {
-    tevix::emu::scene_renderer scene(cfg, fmt);
-    std::vector<uint8_t> raw(scene.frame_bytes());
-    vx_frame_desc_t desc{};
-    scene.render(3, raw, desc);
-    tevix_frame_info_t info{};
-    EXPECT_TRUE(drv->ops->frame_get_info(drv, &info, raw.data()));
-    std::vector<uint16_t> out(k_n);
-    EXPECT_EQ(drv->ops->frame_decode(drv, reinterpret_cast<uint8_t *>(out.data()), k_n * 2, kind,
-                                     raw.data(), static_cast<uint32_t>(raw.size()), &info),
-              static_cast<int32_t>(2 * k_n));
-    round_trip rt;
-    std::vector<double> errs;
-    for (uint32_t y = 0; y < k_h; ++y) {
-        for (uint32_t x = 0; x < k_w; ++x) {
-            if (scene.under_header(x, y)) continue;
-            ++rt.checked;
-            const uint16_t d = out[y * k_w + x];
-            if (d == 0 || d >= 60001) continue;
-            ++rt.valid;
-            errs.push_back(std::fabs(d - scene.truth_mm()[y * k_w + x]));
-        }
-    }
-    if (errs.empty()) return rt;
-    std::sort(errs.begin(), errs.end());
-    rt.max_err = errs.back();
-    for (double e : errs) rt.mean_err += e;
-    rt.mean_err /= static_cast<double>(errs.size());
-    rt.p95 = errs[errs.size() * 95 / 100];
-    return rt;
 }
 
 // Each layout and decode kind against the scene's truth, noiseless and with shot noise. One plane
@@ -925,12 +811,12 @@ TEST_F(epc_fixture, SceneRoundTrips) {
         tevix::emu::scene_config cfg;
         cfg.noise = c.noise;
         cfg.seed = 11;
-        const round_trip rt = _round_trip(drv_, cfg, c.format, c.kind);
-        std::cout << c.name << ": valid " << rt.valid << "/" << rt.checked << ", mean "
-                  << rt.mean_err << " mm, p95 " << rt.p95 << " mm, max " << rt.max_err << " mm\n";
+        const tevix::test::accuracy rt = round_trip(cfg, c.format, c.kind);
+        std::cout << c.name << ": valid " << rt.valid << "/" << rt.checked << ", mean " << rt.mean
+                  << " mm, p95 " << rt.p95 << " mm, max " << rt.max << " mm\n";
         EXPECT_GE(uint64_t{rt.valid} * 1000, uint64_t{rt.checked} * c.valid_pm) << c.name;
-        EXPECT_LE(rt.max_err, c.max) << c.name;
-        EXPECT_LT(rt.mean_err, c.mean) << c.name;
+        EXPECT_LE(rt.max, c.max) << c.name;
+        EXPECT_LT(rt.mean, c.mean) << c.name;
         EXPECT_LT(rt.p95, c.p95) << c.name;
     }
 }
@@ -943,10 +829,8 @@ TEST_F(epc_fixture, SceneUnitErrorsShowUncalibrated) {
     tevix::emu::scene_config cfg;
     cfg.unit_errors = true;
     cfg.unit_seed = 0x56583031;
-    const round_trip ideal = _round_trip(drv_, tevix::emu::scene_config{}, 2, 0);
-    const round_trip unit = _round_trip(drv_, cfg, 2, 0);
-    EXPECT_LE(ideal.mean_err, 1.0);
-    EXPECT_GT(unit.mean_err, 5.0);  // centimetre-scale errors, as before a calibration
+    EXPECT_LE(round_trip(tevix::emu::scene_config{}, 2, 0).mean, 1.0);
+    EXPECT_GT(round_trip(cfg, 2, 0).mean, 5.0);  // centimetre-scale errors, as before a calibration
     tevix::emu::scene_renderer a(cfg, 2), b(cfg, 2);
     cfg.unit_seed ^= 1;
     tevix::emu::scene_renderer c(cfg, 2);
@@ -963,25 +847,9 @@ TEST_F(epc_fixture, SceneUnitErrorsShowUncalibrated) {
                 1e-9);
 }
 
-TEST_F(epc_fixture, SceneGreyMatchesAmplitude) {
-    open_20mhz();
-    tevix::emu::scene_config cfg;
-    tevix::emu::scene_renderer scene(cfg, 2);
-    std::vector<uint8_t> raw(scene.frame_bytes());
-    vx_frame_desc_t desc{};
-    scene.render(0, raw, desc);
-    tevix_frame_info_t info = info_of(raw);
-    std::vector<uint16_t> grey;
-    ASSERT_GT(decode(raw, 2, grey, info), 0);
-    for (uint32_t i = 0; i < k_n; i += 131) {
-        if (scene.under_header(i % k_w, i / k_w)) continue;
-        ASSERT_NEAR(grey[i], scene.amplitude()[i] / 2, scene.amplitude()[i] * 0.04 + 2) << i;
-    }
-}
-
 // ---- Calibration files: blocks per frequency, the frequency decision at load, the composition.
 
-struct block_spec {
+struct block_args {
     uint32_t freq;
     int16_t lut_mm = 0;
     int16_t pix_mm = 0;  // with a per-pixel table of k_w x k_h when non-zero
@@ -990,7 +858,7 @@ struct block_spec {
 };
 
 // A block payload in the camera maker's layout (epc_calib.h).
-std::vector<uint8_t> _block(const block_spec &b) {
+std::vector<uint8_t> _block(const block_args &b) {
     std::vector<uint8_t> v(tevix::epc::k_drv_hdr);
     auto put = [&](size_t at, const void *x, size_t n) { std::memcpy(v.data() + at, x, n); };
     const uint16_t box = 1200, w = b.pix_mm ? k_w : 0, h = b.pix_mm ? k_h : 0;
@@ -1025,12 +893,9 @@ std::vector<uint8_t> _block(const block_spec &b) {
 class epc_calib_file : public epc_fixture {
   protected:
     void SetUp() override {
-        prefix_ = dir_.path().string() + "/";
         open();
-        dev_->dev()->path_prefix = prefix_.c_str();
-        char name[512];
-        path_ = tevix_get_param_absolute_name(dev_->dev(), name, sizeof name);
-        dev_->cam().set_u32(TEVIX_PARAM_MOD_FREQ, 20000000);
+        use_param_dir();
+        cam().set_u32(TEVIX_PARAM_MOD_FREQ, 20000000);
         set_dev_info(1, 50);  // the device's copy is older than the local file's (ts 100)
     }
     void set_dev_info(uint8_t valid, uint32_t ts) {
@@ -1039,13 +904,7 @@ class epc_calib_file : public epc_fixture {
         v[1] = valid;  // data present
         v[2] = 181;
         std::memcpy(v.data() + 12, &ts, 4);
-        dev_->cam().params[TEVIX_PARAM_CALIB_INFO] = v;
-    }
-    void write(const std::vector<tevix::calib::param_block> &blocks) {
-        tevix::calib::param_container c;
-        c.ts = 100;
-        c.blocks = blocks;
-        ASSERT_TRUE(tevix::calib::param_container_write(path_, c));
+        cam().params[TEVIX_PARAM_CALIB_INFO] = v;
     }
     int centre(uint32_t kind = 1) {
         const uint16_t d[4] = {1948, 2048, 2148, 2048};
@@ -1055,12 +914,10 @@ class epc_calib_file : public epc_fixture {
         EXPECT_GT(decode(raw, kind, out, info), 0);
         return out[100 * k_w + 100];
     }
-    tevix::test::temp_dir dir_;
-    std::string prefix_, path_;
 };
 
 TEST_F(epc_calib_file, BlocksMountPerFrequency) {
-    write({{1, _block({20000000, 50, 7})}, {1, _block({30000000, -20})}});
+    write_container({{1, _block({20000000, 50, 7})}, {1, _block({30000000, -20})}});
     log_capture log;
     ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
     EXPECT_EQ(log.count("adapting to device MOD_FREQ : [20000000, 0] HZ"), 1);
@@ -1074,9 +931,12 @@ TEST_F(epc_calib_file, BlocksMountPerFrequency) {
     EXPECT_TRUE(tevix::epc::calib_valid(p()));
     EXPECT_NEAR(centre(), 3747 + 50, 1);
     EXPECT_EQ(centre(0), 3747);  // raw distances stay uncalibrated
-    tevix_filter_arg_t arg{};
-    ASSERT_TRUE(ops()->filter_enable(drv_, 1, &arg));
+    ASSERT_TRUE(enable(1));
     EXPECT_NEAR(centre(), 3747 + 57, 1);
+    // Sport mode level 1 (format 4) refuses the per-pixel table.
+    ops()->on_update_frame_format(drv_, 4);
+    EXPECT_FALSE(enable(1));
+    ops()->on_update_frame_format(drv_, 2);
     ops()->on_update_mod_freq(drv_, 30000000, 0);
     const int plain30 = int((16384u * tevix::epc::range_mm(30000000)) >> 15);
     EXPECT_NEAR(centre(), plain30 - 20, 1);
@@ -1086,10 +946,11 @@ TEST_F(epc_calib_file, BlocksMountPerFrequency) {
               1);
     EXPECT_FALSE(tevix::epc::calib_valid(p()));
     EXPECT_EQ(centre(), int((16384u * tevix::epc::range_mm(12000000)) >> 15));
+    EXPECT_FALSE(enable(1));
 }
 
 TEST_F(epc_calib_file, LoadDecidesFileAndFrequency) {
-    write({{1, _block({20000000, 50})}});
+    write_container({{1, _block({20000000, 50})}});
     {
         // The device holds newer data: the local file is not trusted (and the device's copy
         // cannot be fetched), so the device's frequency runs uncalibrated.
@@ -1105,14 +966,11 @@ TEST_F(epc_calib_file, LoadDecidesFileAndFrequency) {
         // A device at a frequency the file lacks is set to the file's.
         log_capture log;
         set_dev_info(0, 0);
-        dev_->cam().set_u32(TEVIX_PARAM_MOD_FREQ, 15000000);
+        cam().set_u32(TEVIX_PARAM_MOD_FREQ, 15000000);
         ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
         EXPECT_EQ(log.count("No valid calib data on dev, use local cache!"), 1);
         EXPECT_EQ(log.count("set device freq to calibrated freq: [20000000, 0]"), 1);
-        ASSERT_FALSE(dev_->cam().writes_of(TEVIX_PARAM_MOD_FREQ).empty());
-        uint32_t written;
-        std::memcpy(&written, dev_->cam().writes_of(TEVIX_PARAM_MOD_FREQ).back().data(), 4);
-        EXPECT_EQ(written, 20000000u);
+        EXPECT_EQ(param_u32(TEVIX_PARAM_MOD_FREQ), 20000000u);
         EXPECT_EQ(p()->freq, 20000000u);
         EXPECT_TRUE(tevix::epc::calib_valid(p()));
     }
@@ -1120,13 +978,11 @@ TEST_F(epc_calib_file, LoadDecidesFileAndFrequency) {
         // No file and an unreadable frequency: 12 MHz on the device, defaults.
         log_capture log;
         std::filesystem::remove(path_);
-        dev_->cam().fail_param_get = true;
+        cam().fail_param_get = true;
         ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
-        dev_->cam().fail_param_get = false;
+        cam().fail_param_get = false;
         EXPECT_EQ(log.count("calib not valid: set freq to 12000000"), 1);
-        uint32_t written;
-        std::memcpy(&written, dev_->cam().writes_of(TEVIX_PARAM_MOD_FREQ).back().data(), 4);
-        EXPECT_EQ(written, 12000000u);
+        EXPECT_EQ(param_u32(TEVIX_PARAM_MOD_FREQ), 12000000u);
         EXPECT_EQ(p()->range, tevix::epc::range_mm(12000000));
         EXPECT_FALSE(tevix::epc::calib_valid(p()));
     }
@@ -1160,7 +1016,7 @@ TEST_F(epc_calib_file, DamagedBlocksLeaveTheDefaults) {
         {{{1, measured(9000)}}, "LSR FIT failed: 2 measurements of 4x2"},
     };
     for (const auto &c : cases) {
-        write(c.blocks);
+        write_container(c.blocks);
         log_capture log;
         ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
         // Tried at the device's frequency, for whatever the file offers, at the device's again.
@@ -1172,7 +1028,7 @@ TEST_F(epc_calib_file, DamagedBlocksLeaveTheDefaults) {
 }
 
 // Scale, the block's offset, the temperature drift since calibration, the system calibration and
-// the distance offset, composed as the camera maker specifies.
+// the distance offset, composed in the camera maker's order.
 TEST_F(epc_fixture, CalibrationComposition) {
     open_20mhz();
     _mount(p(), 20000000, 10);
