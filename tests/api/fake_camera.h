@@ -9,10 +9,15 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "api/session.h"
 #include "drivers/drv.h"
 #include "ll/dispatch.h"
+#include "test_util.h"
 #include "tevix/tevix.h"
 #include "tevix/tevix_ll.h"
+#include "tevix/vx_cmap.h"
 
 namespace tevix::test {
 
@@ -233,5 +238,35 @@ inline tevix_drv_ops g_blind_ops = [] {  // no lens at all
 }();
 inline tevix_drv_t g_frame_drv{"test driver", "X1", &g_frame_ops, nullptr, nullptr};
 inline tevix_drv_t g_blind_drv{"blind driver", "X2", &g_blind_ops, nullptr, nullptr};
+
+// A record with a session over the fake transport and on the fake frame driver, without the open
+// sequence; an 8x4 frame's information and raw bytes; the library's colour map.
+class frame_test : public ::testing::Test {
+  protected:
+    static constexpr uint32_t k_w = 8, k_h = 4, k_n = k_w * k_h;
+    void SetUp() override {
+        g_cam.reset();
+        tevix_ll_dev_t ll{};
+        ll.ops = &fake_ll::ops();
+        ASSERT_TRUE(tevix::api::session_attach(&dev_, ll));
+        dev_.session->drv = &g_frame_drv;
+        ASSERT_EQ(vx_cmap_init(tevix::api::default_cmap(), 1024), 0);
+        info_.width = k_w;
+        info_.height = k_h;
+        info_.size = k_n * 8;
+        raw_.assign(info_.size, 0);
+    }
+    void TearDown() override {
+        vx_cmap_uninit(tevix::api::default_cmap());
+        tevix::api::session_detach(&dev_);
+    }
+    std::string log() { return log_.text(); }
+
+    temp_dir dir_;
+    log_capture log_;
+    tevix_dev_t dev_{};
+    tevix_frame_info_t info_{};
+    std::vector<uint8_t> raw_;
+};
 
 }  // namespace tevix::test
