@@ -2,60 +2,16 @@
 // recorder. Runs in a process of its own: OpenNI2 does not survive a recorder in a process that
 // goes on using it.
 // Usage: oni_rerecord IN OUT depth|ir SETTLE_MS; prints the frames read, exit status 0 on success.
-#include <OpenNI.h>
-
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <thread>
+
+#include "openni_play.h"
 
 // OpenNI2 keeps allocations of its drivers past shutdown.
 extern "C" const char *__asan_default_options() {
     return "detect_leaks=0";
 }
-
-namespace {
-
-int _rerecord(const char *in, const char *out, openni::SensorType sensor, int settle_ms) {
-    openni::Device dev;
-    if (dev.open(in) != openni::STATUS_OK) return -1;
-    int got = -1;
-    openni::PlaybackControl *pc = dev.getPlaybackControl();
-    openni::VideoStream vs;
-    if (pc && vs.create(dev, sensor) == openni::STATUS_OK) {
-        pc->setRepeatEnabled(false);
-        pc->setSpeed(-1);  // frames advance only as they are read
-        const int n = pc->getNumberOfFrames(vs);
-        openni::Recorder rec;
-        // The recorder starts on its own thread and drops frames that come before that.
-        if (rec.create(out) == openni::STATUS_OK && rec.attach(vs) == openni::STATUS_OK &&
-            rec.start() == openni::STATUS_OK) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(settle_ms));
-            if (vs.start() == openni::STATUS_OK) {
-                got = 0;
-                for (int i = 0; i < n; ++i) {
-                    openni::VideoStream *streams[] = {&vs};
-                    int ready = -1;
-                    openni::VideoFrameRef f;
-                    if (openni::OpenNI::waitForAnyStream(streams, 1, &ready, 5000) !=
-                            openni::STATUS_OK ||
-                        vs.readFrame(&f) != openni::STATUS_OK)
-                        break;
-                    ++got;
-                }
-            }
-            rec.stop();
-        }
-        rec.destroy();
-        vs.stop();
-        vs.destroy();
-    }
-    dev.close();
-    return got;
-}
-
-}  // namespace
 
 int main(int argc, char **argv) {
     if (argc != 5) {
@@ -68,7 +24,8 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "%s\n", openni::OpenNI::getExtendedError());
         return 1;
     }
-    const int got = _rerecord(argv[1], argv[2], sensor, std::atoi(argv[4]));
+    const int got = tevix::test::openni_play(
+        argv[1], sensor, [](const openni::VideoFrameRef &) {}, argv[2], std::atoi(argv[4]));
     openni::OpenNI::shutdown();
     std::printf("%d\n", got);
     return got < 0 ? 1 : 0;
