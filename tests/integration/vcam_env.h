@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -97,25 +96,23 @@ inline int pull(tevix_dev_t *dev, std::vector<uint8_t> &buf, tevix_frame_info_t 
     return tevix_cap_get_frames(dev, 1, buf.data(), static_cast<uint32_t>(buf.size()), info);
 }
 
-// What the capture error callback (note) was told, in order; it answers `answer`.
+// What the capture error callback (note) was told, in order; it answers true.
 struct cap_errors {
     static int note(tevix_dev_t *, int code, uint32_t extra) {
         std::lock_guard lk(m);
         seen.emplace_back(code, extra);
-        return answer.load();
+        return 1;
     }
     static std::vector<std::pair<int, uint32_t>> all() {
         std::lock_guard lk(m);
         return seen;
     }
-    static void reset(int answer_with = 1) {
+    static void reset() {
         std::lock_guard lk(m);
         seen.clear();
-        answer = answer_with;
     }
     static inline std::mutex m;
     static inline std::vector<std::pair<int, uint32_t>> seen;
-    static inline std::atomic<int> answer{1};
 };
 
 }  // namespace tevix::test
