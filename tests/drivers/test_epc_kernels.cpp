@@ -21,7 +21,8 @@ TEST(EpcPhase, AtanTableEnds) {
     for (int i = 1; i < 4096; ++i) EXPECT_GE(t[i], t[i - 1]);
 }
 
-TEST(EpcPhase, AxisValues) {
+// On the axes and diagonals the phase is exact, of four planes and of a plane pair alike.
+TEST(EpcPhase, ExactOnTheAxes) {
     EXPECT_EQ(phase_4dcs(100, 0), 16384u);
     EXPECT_EQ(phase_4dcs(-100, 0), 0u);
     EXPECT_EQ(phase_4dcs(0, 0), 16384u);
@@ -29,6 +30,10 @@ TEST(EpcPhase, AxisValues) {
     EXPECT_EQ(phase_4dcs(0, -100), 8192u);
     EXPECT_EQ(phase_4dcs(100, 100), 16384u + 4096u);
     EXPECT_EQ(phase_4dcs(-100, -100), 4096u);
+    EXPECT_EQ(phase_pair(100, 0, 16384, 0), 16384u);
+    EXPECT_EQ(phase_pair(-100, 0, 16384, 0), 0u);
+    EXPECT_EQ(phase_pair(0, 100, 0, 16384), 8192u);
+    EXPECT_EQ(phase_pair(100, 100, 24576, 8192), (24576u + 4096u) & 0x7FFF);
 }
 
 TEST(EpcPhase, FollowsTheAngleEverywhere) {
@@ -43,34 +48,23 @@ TEST(EpcPhase, FollowsTheAngleEverywhere) {
     }
 }
 
-TEST(EpcPhase, ReducedPairByFrequency) {
-    plane_pair p = reduced_pair(12000000);
-    EXPECT_EQ(p.p0, 1);
-    EXPECT_EQ(p.p1, 2);
-    EXPECT_EQ(p.base0, 24576u);
-    EXPECT_EQ(p.base1, 8192u);
-    p = reduced_pair(12000001);
-    EXPECT_EQ(p.p0, 2);
-    EXPECT_EQ(p.p1, 3);
-    EXPECT_EQ(p.base0, 0u);
-    EXPECT_EQ(p.base1, 16384u);
-    p = reduced_pair(24000000);
-    EXPECT_EQ(p.p0, 2);
-    p = reduced_pair(24000001);
-    EXPECT_EQ(p.p0, 0);
-    EXPECT_EQ(p.p1, 1);
-    EXPECT_EQ(p.base0, 16384u);
-    EXPECT_EQ(p.base1, 0u);
-}
-
-TEST(EpcPhase, PairPhaseOnTheAxis) {
-    EXPECT_EQ(phase_pair(100, 0, 16384, 0), 16384u);
-    EXPECT_EQ(phase_pair(-100, 0, 16384, 0), 0u);
-    EXPECT_EQ(phase_pair(0, 100, 0, 16384), 8192u);
-    EXPECT_EQ(phase_pair(100, 100, 24576, 8192), (24576u + 4096u) & 0x7FFF);
-}
-
-TEST(EpcRange, FromFrequency) {
+// The frequency picks the reduced layout's plane pair and its phase bases, and the range.
+TEST(EpcPhase, FrequencyPicksThePairAndTheRange) {
+    const struct {
+        uint32_t f;
+        int p0, p1;
+        uint32_t base0, base1;
+    } cases[] = {{12000000, 1, 2, 24576, 8192},
+                 {12000001, 2, 3, 0, 16384},
+                 {24000000, 2, 3, 0, 16384},
+                 {24000001, 0, 1, 16384, 0}};
+    for (const auto &c : cases) {
+        const plane_pair p = reduced_pair(c.f);
+        EXPECT_EQ(p.p0, c.p0) << c.f;
+        EXPECT_EQ(p.p1, c.p1) << c.f;
+        EXPECT_EQ(p.base0, c.base0) << c.f;
+        EXPECT_EQ(p.base1, c.base1) << c.f;
+    }
     EXPECT_EQ(range_mm(20000000), 7494u);
     EXPECT_EQ(range_mm(12000000), 12491u);
     EXPECT_EQ(range_mm(0), 0u);
@@ -106,7 +100,9 @@ std::vector<uint16_t> _planes(uint32_t n, uint16_t d0, uint16_t d1, uint16_t d2,
     return v;
 }
 
-TEST(EpcDecode, FourPlanePixel) {
+// One pixel's distance, confidence and the offset; a sample at or beyond the limits (below 2,
+// above 4093) leaves the pixel invalid.
+TEST(EpcDecode, FourPlanePixelAndSampleLimits) {
     auto raw = _planes(1, 1998, 2048, 2098, 2048);  // x = 100, y = 0
     int32_t d;
     uint32_t c;
@@ -115,18 +111,13 @@ TEST(EpcDecode, FourPlanePixel) {
     EXPECT_EQ(c, 10000u);
     decode_4dcs(raw.data(), 1, 7494, -47, &d, &c);
     EXPECT_EQ(d, 3700);
-}
-
-TEST(EpcDecode, SampleLimits) {
-    int32_t d;
-    uint32_t c;
     for (uint16_t bad : {0, 1, 4094, 4095, 5000}) {
-        auto raw = _planes(1, 2000, 2000, bad, 2000);
+        raw = _planes(1, 2000, 2000, bad, 2000);
         decode_4dcs(raw.data(), 1, 7494, 0, &d, &c);
         EXPECT_EQ(d, 65500) << bad;
         EXPECT_EQ(c, 0u) << bad;
     }
-    auto raw = _planes(1, 2, 4093, 2, 4093);
+    raw = _planes(1, 2, 4093, 2, 4093);
     decode_4dcs(raw.data(), 1, 7494, 0, &d, &c);
     EXPECT_NE(d, 65500);
 }
@@ -239,7 +230,9 @@ TEST(EpcTiers, EveryKernelGivesTheScalarResultsAtEveryTier) {
     }
 }
 
-TEST(EpcGrey, FastPathMatchesTheFormula) {
+// Grey of four planes is fast_sqrt of a quarter of x^2 + y^2 over the 12 sample bits, 0 where a
+// sample is at a limit; of a plane pair the same of its two differences.
+TEST(EpcGrey, FromPlanesMatchesTheFormula) {
     const uint32_t n = 1003;
     std::vector<uint16_t> raw(4 * n);
     std::mt19937 rng(9);
@@ -255,6 +248,15 @@ TEST(EpcGrey, FastPathMatchesTheFormula) {
             static_cast<uint32_t>((d2 - d0) * (d2 - d0) + (d3 - d1) * (d3 - d1)) >> 2;
         ASSERT_EQ(g[i], ok ? fast_sqrt(v) : 0u) << i;
     }
+    raw = _planes(1, 1998, 2018, 4094, 2078);
+    grey_4dcs(raw.data(), 1, g.data());
+    EXPECT_EQ(g[0], 0u);
+    uint16_t p0 = 1948, p1 = 2108;  // (100^2 + 60^2) >> 2
+    grey_2dcs(&p0, &p1, 1, g.data());
+    EXPECT_EQ(g[0], 58u);
+    p1 = 1;
+    grey_2dcs(&p0, &p1, 1, g.data());
+    EXPECT_EQ(g[0], 0u);
 }
 
 TEST(EpcDecode, ReducedLayoutValidityAndConfidence) {
@@ -268,25 +270,6 @@ TEST(EpcDecode, ReducedLayoutValidityAndConfidence) {
     EXPECT_EQ(d[1], 65500);
     EXPECT_EQ(c[1], 0u);
     EXPECT_EQ(d[2], 65500);
-}
-
-TEST(EpcGrey, FromPlanes) {
-    auto raw = _planes(1, 1998, 2018, 2098, 2078);  // a = 100, b = 60
-    uint32_t g;
-    grey_4dcs(raw.data(), 1, &g);
-    EXPECT_EQ(g, 58u);
-    raw = _planes(1, 1998, 2018, 4094, 2078);
-    grey_4dcs(raw.data(), 1, &g);
-    EXPECT_EQ(g, 0u);
-    raw = _planes(1, 0x1000 | 1998, 2018, 2098, 2078);  // the upper bits are not sample bits
-    grey_4dcs(raw.data(), 1, &g);
-    EXPECT_EQ(g, 58u);
-    uint16_t p0 = 1948, p1 = 2108;  // (100^2 + 60^2) >> 2
-    grey_2dcs(&p0, &p1, 1, &g);
-    EXPECT_EQ(g, 58u);
-    p1 = 1;
-    grey_2dcs(&p0, &p1, 1, &g);
-    EXPECT_EQ(g, 0u);
 }
 
 TEST(EpcGrey, OnePlaneLayoutCopiesTheLastRows) {
@@ -374,7 +357,9 @@ TEST(EpcGate, RangeLimits) {
     for (int i = 0; i < 8; ++i) EXPECT_EQ(out[i], want[i]) << in[i];
 }
 
-TEST(EpcMinAmp, WindowAndHysteresis) {
+// Pixels outside the confidence window are cleared; with hysteresis a kept pixel is kept down to a
+// lower bound and a cleared one needs the window again; a run gives what each pixel alone would.
+TEST(EpcMinAmp, WindowHysteresisAndLongRuns) {
     const uint16_t d = 1234;
     uint16_t out;
     uint32_t c = 899;
@@ -395,9 +380,7 @@ TEST(EpcMinAmp, WindowAndHysteresis) {
         minamp(&d, &out, &c, 1, 30, &mark, 10);
         EXPECT_EQ(out, want[i]) << i;
     }
-}
 
-TEST(EpcMinAmp, LongRunsMatchPixelByPixel) {
     const uint32_t n = 1001;
     std::vector<uint16_t> src(n), dst(n), one(1);
     std::vector<uint32_t> conf(n);
