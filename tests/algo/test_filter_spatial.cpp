@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <numeric>
 #include <random>
 #include <thread>
 #include <vector>
@@ -172,6 +173,42 @@ TEST(FilterSpatial, FholeMatchesReference) {
         }
     image img(9, 10);
     EXPECT_FALSE(vx_fhole_u16_k3(img.data(), 0, 3, 0));
+}
+
+// Rounded mean of the valid pixels of each valid pixel's window.
+image ref_box(const image &in, uint32_t w, uint32_t h, int k) {
+    image out = in;
+    for (uint32_t y = 0; y < h; ++y)
+        for (uint32_t x = 0; x < w; ++x)
+            if (valid(in[size_t(y) * w + x])) {
+                const auto v = window(in, w, h, x, y, k, true);
+                const uint64_t sum = std::accumulate(v.begin(), v.end(), uint64_t{0});
+                out[size_t(y) * w + x] = uint16_t((sum + v.size() / 2) / v.size());
+            }
+    return out;
+}
+
+// Values over the whole 16-bit range, so that 31 x 31 windows need every bit of the sums.
+TEST(FilterSpatial, BoxMatchesReference) {
+    std::mt19937 rng(3);
+    for (auto [w, h] : {std::pair{1u, 1u}, {3u, 2u}, {37u, 23u}, {33u, 31u}}) {
+        image img(size_t(w) * h);
+        for (auto &v : img) {
+            const uint32_t r = rng() % 100;
+            v = r < 5 ? 0 : r < 10 ? VX_DIST_INVALID : static_cast<uint16_t>(500 + rng() % 65000);
+        }
+        for (uint32_t k : {3u, 5u, 9u, 31u}) {
+            image got = img;
+            ASSERT_TRUE(vx_box2d_u16(got.data(), w, h, k));
+            ASSERT_EQ(got, ref_box(img, w, h, int(k))) << w << "x" << h << " k" << k;
+        }
+    }
+    image img = random_depth(37, 23, 3);
+    EXPECT_FALSE(vx_box2d_u16(img.data(), 37, 23, 4));
+    EXPECT_FALSE(vx_box2d_u16(img.data(), 37, 23, 33));
+    EXPECT_FALSE(vx_box2d_u16(nullptr, 37, 23, 3));
+    EXPECT_FALSE(vx_box2d_u16(img.data(), 0, 23, 3));
+    EXPECT_EQ(img, random_depth(37, 23, 3));
 }
 
 // Normalised Gaussian convolution by brute force, in double.

@@ -1,12 +1,9 @@
-// Least-squares fits against closed-form answers and degenerate samples, and the box filter
-// against a direct average.
+// Least-squares fits against closed-form answers and degenerate samples.
 #include <cmath>
-#include <random>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "tevix/vx_filter.h"
 #include "tevix/vx_fit.h"
 
 namespace {
@@ -133,43 +130,6 @@ TEST(fit, mahalanobis_distances) {
     EXPECT_EQ(vx_mahalanobis(line, 4, 2, d), VX_FIT_ESINGULAR);
     EXPECT_EQ(vx_mahalanobis(x, 2, 2, d), VX_FIT_EDATA);
     EXPECT_EQ(vx_mahalanobis(x, 4, 0, d), VX_FIT_EINVAL);
-}
-
-TEST(filter, box_averages_the_valid_pixels_of_the_window) {
-    constexpr uint32_t w = 37, h = 23;
-    std::mt19937 rng(3);
-    std::vector<uint16_t> img(w * h);
-    for (auto &v : img) {
-        const uint32_t r = rng() % 100;
-        v = r < 5 ? 0 : r < 10 ? VX_DIST_INVALID : static_cast<uint16_t>(500 + rng() % 60000);
-    }
-    for (uint32_t k : {3u, 5u, 9u}) {
-        std::vector<uint16_t> got = img;
-        ASSERT_TRUE(vx_box2d_u16(got.data(), w, h, k));
-        const int r = static_cast<int>(k / 2);
-        for (int y = 0; y < int(h); ++y)
-            for (int x = 0; x < int(w); ++x) {
-                const uint16_t c = img[size_t(y) * w + x];
-                uint64_t s = 0, n = 0;
-                for (int dy = -r; dy <= r; ++dy)
-                    for (int dx = -r; dx <= r; ++dx) {
-                        const int yy = y + dy, xx = x + dx;
-                        if (yy < 0 || xx < 0 || yy >= int(h) || xx >= int(w)) continue;
-                        const uint16_t v = img[size_t(yy) * w + xx];
-                        if (v != 0 && v != VX_DIST_INVALID) s += v, ++n;
-                    }
-                const uint16_t want =
-                    c == 0 || c == VX_DIST_INVALID ? c : static_cast<uint16_t>((s + n / 2) / n);
-                ASSERT_EQ(got[size_t(y) * w + x], want) << k << " " << x << "," << y;
-            }
-    }
-    uint16_t one = 7;
-    EXPECT_TRUE(vx_box2d_u16(&one, 1, 1, 3));
-    EXPECT_EQ(one, 7);
-    EXPECT_FALSE(vx_box2d_u16(img.data(), w, h, 4));
-    EXPECT_FALSE(vx_box2d_u16(img.data(), w, h, 33));
-    EXPECT_FALSE(vx_box2d_u16(nullptr, w, h, 3));
-    EXPECT_FALSE(vx_box2d_u16(img.data(), 0, h, 3));
 }
 
 }  // namespace

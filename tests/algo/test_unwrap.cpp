@@ -7,8 +7,8 @@
 #include <random>
 #include <vector>
 
-#include "algo/simd.h"
 #include "algo/unwrap.h"
+#include "levels.h"
 
 namespace {
 
@@ -28,6 +28,19 @@ double wrap_error(double got, double want, double range) {
     if (e > range / 2) e -= range;
     if (e < -range / 2) e += range;
     return std::abs(e);
+}
+
+// Each true distance unwrapped from its two wrapped views, noise() added to each.
+template <class Noise>
+std::vector<uint16_t> unwrap(const dual_freq &u, const std::vector<double> &truth, Noise noise) {
+    const size_t n = truth.size();
+    std::vector<uint16_t> d0(n), d1(n), out(n);
+    for (size_t i = 0; i < n; ++i) {
+        d0[i] = wrapped(truth[i], u.r0_mm, noise());
+        d1[i] = wrapped(truth[i], u.r1_mm, noise());
+    }
+    tevix::algo::dual_freq_unwrap(u, d0.data(), d1.data(), out.data(), n);
+    return out;
 }
 
 TEST(Unwrap, RangesOfFrequencyPairs) {
@@ -53,12 +66,7 @@ TEST(Unwrap, KnownDistancesOverTheWholeRange) {
         ASSERT_TRUE(tevix::algo::dual_freq_init(u, f0, f1));
         std::vector<double> truth;
         for (double mm = 0; mm < u.range_mm; mm += 0.7) truth.push_back(mm);
-        std::vector<uint16_t> d0(truth.size()), d1(truth.size()), out(truth.size());
-        for (size_t i = 0; i < truth.size(); ++i) {
-            d0[i] = wrapped(truth[i], u.r0_mm, 0);
-            d1[i] = wrapped(truth[i], u.r1_mm, 0);
-        }
-        tevix::algo::dual_freq_unwrap(u, d0.data(), d1.data(), out.data(), out.size());
+        const auto out = unwrap(u, truth, [] { return 0.0; });
         double worst = 0;
         for (size_t i = 0; i < truth.size(); ++i) {
             ASSERT_NE(out[i], k_invalid) << truth[i] << " mm at " << f0 << "/" << f1;
@@ -79,13 +87,8 @@ TEST(Unwrap, NoiseIsMarkedNeverMiswrapped) {
         std::normal_distribution<double> noise(0, sigma);
         const size_t n = 20000;
         std::vector<double> truth(n);
-        std::vector<uint16_t> d0(n), d1(n), out(n);
-        for (size_t i = 0; i < n; ++i) {
-            truth[i] = where(rng);
-            d0[i] = wrapped(truth[i], u.r0_mm, noise(rng));
-            d1[i] = wrapped(truth[i], u.r1_mm, noise(rng));
-        }
-        tevix::algo::dual_freq_unwrap(u, d0.data(), d1.data(), out.data(), n);
+        for (double &t : truth) t = where(rng);
+        const auto out = unwrap(u, truth, [&] { return noise(rng); });
         size_t valid = 0;
         for (size_t i = 0; i < n; ++i) {
             if (out[i] == k_invalid) continue;
@@ -121,17 +124,11 @@ TEST(Unwrap, EveryLevelGivesTheSameBits) {
         if (i % 97 == 0) d0[i] = k_invalid;
         if (i % 89 == 0) d1[i] = 65535;
     }
-    std::vector<uint16_t> want(n);
-    {
-        tevix::simd::scoped_limit cap(tevix::simd::level::scalar);
-        tevix::algo::dual_freq_unwrap(u, d0.data(), d1.data(), want.data(), n);
-    }
-    for (auto l : {tevix::simd::level::sse41, tevix::simd::level::avx2}) {
-        tevix::simd::scoped_limit cap(l);
-        std::vector<uint16_t> got(n);
-        tevix::algo::dual_freq_unwrap(u, d0.data(), d1.data(), got.data(), n);
-        EXPECT_EQ(got, want) << int(l);
-    }
+    tevix::test::same_at_every_level([&] {
+        std::vector<uint16_t> out(n);
+        tevix::algo::dual_freq_unwrap(u, d0.data(), d1.data(), out.data(), n);
+        return out;
+    });
 }
 
 }  // namespace
