@@ -70,7 +70,7 @@ accuracy _accuracy(const tevix::emu::sony_renderer &r, const std::vector<uint16_
     return tevix::test::scene_accuracy(r, d, limit_mm, far_mm);
 }
 
-TEST_F(imx_fixture, InitReadsTheLensFromTheDeviceAndRegistersItsSettings) {
+TEST_F(imx_fixture, InitReadsTheLensAndRegistersItsSettings) {
     log_capture log;
     open();
     EXPECT_TRUE(cam().reg_writes.empty());  // no register set-up
@@ -121,31 +121,28 @@ TEST_F(imx_fixture, InitReadsTheLensFromTheDeviceAndRegistersItsSettings) {
     const int32_t handle = p()->tele;
     ops()->uninit(drv_);
     EXPECT_EQ(vxtele_find(handle, "f_en_flyfilter"), nullptr);  // unregistered with the driver
-}
 
-TEST_F(imx_fixture, LensDefaultsWithoutUsableIntrinsicsAndFilesWin) {
+    // Intrinsics that are not all positive leave the built-in lens; a lens file in the parameter
+    // directory overrides what the device reports.
     const float bad[9] = {321.5f, 0.0f, 562.0f, 561.0f, 0, 0, 0, 0, 0};
-    make("VXCAM-S1-R1");
     set_lens(bad);
     init(4);
     EXPECT_FALSE(p()->lens_from_dev);
     EXPECT_DOUBLE_EQ(ops()->lens.fx, k_imx_default_lens.fx);
     ops()->uninit(drv_);
-    // A lens file in the parameter directory overrides what the device reports.
-    tevix::test::temp_dir dir;
-    const std::string prefix = dir.path().string() + "/";
+    use_param_dir();
     ASSERT_TRUE(
-        tevix::test::write_text(prefix + "lens_param.txt", "320 240 600 600 0.1 0.01 640 480\n"));
+        tevix::test::write_text(prefix_ + "lens_param.txt", "320 240 600 600 0.1 0.01 640 480\n"));
     set_lens(tevix::emu::k_sony_lens);
-    dev_->dev()->path_prefix = prefix.c_str();
-    ASSERT_TRUE(drv_->ops->init(drv_, dev_->dev()));
+    init(4);
     EXPECT_TRUE(p()->lens_from_dev && p()->lens_file);
     EXPECT_DOUBLE_EQ(ops()->lens.fx, 600.0);
     EXPECT_EQ(ops()->lens.n_dcoef, 2u);
 }
 
-// Flying-pixel threshold and bilateral sigmas follow f0 from the table, row by row.
-TEST_F(imx_fixture, FrequencyTuning) {
+// Flying-pixel threshold and bilateral sigmas follow f0 from the table, row by row; single and
+// dual frequency set the ranges, the unwrapping and the temperature coefficients.
+TEST_F(imx_fixture, FrequencyTuningAndEvents) {
     open();
     const struct {
         uint32_t f0;
@@ -167,19 +164,15 @@ TEST_F(imx_fixture, FrequencyTuning) {
     // The host's own bilateral parameters (smoothing variant 240) stay through a change.
     ASSERT_TRUE(enable(TEVIX_FILTER_SMOOTH, {.u8 = {240, 50}}));
     EXPECT_TRUE(p()->en_bpf);
+    log_capture log;
     ops()->on_update_mod_freq(drv_, 100000000, 0);
     EXPECT_FLOAT_EQ(p()->bpf_ss, 0.5f);
     EXPECT_EQ(p()->fly_th, 0u);
-}
 
-TEST_F(imx_fixture, SingleAndDualFrequencyEvents) {
-    open();
-    log_capture log;
-    ops()->on_update_mod_freq(drv_, 100000000, 0);
     EXPECT_EQ(p()->f0, 100000000u);
     EXPECT_EQ(p()->r0, tevix::epc::range_mm(100000000));
     EXPECT_FALSE(p()->dual);
-    EXPECT_EQ(log.count("MOD_FREQ change: [0, 0] -> [100000000, 0] HZ"), 1);
+    EXPECT_EQ(log.count("MOD_FREQ change: [11000000, 0] -> [100000000, 0] HZ"), 1);
     EXPECT_EQ(log.count(" * tcoef: f=100.0 MHz, cb/ib=13.8/1.2 mm/deg"), 1);
     ops()->on_update_mod_freq(drv_, 100000000, 80000000);
     EXPECT_TRUE(p()->dual);
