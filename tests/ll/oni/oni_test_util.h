@@ -1,6 +1,7 @@
 // Shared by the ONI and replay tests: a log capture on the default context and small recordings.
 #pragma once
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,29 @@ inline bool write_depth_file(const std::string &path, uint32_t codec, uint32_t w
             return false;
     }
     return wr->finish();
+}
+
+// A little-endian field of a file held in a string.
+template <typename T>
+T get_at(const std::string &s, size_t at) {
+    T v{};
+    std::memcpy(&v, s.data() + at, sizeof v);
+    return v;
+}
+template <typename T>
+void set_at(std::string &s, size_t at, T v) {
+    std::memcpy(s.data() + at, &v, sizeof v);
+}
+
+// Offsets of the records of a file with 28-byte record headers, up to and including End.
+inline std::vector<size_t> record_offsets(const std::string &f) {
+    std::vector<size_t> at;
+    for (size_t p = 24; p + 28 <= f.size();) {
+        at.push_back(p);
+        if (get_at<uint32_t>(f, p + 4) == 11) break;
+        p += get_at<uint32_t>(f, p + 12) + size_t{get_at<uint32_t>(f, p + 16)};
+    }
+    return at;
 }
 
 inline std::string testdata(const char *name) {

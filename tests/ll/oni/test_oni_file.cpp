@@ -1,5 +1,4 @@
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -10,11 +9,15 @@
 
 namespace oni = tevix::oni;
 using tevix::test::depth_frame;
+using tevix::test::get_at;
 using tevix::test::log_capture;
 using tevix::test::read_file;
+using tevix::test::record_offsets;
+using tevix::test::set_at;
 using tevix::test::temp_dir;
 using tevix::test::testdata;
 using tevix::test::write_depth_file;
+using tevix::test::write_text;
 
 namespace {
 
@@ -30,33 +33,6 @@ void _collect(oni::reader *r, uint32_t kind, const char *name, const void *v, ui
     const auto *b = static_cast<const uint8_t *>(v);
     static_cast<std::vector<prop> *>(user)->push_back(
         {r->last().node_id, kind, name, std::vector<uint8_t>(b, b + size)});
-}
-
-template <typename T>
-T _get(const std::string &s, size_t at) {
-    T v{};
-    std::memcpy(&v, s.data() + at, sizeof v);
-    return v;
-}
-
-template <typename T>
-void _set(std::string &s, size_t at, T v) {
-    std::memcpy(s.data() + at, &v, sizeof v);
-}
-
-void _write(const std::string &path, const std::string &bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-}
-
-// Offsets of the records of a 28-byte-header file, up to and including End.
-std::vector<size_t> _records(const std::string &f) {
-    std::vector<size_t> at;
-    for (size_t p = 24; p + 28 <= f.size();) {
-        at.push_back(p);
-        if (_get<uint32_t>(f, p + 4) == 11) break;
-        p += _get<uint32_t>(f, p + 12) + size_t{_get<uint32_t>(f, p + 16)};
-    }
-    return at;
 }
 
 // Walks everything a reader can give: every record and every decodable frame.
@@ -114,8 +90,8 @@ TEST_F(OniFile, WriterAndReaderAgreeOnNodesPropertiesAndFrames) {
     }
     const std::string f = read_file(path_);
     EXPECT_EQ(f.substr(0, 8), std::string("NI10\x01\x00\x01\x00", 8));
-    EXPECT_EQ(_get<uint64_t>(f, 12), 1004u);
-    EXPECT_EQ(_get<uint32_t>(f, 20), 3u);
+    EXPECT_EQ(get_at<uint64_t>(f, 12), 1004u);
+    EXPECT_EQ(get_at<uint32_t>(f, 20), 3u);
     EXPECT_EQ(f.substr(f.size() - 28, 8), std::string("NIR\0\x0b\0\0\0", 8));
 
     std::vector<prop> props;
@@ -139,7 +115,7 @@ TEST_F(OniFile, WriterAndReaderAgreeOnNodesPropertiesAndFrames) {
     EXPECT_EQ(by_name["3xnPixelFormat"].value[0], 4);
     EXPECT_EQ(by_name["1VX_DEV_ID"].kind, 3u);
     EXPECT_EQ(
-        _get<uint64_t>(
+        get_at<uint64_t>(
             std::string(by_name["1VX_DEV_ID"].value.begin(), by_name["1VX_DEV_ID"].value.end()), 0),
         0x1122334455667788ull);
     EXPECT_EQ(by_name["1VX_REP_VER"].kind, 4u);
@@ -175,21 +151,21 @@ TEST_F(OniFile, WriterAndReaderAgreeOnNodesPropertiesAndFrames) {
 TEST_F(OniFile, NodeAddedRecordHasTheDocumentedLayout) {
     ASSERT_TRUE(write_depth_file(path_, oni::k_codec_none, 4, 2, 3));
     const std::string f = read_file(path_);
-    EXPECT_EQ(_get<uint32_t>(f, 24), oni::k_record_magic);
-    EXPECT_EQ(_get<uint32_t>(f, 28), 13u);
-    EXPECT_EQ(_get<uint32_t>(f, 32), 1u);
-    EXPECT_EQ(_get<uint32_t>(f, 36), 74u);
+    EXPECT_EQ(get_at<uint32_t>(f, 24), oni::k_record_magic);
+    EXPECT_EQ(get_at<uint32_t>(f, 28), 13u);
+    EXPECT_EQ(get_at<uint32_t>(f, 32), 1u);
+    EXPECT_EQ(get_at<uint32_t>(f, 36), 74u);
     EXPECT_EQ(f.substr(52, 10), std::string("\x06\0\0\0Depth\0", 10));
     EXPECT_EQ(f.substr(66, 4), "NONE");
-    EXPECT_EQ(_get<uint32_t>(f, 70), 3u);
-    const uint64_t seek = _get<uint64_t>(f, 90);
-    EXPECT_EQ(_get<uint32_t>(f, seek + 4), 14u);
-    EXPECT_EQ(_get<uint32_t>(f, seek + 16), 4u * 20u);
+    EXPECT_EQ(get_at<uint32_t>(f, 70), 3u);
+    const uint64_t seek = get_at<uint64_t>(f, 90);
+    EXPECT_EQ(get_at<uint32_t>(f, seek + 4), 14u);
+    EXPECT_EQ(get_at<uint32_t>(f, seek + 16), 4u * 20u);
     // Each data record is where its seek entry says, with its frame number.
     for (uint32_t k = 1; k <= 3; ++k) {
-        const uint64_t at = _get<uint64_t>(f, seek + 28 + 20 * k + 12);
-        EXPECT_EQ(_get<uint32_t>(f, at + 4), 10u);
-        EXPECT_EQ(_get<uint32_t>(f, at + 36), k);
+        const uint64_t at = get_at<uint64_t>(f, seek + 28 + 20 * k + 12);
+        EXPECT_EQ(get_at<uint32_t>(f, at + 4), 10u);
+        EXPECT_EQ(get_at<uint32_t>(f, at + 36), k);
     }
 }
 
@@ -216,7 +192,7 @@ TEST_F(OniFile, SeekDeliversTheRequestedFrameNext) {
     EXPECT_EQ(r->seek(9, 0, 0), -1);
 }
 
-TEST_F(OniFile, KinectSampleDecodesTwelveDepthFramesAndUsesItsSeekTable) {
+TEST_F(OniFile, SampleRecordingsDecodeAndUseTheirSeekTables) {
     std::vector<prop> props;
     auto r =
         oni::reader::open(testdata("kinect-depth-image-12frames.oni").c_str(), _collect, &props);
@@ -256,10 +232,9 @@ TEST_F(OniFile, KinectSampleDecodesTwelveDepthFramesAndUsesItsSeekTable) {
     EXPECT_EQ(r->last().payload[0], 0xFF);
     EXPECT_EQ(r->last().payload[1], 0xD8);
     EXPECT_EQ(r->decode_frame(image, r->last().payload, px), -1);
-}
 
-TEST_F(OniFile, ImageNodeWithoutFramesOpensAndEndsCleanly) {
-    auto r = oni::reader::open(testdata("image-node-no-frames.oni").c_str(), nullptr, nullptr);
+    // An image node without frames opens and ends cleanly.
+    r = oni::reader::open(testdata("image-node-no-frames.oni").c_str(), nullptr, nullptr);
     ASSERT_TRUE(r);
     ASSERT_NE(r->node_at(1), nullptr);
     EXPECT_EQ(r->node_at(1)->name, "Image1");
@@ -274,11 +249,11 @@ TEST_F(OniFile, OldFormatUsesShortHeadersAndHasNoSeekTable) {
     f += std::string(8, '\0') + std::string("\x01\0\0\0", 4);
     auto rec = [&](uint32_t type, const std::string &fields, const std::string &payload) {
         std::string h(24, '\0');
-        _set<uint32_t>(h, 0, oni::k_record_magic);
-        _set<uint32_t>(h, 4, type);
-        _set<uint32_t>(h, 8, 1);
-        _set<uint32_t>(h, 12, static_cast<uint32_t>(24 + fields.size()));
-        _set<uint32_t>(h, 16, static_cast<uint32_t>(payload.size()));
+        set_at<uint32_t>(h, 0, oni::k_record_magic);
+        set_at<uint32_t>(h, 4, type);
+        set_at<uint32_t>(h, 8, 1);
+        set_at<uint32_t>(h, 12, static_cast<uint32_t>(24 + fields.size()));
+        set_at<uint32_t>(h, 16, static_cast<uint32_t>(payload.size()));
         f += h + fields + payload;
     };
     std::string added("\x02\0\0\0A\0", 6);
@@ -286,12 +261,12 @@ TEST_F(OniFile, OldFormatUsesShortHeadersAndHasNoSeekTable) {
     rec(13, added, "");
     rec(8, std::string("\x02\0\0\0", 4) + std::string(8, '\0'), "");
     std::string nd(12, '\0');
-    _set<uint32_t>(nd, 8, 1);
+    set_at<uint32_t>(nd, 8, 1);
     rec(10, nd, std::string("\x01\x00\x02\x00", 4));
-    _set<uint32_t>(nd, 8, 2);
+    set_at<uint32_t>(nd, 8, 2);
     rec(10, nd, std::string("\x03\x00\x04\x00", 4));
     rec(11, "", "");
-    _write(path_, f);
+    write_text(path_, f);
 
     auto r = oni::reader::open(path_.c_str(), nullptr, nullptr);
     ASSERT_TRUE(r);
@@ -310,78 +285,59 @@ TEST_F(OniFile, OldFormatUsesShortHeadersAndHasNoSeekTable) {
     EXPECT_EQ(r->last().frame_no, 1u);
 }
 
+// One field of a small recording overwritten (size 0: the file cut there instead), the message
+// the reader logs, and whether it still opens the file.
 struct damage {
     const char *what;
-    void (*apply)(std::string &f, const std::vector<size_t> &recs);
+    int rec;  // record the offset counts from (-1: the file start)
+    size_t at;
+    uint64_t value;
+    size_t size;
     const char *message;
+    bool opens = false;
 };
 
+// Record 0 adds node 1, record 1 is its first property; the node's name (6 bytes with its size)
+// starts at 28, its seek table offset at 66.
 const damage k_damages[] = {
-    {"file magic", [](std::string &f, const std::vector<size_t> &) { f[0] = 'X'; },
-     "wrong oni file: id="},
-    {"short header", [](std::string &f, const std::vector<size_t> &) { f.resize(20); },
-     "parse file header failed: fpos=20"},
-    {"node count", [](std::string &f, const std::vector<size_t> &) { _set<uint32_t>(f, 20, 9); },
-     "max node id too large: 9"},
-    {"record type 15",
-     [](std::string &f, const std::vector<size_t> &r) { _set<uint32_t>(f, r[1] + 4, 15); },
-     "unsupported record type: 0xf"},
-    {"record type 2",
-     [](std::string &f, const std::vector<size_t> &r) { _set<uint32_t>(f, r[1] + 4, 2); },
-     "rec type not support: 0x2"},
-    {"huge fields",
-     [](std::string &f, const std::vector<size_t> &r) {
-         _set<uint32_t>(f, r[1] + 12, 0x7FFFFFF0u);
-     },
-     "No more space in rdbuf"},
-    {"huge payload",
-     [](std::string &f, const std::vector<size_t> &r) {
-         _set<uint32_t>(f, r[1] + 16, 0xFFFFFFFFu);
-     },
-     "No more space in rdbuf"},
-    {"fields below header",
-     [](std::string &f, const std::vector<size_t> &r) { _set<uint32_t>(f, r[1] + 12, 4); },
-     "parse record failed: type=0x3"},
-    {"name size",
-     [](std::string &f, const std::vector<size_t> &r) { _set<uint32_t>(f, r[0] + 28, 1000); },
-     "wrong string (size outrange): nsize=1000"},
-    {"name not terminated",
-     [](std::string &f, const std::vector<size_t> &r) { f[r[0] + 28 + 4 + 5] = 'X'; },
-     "wrong string (not terminated): nsize=6"},
-    {"seek table outside",
-     [](std::string &f, const std::vector<size_t> &r) {
-         _set<uint64_t>(f, r[0] + 28 + 10 + 28, uint64_t{1} << 40);
-     },
-     "expect RECORD_SEEK_TABLE but get 0x0"},
-    {"seek table at a property",
-     [](std::string &f, const std::vector<size_t> &r) {
-         _set<uint64_t>(f, r[0] + 28 + 10 + 28, r[1]);
-     },
-     "expect RECORD_SEEK_TABLE but get 0x3"},
-    {"seek table short",
-     [](std::string &f, const std::vector<size_t> &r) {
-         _set<uint32_t>(f, r[0] + 28 + 10 + 8, 500);
-     },
-     "parse record failed: type=0xe"},
+    {"file magic", -1, 0, 'X', 1, "wrong oni file: id="},
+    {"short header", -1, 20, 0, 0, "parse file header failed: fpos=20"},
+    {"node count", -1, 20, 9, 4, "max node id too large: 9"},
+    {"record type 15", 1, 4, 15, 4, "unsupported record type: 0xf"},
+    {"record type 2", 1, 4, 2, 4, "rec type not support: 0x2"},
+    {"huge fields", 1, 12, 0x7FFFFFF0u, 4, "No more space in rdbuf"},
+    {"huge payload", 1, 16, 0xFFFFFFFFu, 4, "No more space in rdbuf"},
+    {"fields below header", 1, 12, 4, 4, "parse record failed: type=0x3"},
+    {"name size", 0, 28, 1000, 4, "wrong string (size outrange): nsize=1000"},
+    {"name not terminated", 0, 28 + 4 + 5, 'X', 1, "wrong string (not terminated): nsize=6", true},
+    {"seek table outside", 0, 66, uint64_t{1} << 40, 8, "expect RECORD_SEEK_TABLE but get 0x0"},
+    {"seek table short", 0, 46, 500, 4, "parse record failed: type=0xe"},
 };
 
 TEST_F(OniFile, DamagedFilesAreRefusedWithTheirMessage) {
     ASSERT_TRUE(write_depth_file(path_, oni::k_codec_16zt, 4, 3, 3));
     const std::string good = read_file(path_);
-    const auto recs = _records(good);
-    for (const damage &d : k_damages) {
-        SCOPED_TRACE(d.what);
-        std::string f = good;
-        d.apply(f, recs);
-        _write(path_, f);
+    const auto recs = record_offsets(good);
+    auto refused = [&](const std::string &f, const char *message, bool opens) {
+        write_text(path_, f);
         log_.clear();
         auto r = oni::reader::open(path_.c_str(), nullptr, nullptr);
         if (r) _walk(*r);
-        EXPECT_TRUE(log_.has(d.message)) << log_.text();
-        if (std::string(d.what) != "name not terminated") {
-            EXPECT_FALSE(r);
-        }
+        EXPECT_TRUE(log_.has(message)) << log_.text();
+        EXPECT_EQ(bool(r), opens);
+    };
+    for (const damage &d : k_damages) {
+        SCOPED_TRACE(d.what);
+        std::string f = good;
+        const size_t at = (d.rec < 0 ? 0 : recs[d.rec]) + d.at;
+        if (d.size == 0) f.resize(at);
+        std::memcpy(f.data() + at, &d.value, d.size);
+        refused(f, d.message, d.opens);
     }
+    // A seek table offset that names a property record.
+    std::string f = good;
+    set_at<uint64_t>(f, recs[0] + 66, recs[1]);
+    refused(f, "expect RECORD_SEEK_TABLE but get 0x3", false);
     EXPECT_FALSE(oni::reader::open(dir_.file("missing.oni").c_str(), nullptr, nullptr));
     EXPECT_TRUE(log_.has("open file failed: "));
 }
@@ -389,9 +345,9 @@ TEST_F(OniFile, DamagedFilesAreRefusedWithTheirMessage) {
 TEST_F(OniFile, GarbageBetweenRecordsIsSkipped) {
     ASSERT_TRUE(write_depth_file(path_, oni::k_codec_none, 4, 3, 2));
     std::string f = read_file(path_);
-    const auto recs = _records(f);
+    const auto recs = record_offsets(f);
     f.insert(recs[1], 300, '\x55');  // moves later offsets; the seek table is not used here
-    _write(path_, f);
+    write_text(path_, f);
     log_.clear();
     auto r = oni::reader::open(path_.c_str(), nullptr, nullptr);
     EXPECT_TRUE(log_.has("ONI: unknown")) << log_.text();
@@ -401,7 +357,7 @@ TEST_F(OniFile, GarbageBetweenRecordsIsSkipped) {
 TEST_F(OniFile, TruncatedFilesNeverCrash) {
     ASSERT_TRUE(write_depth_file(path_, oni::k_codec_16zt, 5, 4, 4));
     const std::string good = read_file(path_);
-    const auto recs = _records(good);
+    const auto recs = record_offsets(good);
     std::vector<size_t> cuts;
     for (size_t i = 0; i < recs.size(); ++i) {
         cuts.push_back(recs[i]);
@@ -414,7 +370,7 @@ TEST_F(OniFile, TruncatedFilesNeverCrash) {
     const std::string cut_path = dir_.file("cut.oni");
     for (size_t cut : cuts) {
         SCOPED_TRACE(cut);
-        _write(cut_path, good.substr(0, cut));
+        write_text(cut_path, good.substr(0, cut));
         auto r = oni::reader::open(cut_path.c_str(), nullptr, nullptr);
         // The seek table sits near the end, so a file cut before End loses it. Fewer than four
         // bytes after the file header hold no record at all.
@@ -428,12 +384,12 @@ TEST_F(OniFile, TruncatedFilesNeverCrash) {
     }
     // A file whose records are intact up to a cut data record reads up to the cut.
     std::string f = good;
-    _set<uint64_t>(f, recs[0] + 28 + 10 + 28, 0);  // no seek table
+    set_at<uint64_t>(f, recs[0] + 28 + 10 + 28, 0);  // no seek table
     std::vector<size_t> data;
     for (size_t at : recs)
-        if (_get<uint32_t>(f, at + 4) == 10) data.push_back(at);
+        if (get_at<uint32_t>(f, at + 4) == 10) data.push_back(at);
     ASSERT_EQ(data.size(), 4u);
-    _write(cut_path, f.substr(0, data[2] + 30));
+    write_text(cut_path, f.substr(0, data[2] + 30));
     auto r = oni::reader::open(cut_path.c_str(), nullptr, nullptr);
     ASSERT_TRUE(r);
     int frames = 0, t;

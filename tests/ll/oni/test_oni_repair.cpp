@@ -2,7 +2,6 @@
 // byte, gives back every whole frame and property, and a repaired file equals the one the writer
 // would have finished.
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -15,16 +14,13 @@
 namespace oni = tevix::oni;
 using tevix::test::depth_frame;
 using tevix::test::read_file;
+using tevix::test::record_offsets;
 using tevix::test::temp_dir;
+using tevix::test::write_text;
 
 namespace {
 
 constexpr uint32_t k_w = 6, k_h = 4, k_frames = 5;
-
-void _write(const std::string &path, const std::string &bytes) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc)
-        .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
 
 // Everything a reader sees of a recording, in file order.
 struct contents {
@@ -88,19 +84,6 @@ class OniRepair : public ::testing::Test {
         ASSERT_EQ(want_.frames[2].size(), k_frames);
     }
 
-    // Start of every record of the unfinished file.
-    std::vector<size_t> records() const {
-        std::vector<size_t> at;
-        for (size_t p = 24; p + 28 <= unfinished_.size();) {
-            at.push_back(p);
-            uint32_t f, n;
-            std::memcpy(&f, unfinished_.data() + p + 12, 4);
-            std::memcpy(&n, unfinished_.data() + p + 16, 4);
-            p += f + n;
-        }
-        return at;
-    }
-
     tevix::test::log_capture log_;
     temp_dir dir_;
     std::string path_, unfinished_, finished_;
@@ -109,7 +92,7 @@ class OniRepair : public ::testing::Test {
 
 TEST_F(OniRepair, UnfinishedFileIsRefusedByTheReaderAndRepairsToTheFinishedFile) {
     const std::string in = dir_.file("crashed.oni"), out = dir_.file("repaired.oni");
-    _write(in, unfinished_);
+    write_text(in, unfinished_);
     EXPECT_FALSE(oni::reader::open(in.c_str(), nullptr, nullptr));
     oni::scan_result found;
     EXPECT_EQ(oni::repair(in.c_str(), out.c_str(), &found), 2 * k_frames);
@@ -129,12 +112,12 @@ TEST_F(OniRepair, UnfinishedFileIsRefusedByTheReaderAndRepairsToTheFinishedFile)
 }
 
 TEST_F(OniRepair, FileCutAnywhereKeepsEveryWholeFrameAndProperty) {
-    const auto recs = records();
+    const auto recs = record_offsets(unfinished_);
     const std::string in = dir_.file("cut.oni"), out = dir_.file("out.oni");
     // Whole records before each cut, and what they hold.
     for (size_t cut = 0; cut <= unfinished_.size(); ++cut) {
         SCOPED_TRACE(cut);
-        _write(in, unfinished_.substr(0, cut));
+        write_text(in, unfinished_.substr(0, cut));
         const int64_t got = oni::repair(in.c_str(), out.c_str());
         size_t whole = 0;
         while (whole < recs.size() &&
@@ -172,13 +155,13 @@ TEST_F(OniRepair, FileCutAnywhereKeepsEveryWholeFrameAndProperty) {
 }
 
 TEST_F(OniRepair, DamageStopsTheScanAndBadInputIsRefused) {
-    const auto recs = records();
+    const auto recs = record_offsets(unfinished_);
     const std::string in = dir_.file("bad.oni"), out = dir_.file("out.oni");
     // A record whose magic is gone: everything before it is kept, nothing after.
     std::string f = unfinished_;
     const size_t hit = recs[recs.size() - 4];
     f[hit] = 'X';
-    _write(in, f);
+    write_text(in, f);
     oni::scan_result found;
     const int64_t got = oni::repair(in.c_str(), out.c_str(), &found);
     EXPECT_EQ(found.valid_end, hit);
@@ -203,22 +186,22 @@ TEST_F(OniRepair, DamageStopsTheScanAndBadInputIsRefused) {
         SCOPED_TRACE(b.stop);
         std::string g = unfinished_;
         std::memcpy(g.data() + b.pos, &b.value, 4);
-        _write(in, g);
+        write_text(in, g);
         EXPECT_EQ(oni::repair(in.c_str(), out.c_str(), &found), -1);
         EXPECT_EQ(found.stop, b.stop);
     }
-    _write(in, "NI10");
+    write_text(in, "NI10");
     EXPECT_EQ(oni::repair(in.c_str(), out.c_str(), &found), -1);
-    _write(in, std::string(64, 'x'));
+    write_text(in, std::string(64, 'x'));
     EXPECT_EQ(oni::repair(in.c_str(), out.c_str(), &found), -1);
     EXPECT_EQ(found.stop, "not an ONI recording");
     std::string old = unfinished_;
     old[4] = 1, old[5] = old[6] = old[7] = 0;
-    _write(in, old);
+    write_text(in, old);
     EXPECT_EQ(oni::repair(in.c_str(), out.c_str(), &found), -1);
     EXPECT_EQ(tevix_oni_repair(dir_.file("absent.oni").c_str(), out.c_str()), -1);
     EXPECT_EQ(tevix_oni_repair(nullptr, out.c_str()), -1);
-    _write(in, unfinished_);
+    write_text(in, unfinished_);
     EXPECT_EQ(tevix_oni_repair(in.c_str(), dir_.file("no/such/dir.oni").c_str()), -1);
 }
 
