@@ -32,13 +32,8 @@ namespace fs = std::filesystem;
 using tevix::emu::firmware;
 
 using calib_env = tevix::test::vcam_env;
-tevix::emu::camera_config _as_fast_as_taken() {
-    tevix::emu::camera_config cfg;
-    cfg.fps = 0;
-    return cfg;
-}
-::testing::Environment *const g_env =
-    ::testing::AddGlobalTestEnvironment(new calib_env(_as_fast_as_taken(), true, "CALIB_LOG"));
+::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(
+    new calib_env({calib_env::scene_unit(calib_env::at_fps(0))}, "CALIB_LOG"));
 
 // A calibration block for 20 MHz adding lut_mm to every distance (layout in epc_calib.h).
 std::vector<uint8_t> _block(int16_t lut_mm) {
@@ -94,8 +89,7 @@ class calib_dev : public ::testing::Test {
         std::vector<uint16_t> mm(320 * 240);
         tevix_frame_info_t info{};
         int got = 0;
-        for (int i = 0; i < 50 && got != 1; ++i)
-            got = tevix_cap_get_frames(dev, 1, raw.data(), uint32_t(raw.size()), &info);
+        for (int i = 0; i < 50 && got != 1; ++i) got = tevix::test::pull(dev, raw, &info);
         EXPECT_EQ(got, 1);
         EXPECT_GT(tevix_frame_get_dist_u16(dev, mm.data(), uint32_t(mm.size()), raw.data(),
                                            info.size, &info),
@@ -123,39 +117,32 @@ class calib_dev : public ::testing::Test {
     std::string prefix_, source_;
 };
 
-TEST_F(calib_dev, download_then_open_fetches_caches_and_mounts) {
+// The zipped download takes the same fetch, cache and mount path in the station test; here the
+// plain container, fetched into an empty cache and over an older calibration (ts 1000 against the
+// camera's 1234) of another offset.
+TEST_F(calib_dev, download_then_open_fetches_caches_and_mounts_over_an_older_file) {
     const int plain = centre_after_open();
     ASSERT_GT(plain, 0);
-    for (bool zip : {true, false}) {
-        tevix_dev_t *dev = tevix_dev_open(nullptr);
-        ASSERT_NE(dev, nullptr);
-        ASSERT_TRUE(tevix_calib_bin_data_pk_and_download_ex(dev, zip, true, source_.c_str()));
-        tevix_dev_close(dev);
-        EXPECT_TRUE(fs::is_empty(work_.path()) || !fs::exists(work_.file("tmp.zip")));
-        const std::string cache = cached();
-        fs::remove(cache);
-        EXPECT_NEAR(centre_after_open(), plain + 150, 1) << "zip " << zip;
-        // The device's copy now sits in the cache, byte for byte the factory file.
-        EXPECT_TRUE(tevix::test::read_file(cache) == tevix::test::read_file(source_)) << zip;
-        EXPECT_FALSE(fs::exists(prefix_ + "calibration.bin"));
-        EXPECT_FALSE(fs::exists(work_.file("tmp.zip")));
-    }
-}
-
-TEST_F(calib_dev, older_local_file_is_replaced_before_mounting) {
-    const int plain = centre_after_open();
     tevix_dev_t *dev = tevix_dev_open(nullptr);
     ASSERT_NE(dev, nullptr);
     ASSERT_TRUE(tevix_calib_bin_data_pk_and_download_ex(dev, false, true, source_.c_str()));
     tevix_dev_close(dev);
-    // The cache holds an older calibration (ts 1000 against the camera's 1234) of another offset.
+    const std::string cache = cached();
     tevix::calib::param_container old;
     old.ts = 1000;
     old.blocks = {{1, _block(-400)}};
-    const std::string cache = cached();
-    ASSERT_TRUE(tevix::calib::param_container_write(cache, old));
-    EXPECT_NEAR(centre_after_open(), plain + 150, 1);
-    EXPECT_TRUE(tevix::test::read_file(cache) == tevix::test::read_file(source_));
+    for (bool older : {false, true}) {
+        if (older) {
+            ASSERT_TRUE(tevix::calib::param_container_write(cache, old));
+        } else {
+            fs::remove(cache);
+        }
+        EXPECT_NEAR(centre_after_open(), plain + 150, 1) << "older " << older;
+        // The device's copy now sits in the cache, byte for byte the factory file.
+        EXPECT_TRUE(tevix::test::read_file(cache) == tevix::test::read_file(source_)) << older;
+    }
+    EXPECT_FALSE(fs::exists(prefix_ + "calibration.bin"));
+    EXPECT_FALSE(fs::exists(work_.file("tmp.zip")));
 }
 
 TEST_F(calib_dev, damaged_uploads_leave_no_container_and_the_defaults) {
@@ -271,19 +258,17 @@ TEST_F(calib_dev, refusals_and_packing_edges) {
     EXPECT_EQ(calib_env::cam()->stats().frames, 0u);
     tevix_dev_close(dev);
 
-    // 153582 bytes pack into exactly one upload frame, no padding.
+    // 153582 bytes pack into exactly one upload frame, no padding; one byte more pads to two
+    // frames with 0x01.
     const std::string exact = work_.file("exact.bin"), packed = work_.file("packed.bin");
-    tevix::calib::write_file(exact, std::vector<uint8_t>(153582, 0x42));
-    ASSERT_TRUE(
-        tevix::calib::_tevix_param_encode_construct(exact.c_str(), packed.c_str(), 7, false));
-    EXPECT_EQ(fs::file_size(packed), 153600u);
-    // One byte more pads to two frames with 0x01.
-    tevix::calib::write_file(exact, std::vector<uint8_t>(153583, 0x42));
-    ASSERT_TRUE(
-        tevix::calib::_tevix_param_encode_construct(exact.c_str(), packed.c_str(), 7, false));
-    const std::string bytes = tevix::test::read_file(packed);
-    ASSERT_EQ(bytes.size(), 307200u);
-    EXPECT_EQ(bytes.back(), '\x01');
+    for (const auto &[size, frames] : {std::pair{153582u, 1u}, std::pair{153583u, 2u}}) {
+        tevix::calib::write_file(exact, std::vector<uint8_t>(size, 0x42));
+        ASSERT_TRUE(
+            tevix::calib::_tevix_param_encode_construct(exact.c_str(), packed.c_str(), 7, false));
+        const std::string bytes = tevix::test::read_file(packed);
+        ASSERT_EQ(bytes.size(), 153600u * frames) << size;
+        EXPECT_EQ(bytes.back(), frames == 1 ? '\x42' : '\x01') << size;
+    }
 
     // Two packers zipping in one working directory take turns on "tmp.zip": both results hold
     // their own container, and no "tmp.zip" is left.

@@ -32,11 +32,6 @@ constexpr uint32_t k_w = 320, k_h = 240, k_n = k_w * k_h;
 constexpr uint32_t k_freqs[] = {12000000, 20000000};
 constexpr int16_t k_cal_cb = 350, k_cal_ib = 420;  // the virtual camera's own temperatures
 
-tevix::emu::camera_config _camera() {
-    tevix::emu::camera_config cfg;
-    cfg.fps = 0;  // as fast as the host takes frames
-    return cfg;
-}
 tevix::emu::scene_config _unit() {
     tevix::emu::scene_config sc;
     sc.unit_errors = true;
@@ -44,8 +39,8 @@ tevix::emu::scene_config _unit() {
     sc.unit_seed = cam.uid[0] ^ cam.uid[1] ^ cam.uid[2];  // as tevix-vcam draws it
     return sc;
 }
-::testing::Environment *const g_env =
-    ::testing::AddGlobalTestEnvironment(new station_env(_camera(), true, "STATION_LOG", _unit()));
+::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(
+    new station_env({station_env::scene_unit(station_env::at_fps(0), _unit())}, "STATION_LOG"));
 
 // The scene control of the virtual camera (parameter 224), set over USB.
 bool _scene(tevix_dev_t *dev, uint32_t target_mm, int16_t tcb, int16_t tib, bool noise) {
@@ -56,14 +51,6 @@ bool _scene(tevix_dev_t *dev, uint32_t target_mm, int16_t tcb, int16_t tib, bool
     std::memcpy(it.value.u8 + 4, &tcb, 2);
     std::memcpy(it.value.u8 + 6, &tib, 2);
     it.value.u8[8] = noise ? tevix::emu::k_scene_noise : 0;
-    return tevix_param_batch_set(dev, &it, 1) == 1;
-}
-
-bool _freq(tevix_dev_t *dev, uint32_t f) {
-    tevix_param_item_t it{};
-    it.id = TEVIX_PARAM_MOD_FREQ;
-    it.len = 4;
-    it.value.u32[0] = f;
     return tevix_param_batch_set(dev, &it, 1) == 1;
 }
 
@@ -111,7 +98,7 @@ errors _measure(tevix_dev_t *dev, uint32_t frames) {
     const auto &truth = station_env::scene()->truth_mm();
     for (int tries = 0; got < frames && tries < int(frames) * 3 + 20; ++tries) {
         tevix_frame_info_t info{};
-        if (tevix_cap_get_frames(dev, 1, buf.data(), uint32_t(buf.size()), &info) != 1) continue;
+        if (tevix::test::pull(dev, buf, &info) != 1) continue;
         if (++seen <= 2) continue;  // frames made before the scene changed
         if (tevix_frame_get_dist_raw(dev, a.data(), k_n, buf.data(), info.size, &info) <= 0 ||
             tevix_frame_get_dist_u16(dev, b.data(), k_n, buf.data(), info.size, &info) <= 0)
@@ -228,7 +215,7 @@ TEST(calib_station, calibrate_download_fetch_and_measure) {
     std::printf(
         "| frequency | frames | uncalibrated mean / p95 (mm) | calibrated mean / p95 (mm) |\n");
     for (uint32_t f : k_freqs) {
-        ASSERT_TRUE(_freq(dev, f));
+        ASSERT_TRUE(tevix::test::set_u32(dev, TEVIX_PARAM_MOD_FREQ, f));
         for (bool noise : {false, true}) {
             ASSERT_TRUE(_scene(dev, 0, k_cal_cb, k_cal_ib, noise));
             const errors e = _measure(dev, noise ? 50 : 3);

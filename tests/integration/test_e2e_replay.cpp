@@ -28,13 +28,8 @@ using tevix::test::cap_errors;
 using tevix::test::pull;
 using tevix::test::vcam_env;
 
-tevix::emu::camera_config _at_60_fps() {
-    tevix::emu::camera_config cfg;
-    cfg.fps = 60;
-    return cfg;
-}
 ::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(
-    new vcam_env({vcam_env::scene_unit(_at_60_fps())}, "E2E_LOG"));
+    new vcam_env({vcam_env::scene_unit(vcam_env::at_fps(60))}, "E2E_LOG"));
 
 // What the live capture delivered, frame by frame.
 struct captured {

@@ -28,13 +28,8 @@ using tevix::test::vcam_env;
 constexpr uint32_t k_freq = 20000000;
 constexpr uint32_t k_w = 320, k_h = 240;
 
-tevix::emu::camera_config _at_60_fps() {
-    tevix::emu::camera_config cfg;
-    cfg.fps = 60;
-    return cfg;
-}
 ::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(
-    new vcam_env({vcam_env::scene_unit(_at_60_fps())}, "E2E_LOG"));
+    new vcam_env({vcam_env::scene_unit(vcam_env::at_fps(60))}, "E2E_LOG"));
 
 class e2e : public ::testing::Test {
   protected:

@@ -25,6 +25,12 @@ class vcam_env : public ::testing::Environment {
         tevix::emu::camera_config cfg;
         std::function<std::unique_ptr<tevix::emu::frame_source>()> source;
     };
+    // The default camera at fps frames a second (0: as fast as the host takes them).
+    static tevix::emu::camera_config at_fps(uint32_t fps) {
+        tevix::emu::camera_config cfg;
+        cfg.fps = fps;
+        return cfg;
+    }
     // A camera streaming the EPC scene renderer (format 2) of scene_cfg.
     static unit scene_unit(tevix::emu::camera_config cfg, tevix::emu::scene_config scene_cfg = {}) {
         return {cfg,
