@@ -245,10 +245,8 @@ TEST_F(log_file, memstr_stops_at_a_non_printable_byte) {
     std::string expected = std::string(addr) + " \"ab...\"(len=4)";
     EXPECT_EQ(read_file(path_), expected);
 
-    std::filesystem::resize_file(path_, 0);
-    vx_log_reload(&ctx_, 1);
+    vx_log_reload(&ctx_, 1);  // truncates
     vx_log_memstr(&ctx_, VX_LOG_ERR, "abc", 3, 128, 0);
-    std::snprintf(addr, sizeof addr, "%p", static_cast<const void *>("abc"));
     std::string whole = read_file(path_);
     EXPECT_EQ(whole.substr(whole.find(' ')), " \"abc\"");
 }

@@ -200,7 +200,6 @@ TEST_F(OniRepair, DamageStopsTheScanAndBadInputIsRefused) {
     write_text(in, old);
     EXPECT_EQ(oni::repair(in.c_str(), out.c_str(), &found), -1);
     EXPECT_EQ(tevix_oni_repair(dir_.file("absent.oni").c_str(), out.c_str()), -1);
-    EXPECT_EQ(tevix_oni_repair(nullptr, out.c_str()), -1);
     write_text(in, unfinished_);
     EXPECT_EQ(tevix_oni_repair(in.c_str(), dir_.file("no/such/dir.oni").c_str()), -1);
 }
