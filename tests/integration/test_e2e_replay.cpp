@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -42,17 +43,11 @@ struct captured {
 class e2e_replay : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        dir_ = new tevix::test::temp_dir();
+        dir_ = std::make_unique<tevix::test::temp_dir>();
         path_ = dir_->file("capture.oni");
-        live_ = new std::vector<captured>();
-        rec_ts_ = new std::vector<uint64_t>();
         record();
     }
-    static void TearDownTestSuite() {
-        delete live_;
-        delete rec_ts_;
-        delete dir_;
-    }
+    static void TearDownTestSuite() { dir_.reset(); }
 
     static void record() {
         tevix_dev_t list[4] = {};
@@ -77,20 +72,20 @@ class e2e_replay : public ::testing::Test {
             ASSERT_EQ(tevix_frame_get_dist_u16(dev, c.dist.data(), k_n, c.raw.data(), c.info.size,
                                                &c.info),
                       static_cast<int>(k_n));
-            live_->push_back(std::move(c));
+            live_.push_back(std::move(c));
         }
         ASSERT_EQ(tevix_cap_stop(dev), 1);
         tevix_dev_close(dev);
         auto rd = tevix::oni::reader::open(path_.c_str(), nullptr, nullptr);
         ASSERT_NE(rd, nullptr);
         const uint32_t node = rd->find_node("VX_REPLAY");
-        while (node && rd->read_frame(node) == 1) rec_ts_->push_back(rd->last().timestamp);
-        ASSERT_EQ(rec_ts_->size(), k_frames);
+        while (node && rd->read_frame(node) == 1) rec_ts_.push_back(rd->last().timestamp);
+        ASSERT_EQ(rec_ts_.size(), k_frames);
     }
 
     void SetUp() override {
-        ASSERT_EQ(live_->size(), k_frames) << "the recording failed";
-        ASSERT_EQ(rec_ts_->size(), k_frames);
+        ASSERT_EQ(live_.size(), k_frames) << "the recording failed";
+        ASSERT_EQ(rec_ts_.size(), k_frames);
         cap_errors::reset();
     }
 
@@ -119,7 +114,7 @@ class e2e_replay : public ::testing::Test {
     // (from 1) as index, the recorded time of day, the frame's size and geometry.
     void expect_frame(tevix_dev_t *dev, uint32_t k) {
         SCOPED_TRACE("recorded frame " + std::to_string(k + 1));
-        const captured &want = (*live_)[k];
+        const captured &want = live_[k];
         std::vector<uint8_t> buf(8u << 20);
         tevix_frame_info_t info{};
         const int n = pull(dev, buf, &info);
@@ -132,7 +127,7 @@ class e2e_replay : public ::testing::Test {
         EXPECT_EQ(info.height, want.info.height);
         EXPECT_EQ(info.depth, want.info.depth);
         EXPECT_EQ(info.temperature, want.info.temperature);
-        const uint64_t ts = (*rec_ts_)[k];
+        const uint64_t ts = rec_ts_[k];
         EXPECT_EQ(info.ts_sec % 86400, ts / 1000000 % 86400);
         EXPECT_EQ(info.ts_usec, ts % 1000000 / 64 * 64);
         std::vector<uint16_t> dist(k_n);
@@ -141,10 +136,10 @@ class e2e_replay : public ::testing::Test {
         EXPECT_TRUE(dist == want.dist) << "distance image differs";
     }
 
-    static inline tevix::test::temp_dir *dir_ = nullptr;
+    static inline std::unique_ptr<tevix::test::temp_dir> dir_;
     static inline std::string path_;
-    static inline std::vector<captured> *live_ = nullptr;
-    static inline std::vector<uint64_t> *rec_ts_ = nullptr;  // recorded timestamps, microseconds
+    static inline std::vector<captured> live_;
+    static inline std::vector<uint64_t> rec_ts_;  // recorded timestamps, microseconds
 };
 
 }  // namespace
@@ -152,8 +147,7 @@ class e2e_replay : public ::testing::Test {
 TEST_F(e2e_replay, recording_holds_every_distance_image) {
     // The camera numbers its frames itself: one after another, whatever the pulls kept.
     for (uint32_t k = 1; k < k_frames; ++k)
-        EXPECT_GT(static_cast<uint16_t>((*live_)[k].info.index - (*live_)[k - 1].info.index), 0)
-            << k;
+        EXPECT_GT(static_cast<uint16_t>(live_[k].info.index - live_[k - 1].info.index), 0) << k;
 
     // The raw frames are checked through the replay; the distance images only here.
     auto rd = tevix::oni::reader::open(path_.c_str(), nullptr, nullptr);
@@ -165,7 +159,7 @@ TEST_F(e2e_replay, recording_holds_every_distance_image) {
     for (uint32_t k = 0; k < k_frames; ++k) {
         ASSERT_EQ(rd->read_frame(dist), 1);
         ASSERT_EQ(rd->decode_frame(dist, rd->last().payload, px), static_cast<int64_t>(k_n));
-        EXPECT_TRUE(px == (*live_)[k].dist) << "distance frame " << k;
+        EXPECT_TRUE(px == live_[k].dist) << "distance frame " << k;
     }
 }
 
@@ -217,11 +211,11 @@ TEST_F(e2e_replay, tool_saves_recorded_frames_into_frame_files) {
 
     const std::string file = tevix::test::read_file(raw);
     const std::string header =
-        "VX_RAW,U16,320,240,4,format" + std::to_string((*live_)[0].info.format) + "\n";
+        "VX_RAW,U16,320,240,4,format" + std::to_string(live_[0].info.format) + "\n";
     ASSERT_EQ(file.substr(0, header.size()), header);
-    ASSERT_EQ(file.size(), header.size() + 5 * size_t{(*live_)[0].info.size});
+    ASSERT_EQ(file.size(), header.size() + 5 * size_t{live_[0].info.size});
     for (size_t k = 0; k < 5; ++k) {
-        const std::vector<uint8_t> &want = (*live_)[k].raw;
+        const std::vector<uint8_t> &want = live_[k].raw;
         EXPECT_EQ(
             std::memcmp(file.data() + header.size() + k * want.size(), want.data(), want.size()), 0)
             << "raw frame " << k;
@@ -232,7 +226,7 @@ TEST_F(e2e_replay, tool_saves_recorded_frames_into_frame_files) {
         ASSERT_EQ(tevix_frame_load_distance(fd, metres.data(), k_n, nullptr, nullptr), int(k_n));
         size_t differ = 0;
         for (uint32_t i = 0; i < k_n; ++i) {
-            const uint16_t live = (*live_)[k].dist[i];
+            const uint16_t live = live_[k].dist[i];
             if (live != 0 && live < 65500 && std::lround(metres[i] * 1000.0f) != live) ++differ;
         }
         EXPECT_EQ(differ, 0u) << "distance frame " << k;

@@ -69,26 +69,14 @@ TEST_F(e2e, list_open_identity_and_parameters) {
     char uri[64];
     EXPECT_STREQ(tevix_dev_get_uri(dev, uri, sizeof uri), "usb://001:002:002");
 
-    // Accepted sets are mirrored: id 1 sets both frequencies, id 21 stores both.
-    tevix_session *s = dev->session;
-    EXPECT_EQ(s->mod_freq[0], k_freq);
-    EXPECT_EQ(s->mod_freq[1], k_freq);
+    // The camera keeps what was set (the session's mirror of accepted and refused sets is
+    // checked against a fake transport).
     ASSERT_TRUE(set_u32(dev, TEVIX_PARAM_DUAL_FREQ, 20000000, 40000000, 8));
-    EXPECT_EQ(s->mod_freq[1], 40000000u);
     tevix_param_item_t get = tevix::test::u32_item(TEVIX_PARAM_DUAL_FREQ, 0, 0, 0);
     ASSERT_NE(tevix_param_batch_get(dev, &get, 1), 0);
     uint32_t kept = 0;  // the item is packed: read its words by copy
     std::memcpy(&kept, get.value.u8 + 4, 4);
-    EXPECT_EQ(kept, 40000000u);  // the camera kept it too
-
-    // A set the camera refuses changes nothing.
-    vcam_env::cam()->with_firmware([](tevix::emu::firmware &fw) {
-        fw.fail_next("refused by test");
-        return 0;
-    });
-    uint32_t before = s->intg[0];
-    EXPECT_FALSE(set_u32(dev, TEVIX_PARAM_INTG1, 777, 0, 2));
-    EXPECT_EQ(s->intg[0], before);
+    EXPECT_EQ(kept, 40000000u);
     tevix_dev_close(dev);
 
     // By URI with bus and port only: any address on that port.

@@ -16,7 +16,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -26,6 +25,7 @@
 #include "stream/stream_internal.h"
 #include "tevix/tevix.h"
 #include "vcam.h"
+#include "vcam_env.h"
 
 namespace {
 
@@ -62,15 +62,13 @@ double _heap_mib() {
     return static_cast<double>(mi.uordblks + mi.hblkhd) / 1048576.0;
 }
 
+using tevix::test::vcam_env;
+::testing::Environment *const g_env =
+    ::testing::AddGlobalTestEnvironment(new vcam_env({vcam_env::scene_unit(vcam_env::at_fps(60))}));
+
 }  // namespace
 
 TEST(memory, capture_costs_little_and_stays_flat) {
-    auto tb = std::make_unique<tevix::emu::testbed>();
-    tevix::emu::camera_config cfg;
-    cfg.fps = 60;
-    tb->add(cfg, std::make_unique<tevix::emu::scene_renderer>(tevix::emu::scene_config{}, 2));
-    tevix_init("");
-    tevix_log_cfg(7, 7, 7);
     tevix::stream::set_node_alloc(_counting_alloc);
     std::vector<uint8_t> raw(8u << 20);
     std::vector<uint16_t> mm(320 * 240);
@@ -83,7 +81,7 @@ TEST(memory, capture_costs_little_and_stays_flat) {
     ASSERT_EQ(tevix_cap_start(dev), 1);
     auto pull = [&] {
         tevix_frame_info_t info{};
-        int n = tevix_cap_get_frames(dev, 1, raw.data(), static_cast<uint32_t>(raw.size()), &info);
+        const int n = tevix::test::pull(dev, raw, &info);
         if (n == 1)
             tevix_frame_get_dist_u16(dev, mm.data(), 320 * 240, raw.data(), info.size, &info);
         return n;
@@ -147,7 +145,5 @@ TEST(memory, capture_costs_little_and_stays_flat) {
     EXPECT_LT(allocs * 10, frames - settled_frames);
     tevix_cap_stop(dev);
     tevix_dev_close(dev);
-    tevix_uninit();
     tevix::stream::set_node_alloc(nullptr);
-    tb.reset();
 }
