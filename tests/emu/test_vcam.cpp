@@ -31,26 +31,8 @@ int out(firmware &fw, uint8_t req, uint16_t value, std::vector<uint8_t> data) {
     return fw.control(0x22, req, value, data);
 }
 
-TEST(emu_firmware, status_record_follows_the_last_command) {
-    firmware fw{camera_config{}};
-    std::vector<uint8_t> reg = {2, 0x10, 0, 0, 0, 4, 0, 0x78, 0x56, 0x34, 0x12};
-    EXPECT_EQ(out(fw, 0xC2, 0, reg), 11);
-    auto st = status(fw);
-    EXPECT_EQ(st[0], 0);
-    EXPECT_EQ(st[1], 0xC2);
-    EXPECT_EQ(st[2], 0);
-    EXPECT_EQ(fw.reg(2, 0x10), 0x12345678u);
-
-    fw.fail_next("flash write failed");
-    EXPECT_EQ(out(fw, 0xC0, 3, std::vector<uint8_t>(20, 0)), 20);
-    st = status(fw);
-    EXPECT_EQ(st[0], 0xFF);
-    EXPECT_EQ(st[1], 0xC0);
-    EXPECT_EQ(st[2], 3);
-    EXPECT_STREQ(reinterpret_cast<char *>(&st[3]), "flash write failed");
-    EXPECT_EQ(st[59], 0);
-}
-
+// The status record after good and failed commands, busy and wrong-command replies are checked
+// through the USB transport, which reads them from this firmware.
 TEST(emu_firmware, malformed_commands_end_in_error_state) {
     firmware fw{camera_config{}};
     std::vector<uint8_t> many(7 + 64, 0);

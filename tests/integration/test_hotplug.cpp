@@ -1,8 +1,6 @@
 // Cameras that come and go while the host runs, and several cameras at once, over the real libusb
 // against virtual cameras added to and removed from the umockdev testbed.
-#include <dirent.h>
 #include <malloc.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -10,6 +8,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -53,19 +52,22 @@ std::string _serial(const tevix::emu::camera_config &cfg) {
     return s;
 }
 
-// Events a registration received, and a wait for them.
+// Events a registration (or the polling watch) received, and a wait for them.
+template <class Event = tevix_hotplug_event_t>
 struct event_log {
     std::mutex m;
     std::condition_variable cv;
-    std::vector<tevix_hotplug_event_t> events;
+    std::vector<Event> events;
     std::thread::id caller;
 
     static void on(const tevix_hotplug_event_t *ev, void *user) {
-        auto *log = static_cast<event_log *>(user);
-        std::lock_guard lk(log->m);
-        log->events.push_back(*ev);
-        log->caller = std::this_thread::get_id();
-        log->cv.notify_all();
+        static_cast<event_log *>(user)->push(*ev);
+    }
+    void push(const Event &ev) {
+        std::lock_guard lk(m);
+        events.push_back(ev);
+        caller = std::this_thread::get_id();
+        cv.notify_all();
     }
     bool wait(size_t n, double seconds = 10.0) {
         std::unique_lock lk(m);
@@ -76,7 +78,7 @@ struct event_log {
         std::lock_guard lk(m);
         return events.size();
     }
-    tevix_hotplug_event_t at(size_t i) {
+    Event at(size_t i) {
         std::lock_guard lk(m);
         return events.at(i);
     }
@@ -85,15 +87,9 @@ struct event_log {
 // What each open descriptor points at.
 std::vector<std::string> _fd_targets() {
     std::vector<std::string> out;
-    if (DIR *d = opendir("/proc/self/fd")) {
-        while (dirent *e = readdir(d)) {
-            if (e->d_name[0] == '.') continue;
-            char buf[256] = {};
-            const std::string p = std::string("/proc/self/fd/") + e->d_name;
-            if (readlink(p.c_str(), buf, sizeof buf - 1) > 0) out.push_back(buf);
-        }
-        closedir(d);
-    }
+    std::error_code ec;
+    for (const auto &e : std::filesystem::directory_iterator("/proc/self/fd", ec))
+        out.push_back(std::filesystem::read_symlink(e.path(), ec).string());
     std::sort(out.begin(), out.end());
     return out;
 }
@@ -101,22 +97,19 @@ std::vector<std::string> _fd_targets() {
 // The library's own threads (named "tevix-..."); the emulator's GLib workers come and go.
 size_t _library_threads() {
     size_t n = 0;
-    if (DIR *d = opendir("/proc/self/task")) {
-        while (dirent *e = readdir(d)) {
-            if (e->d_name[0] == '.') continue;
-            std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
-            std::string name;
-            std::getline(comm, name);
-            n += name.rfind("tevix", 0) == 0;
-        }
-        closedir(d);
+    std::error_code ec;
+    for (const auto &e : std::filesystem::directory_iterator("/proc/self/task", ec)) {
+        std::ifstream comm(e.path() / "comm");
+        std::string name;
+        std::getline(comm, name);
+        n += name.rfind("tevix", 0) == 0;
     }
     return n;
 }
 
 TEST(hotplug, arrival_removal_during_capture_and_reopen_at_a_new_address) {
-    event_log log;
-    const int handle = tevix_hotplug_register(&event_log::on, &log, 1);
+    event_log<> log;
+    const int handle = tevix_hotplug_register(&event_log<>::on, &log, 1);
     ASSERT_GT(handle, 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ(log.size(), 0u);  // nothing attached yet
@@ -182,8 +175,8 @@ TEST(hotplug, arrival_removal_during_capture_and_reopen_at_a_new_address) {
     EXPECT_EQ(log.size(), 3u);  // one event each, nothing twice
 
     // A registration made now hears of the cameras present first, on the hot-plug thread.
-    event_log late;
-    const int second = tevix_hotplug_register(&event_log::on, &late, 1);
+    event_log<> late;
+    const int second = tevix_hotplug_register(&event_log<>::on, &late, 1);
     ASSERT_TRUE(late.wait(1));
     EXPECT_STREQ(late.at(0).uri, "usb://001:003:003");
     EXPECT_NE(late.caller, std::this_thread::get_id());
@@ -197,8 +190,8 @@ TEST(hotplug, fifty_plug_cycles_leave_no_threads_descriptors_or_memory) {
     tevix::emu::camera *cam = vcam_env::tb().add(_unit(2, 2, 0x20261202, "E2"));
     ASSERT_NE(cam, nullptr);
     auto cycle = [&](int cycles) {
-        event_log log;
-        const int handle = tevix_hotplug_register(&event_log::on, &log, 1);
+        event_log<> log;
+        const int handle = tevix_hotplug_register(&event_log<>::on, &log, 1);
         if (handle <= 0 || !log.wait(1)) return false;  // the cameras present
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         const size_t base = log.size();
@@ -241,39 +234,25 @@ TEST(hotplug, fifty_plug_cycles_leave_no_threads_descriptors_or_memory) {
 TEST(hotplug, polling_fallback_reports_the_same_events) {
     tevix::emu::camera *cam = vcam_env::tb().add(_unit(3, 2, 0x20261203, "E4"));
     ASSERT_NE(cam, nullptr);
-    std::mutex m;
-    std::vector<tevix::usb::plug_event> seen;
+    event_log<tevix::usb::plug_event> seen;
     tevix::usb::hotplug_watch watch;
     ASSERT_TRUE(watch.start(
         [&](const tevix::usb::plug_event &e) {
-            if (e.bus != 3) return;
-            std::lock_guard lk(m);
-            seen.push_back(e);
+            if (e.bus == 3) seen.push(e);
         },
         true));
     EXPECT_TRUE(watch.polling());
-    auto wait = [&](size_t n) {
-        for (int i = 0; i < 100; ++i) {
-            {
-                std::lock_guard lk(m);
-                if (seen.size() >= n) return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        return false;
-    };
-    ASSERT_TRUE(wait(1));
+    ASSERT_TRUE(seen.wait(1));
     cam->unplug();
-    ASSERT_TRUE(wait(2));
+    ASSERT_TRUE(seen.wait(2));
     cam->replug();
-    ASSERT_TRUE(wait(3));
+    ASSERT_TRUE(seen.wait(3));
     watch.stop();
-    std::lock_guard lk(m);
     ASSERT_EQ(seen.size(), 3u);
-    EXPECT_TRUE(seen[0].arrived && seen[0].initial);
-    EXPECT_FALSE(seen[1].arrived);
-    EXPECT_TRUE(seen[2].arrived && !seen[2].initial);
-    EXPECT_EQ(seen[2].port, 2);
+    EXPECT_TRUE(seen.at(0).arrived && seen.at(0).initial);
+    EXPECT_FALSE(seen.at(1).arrived);
+    EXPECT_TRUE(seen.at(2).arrived && !seen.at(2).initial);
+    EXPECT_EQ(seen.at(2).port, 2);
 }
 
 thread_local uint32_t *t_discarded = nullptr;
