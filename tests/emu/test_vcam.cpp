@@ -177,7 +177,8 @@ stream_run _run(void (*fault)(tevix::emu::camera &), uint32_t n) {
 }
 
 // The stream faults seen through the backend and the assembler: each loses what it hits (bytes
-// skipped, the frame it cut) and the stream goes on.
+// skipped, the frame it cut) and the stream goes on. The clean stream is checked byte for byte in
+// the USB transport test.
 TEST(emu_stream, faults_lose_what_they_hit) {
     using tevix::emu::camera;
     const struct {
@@ -186,7 +187,6 @@ TEST(emu_stream, faults_lose_what_they_hit) {
         uint32_t bytes_lo, bytes_hi;  // bytes the assembler skipped
         uint16_t first;
     } rows[] = {
-        {"clean", [](camera &) {}, 0, 0, 0},
         {"garbage", [](camera &c) { c.garbage_next(1000); }, 1000, 1000, 0},
         {"a corrupted checksum", [](camera &c) { c.corrupt_cksum_next(1); }, 0, UINT32_MAX, 1},
         {"a dropped chunk", [](camera &c) { c.drop_next(1); }, 1, UINT32_MAX, 1},
@@ -197,10 +197,7 @@ TEST(emu_stream, faults_lose_what_they_hit) {
         EXPECT_GE(r.state.completed, 3u);
         EXPECT_GE(r.state.discarded_bytes, row.bytes_lo);
         EXPECT_LE(r.state.discarded_bytes, row.bytes_hi);
-        if (row.bytes_hi == 0) {
-            EXPECT_EQ(r.state.discarded, 0u);  // a clean stream drops no frame either
-        }
-        EXPECT_EQ(r.first, row.first);  // frame 0 is the one a fault hits
+        EXPECT_EQ(r.first, row.first);  // the first frame that came through whole
     }
 }
 

@@ -18,7 +18,7 @@
 
 #include "calib/calib_dev_xfer.h"
 #include "calib/calib_writer.h"
-#include "drivers/epc_test_backend.h"
+#include "drivers/drv_calib.h"
 #include "scene/scene.h"
 #include "test_util.h"
 #include "tevix/tevix.h"
@@ -35,25 +35,18 @@ using calib_env = tevix::test::vcam_env;
 ::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(
     new calib_env({calib_env::scene_unit(calib_env::at_fps(0))}, "CALIB_LOG"));
 
-// A calibration block for 20 MHz adding lut_mm to every distance (layout in epc_calib.h).
+// A calibration block for 20 MHz adding lut_mm to every distance, calibrated at the virtual
+// camera's own temperatures (board 35.0 C, sensor 42.0 C): no drift.
 std::vector<uint8_t> _block(int16_t lut_mm) {
-    std::vector<uint8_t> v(37, 0);
-    const uint32_t freq = 20000000, ts = 5;
-    const int32_t scale = 1000;
-    std::memcpy(v.data(), &freq, 4);
-    v[4] = 1;
-    std::memcpy(v.data() + 5, &ts, 4);
-    v[9] = 1;
-    std::memcpy(v.data() + 16, &scale, 4);
-    // Calibrated at the virtual camera's own temperatures (board 35.0 C, sensor 42.0 C): no drift.
-    const int16_t t_cb = 350, t_ib = 420;
-    std::memcpy(v.data() + 12, &t_cb, 2);
-    std::memcpy(v.data() + 14, &t_ib, 2);
-    v[36] = 1;
-    const std::vector<int16_t> lut(8192, lut_mm);
-    v.insert(v.end(), reinterpret_cast<const uint8_t *>(lut.data()),
-             reinterpret_cast<const uint8_t *>(lut.data() + lut.size()));
-    return v;
+    tevix::drv::calib_block b;
+    b.freq = 20000000;
+    b.ver = 1;
+    b.ts = 5;
+    b.noneed_calc_coeff = 1;
+    b.t_cb = 350;
+    b.t_ib = 420;
+    b.lut.assign(tevix::drv::k_phase_lut, lut_mm);
+    return tevix::drv::block_payload(b);
 }
 
 class calib_dev : public ::testing::Test {
