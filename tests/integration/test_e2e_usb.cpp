@@ -78,12 +78,6 @@ TEST_F(e2e, list_open_identity_and_parameters) {
     std::memcpy(&kept, get.value.u8 + 4, 4);
     EXPECT_EQ(kept, 40000000u);
     tevix_dev_close(dev);
-
-    // By URI with bus and port only: any address on that port.
-    dev = tevix_dev_open_by_uri("usb://1:2");
-    ASSERT_NE(dev, nullptr);
-    EXPECT_STREQ(dev->product, "VXCAM-E1-R1");
-    tevix_dev_close(dev);
 }
 
 // At full size, and binned through the region of interest (the camera then sends 160x120 frames

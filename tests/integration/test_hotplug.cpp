@@ -183,7 +183,6 @@ TEST(hotplug, arrival_removal_during_capture_and_reopen_at_a_new_address) {
     EXPECT_EQ(tevix_hotplug_deregister(second), 1);
     EXPECT_EQ(tevix_hotplug_deregister(second), 0);
     EXPECT_EQ(tevix_hotplug_deregister(handle), 1);
-    EXPECT_EQ(tevix_hotplug_register(nullptr, nullptr, 0), 0);
 }
 
 TEST(hotplug, fifty_plug_cycles_leave_no_threads_descriptors_or_memory) {
