@@ -176,8 +176,7 @@ TEST_F(calib_dev, damaged_uploads_leave_no_container_and_the_defaults) {
     const std::string container = tevix_get_param_absolute_name(&dev, name, sizeof name);
     const std::string bin = prefix_ + "calibration.bin";
     for (const auto &c : cases) {
-        tevix::calib::write_file(
-            bin, std::span(reinterpret_cast<const uint8_t *>(c.bytes.data()), c.bytes.size()));
+        ASSERT_TRUE(tevix::test::write_text(bin, c.bytes)) << c.what;
         tevix::test::log_capture log;
         tevix::calib::_calib_pk_parse(&dev, bin);
         EXPECT_EQ(log.count(c.line), 1) << c.what << "\n" << log.text();
