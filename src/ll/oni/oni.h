@@ -167,7 +167,9 @@ class reader {
     bool loading_seek_ = false;
     size_t hdr_size_ = 28;
     std::vector<node> nodes_;
-    std::vector<uint8_t> buf_;
+    // One record at a time, k_rdbuf_size bytes; left uninitialised: only what a record fills is
+    // read.
+    std::unique_ptr<uint8_t[]> buf_;
     record last_;
     prop_cb cb_ = nullptr;
     void *user_ = nullptr;

@@ -88,7 +88,11 @@ std::unique_ptr<reader> reader::open(const char *path, prop_cb cb, void *user) {
     r->old_ = _get<uint32_t>(h + 4) == 1;
     r->hdr_size_ = r->old_ ? 24 : 28;
     r->nodes_.resize(max_node);
-    r->buf_.resize(k_rdbuf_size);
+    r->buf_.reset(new (std::nothrow) uint8_t[k_rdbuf_size]);
+    if (!r->buf_) {
+        VX_ERR("[%s]malloc failed\n");
+        return nullptr;
+    }
     r->cb_ = cb;
     r->user_ = user;
     r->pos_ = sizeof h;
@@ -203,13 +207,13 @@ int reader::read_next() {
         return -1;
     }
     const uint64_t body = uint64_t{fields} - hdr_size_ + payload;
-    if (body > buf_.size()) {
+    if (body > k_rdbuf_size) {
         VX_ERR("[%s]No more space in rdbuf : field size = %u, buf rem = %u\n", fields,
-               static_cast<unsigned>(buf_.size()));
+               static_cast<unsigned>(k_rdbuf_size));
         return -1;
     }
     const uint64_t at = pos_;
-    if (!read_at(at + hdr_size_, buf_.data(), body, &got) || got != body) {
+    if (!read_at(at + hdr_size_, buf_.get(), body, &got) || got != body) {
         VX_ERR("[%s]parse record failed: fpos=%u\n", static_cast<unsigned>(at));
         return -1;
     }
@@ -219,7 +223,7 @@ int reader::read_next() {
     last_.node_id = node_id;
     last_.pos = at;
     if (loading_seek_) {
-        last_.payload = std::span<const uint8_t>(buf_.data() + (fields - hdr_size_), payload);
+        last_.payload = std::span<const uint8_t>(buf_.get() + (fields - hdr_size_), payload);
         return static_cast<int>(type);
     }
     if (type == static_cast<uint32_t>(rec::end)) at_end_ = true;
@@ -228,8 +232,8 @@ int reader::read_next() {
 
 int reader::parse_record(uint64_t pos, uint32_t type, uint32_t node_id, size_t fields,
                          size_t payload) {
-    cursor c{buf_.data(), fields};
-    last_.payload = std::span<const uint8_t>(buf_.data() + fields, payload);
+    cursor c{buf_.get(), fields};
+    last_.payload = std::span<const uint8_t>(buf_.get() + fields, payload);
     node *n = (node_id >= 1 && node_id <= nodes_.size()) ? &nodes_[node_id - 1] : nullptr;
     bool ok = true;
     switch (static_cast<rec>(type)) {

@@ -129,7 +129,7 @@ bool _copy_prefix(std::FILE *in, const char *out_path, uint64_t bytes) {
         VX_ERR("[%s]open file failed: %s\n", out_path);
         return false;
     }
-    std::vector<uint8_t> buf(k_copy_chunk);
+    std::vector<uint8_t> buf(static_cast<size_t>(std::min<uint64_t>(k_copy_chunk, bytes)));
     for (uint64_t at = 0; at < bytes;) {
         const size_t n = static_cast<size_t>(std::min<uint64_t>(buf.size(), bytes - at));
         if (_read_file(in, at, buf.data(), n) != n ||
