@@ -16,8 +16,18 @@
 #include "drivers/epc_test_backend.h"
 #include "test_util.h"
 #include "tevix/tevix.h"
+#include "tevix/vx_stream.h"
 
 namespace tevix::test {
+
+// Frame `index` of a scene renderer, raw.
+template <class Renderer>
+std::vector<uint8_t> render(Renderer &r, uint32_t index) {
+    std::vector<uint8_t> raw(r.frame_bytes());
+    vx_frame_desc_t desc{};
+    r.render(index, raw, desc);
+    return raw;
+}
 
 class drv_fixture : public ::testing::Test {
   protected:
@@ -40,6 +50,19 @@ class drv_fixture : public ::testing::Test {
 
     bool enable(uint32_t id, tevix_filter_arg_t arg = {}) {
         return ops()->filter_enable(drv_, id, &arg);
+    }
+    tevix_frame_info_t info_of(const std::vector<uint8_t> &raw) {
+        tevix_frame_info_t info{};
+        EXPECT_TRUE(ops()->frame_get_info(drv_, &info, raw.data()));
+        return info;
+    }
+    // Decodes into out, first filled with a value no decode gives, so that unwritten pixels show.
+    int32_t decode(const std::vector<uint8_t> &raw, uint32_t kind, std::vector<uint16_t> &out,
+                   const tevix_frame_info_t &info) {
+        const uint32_t n = info.width * info.height;
+        out.assign(n, 0xEEEE);
+        return ops()->frame_decode(drv_, reinterpret_cast<uint8_t *>(out.data()), n * 2, kind,
+                                   raw.data(), static_cast<uint32_t>(raw.size()), &info);
     }
     // The camera's value of a parameter: the last one written, or as the test set it.
     uint32_t param_u32(uint8_t id) {

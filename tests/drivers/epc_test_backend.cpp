@@ -2,12 +2,8 @@
 
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "api/session.h"
-#include "tevix/vx_log.h"
 
 namespace tevix::test {
 
@@ -64,16 +60,14 @@ int _param_get(tevix_ll_dev_t *dev, tevix_param_wire_t *items, uint32_t count) {
     return 1;
 }
 
-tevix_ll_ops _make_ops() {
+const tevix_ll_ops g_ops = [] {
     tevix_ll_ops ops{};
     ops.reg_write = _reg_write;
     ops.reg_read = _reg_read;
     ops.param_set = _param_set;
     ops.param_get = _param_get;
     return ops;
-}
-
-const tevix_ll_ops g_ops = _make_ops();
+}();
 
 }  // namespace
 
@@ -82,12 +76,6 @@ std::vector<std::array<uint8_t, 18>> fake_camera::writes_of(uint8_t id) const {
     for (const auto &w : param_writes)
         if (w.first == id) out.push_back(w.second);
     return out;
-}
-
-void fake_camera::set_u16(uint8_t id, uint16_t v) {
-    std::array<uint8_t, 18> a{};
-    std::memcpy(a.data(), &v, 2);
-    params[id] = a;
 }
 
 void fake_camera::set_u32(uint8_t id, uint32_t v) {

@@ -29,7 +29,6 @@ struct fake_camera {
 
     // Writes of one parameter id, in order.
     std::vector<std::array<uint8_t, 18>> writes_of(uint8_t id) const;
-    void set_u16(uint8_t id, uint16_t v);
     void set_u32(uint8_t id, uint32_t v);
 };
 

@@ -90,13 +90,8 @@ TEST(EpcGrey, FastSqrtBitPatterns) {
 
 // Four planes of n pixels with one pixel's samples set.
 std::vector<uint16_t> _planes(uint32_t n, uint16_t d0, uint16_t d1, uint16_t d2, uint16_t d3) {
-    std::vector<uint16_t> v(4 * n);
-    for (uint32_t i = 0; i < n; ++i) {
-        v[i] = d0;
-        v[n + i] = d1;
-        v[2 * n + i] = d2;
-        v[3 * n + i] = d3;
-    }
+    std::vector<uint16_t> v;
+    for (uint16_t d : {d0, d1, d2, d3}) v.insert(v.end(), n, d);
     return v;
 }
 
@@ -209,24 +204,7 @@ TEST(EpcTiers, EveryKernelGivesTheScalarResultsAtEveryTier) {
             if (tevix::simd::active() != l) continue;  // the machine lacks it
         }
         SCOPED_TRACE(static_cast<int>(l));
-        const tier_run got = _run_tier(l);
-        EXPECT_EQ(got.d4, scalar.d4);
-        EXPECT_EQ(got.c4, scalar.c4);
-        for (int k = 0; k < 3; ++k) {
-            EXPECT_EQ(got.dp[k], scalar.dp[k]) << k;
-            EXPECT_EQ(got.cp[k], scalar.cp[k]) << k;
-        }
-        EXPECT_EQ(got.g4, scalar.g4);
-        EXPECT_EQ(got.g2, scalar.g2);
-        EXPECT_EQ(got.gc, scalar.gc);
-        EXPECT_EQ(got.nw, scalar.nw);
-        EXPECT_EQ(got.rg, scalar.rg);
-        EXPECT_EQ(got.hd, scalar.hd);
-        EXPECT_EQ(got.hc, scalar.hc);
-        EXPECT_EQ(got.ma, scalar.ma);
-        EXPECT_EQ(got.mh, scalar.mh);
-        EXPECT_EQ(got.marks, scalar.marks);
-        EXPECT_TRUE(got == scalar);
+        EXPECT_TRUE(_run_tier(l) == scalar);
     }
 }
 

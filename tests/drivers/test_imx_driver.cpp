@@ -49,26 +49,16 @@ class imx_fixture : public tevix::test::drv_fixture {
     }
     tevix::imx::imx_priv *p() { return tevix::imx::priv_of(drv_); }
 
-    // One frame of the renderer through frame_get_info and frame_decode.
-    int32_t decode(tevix::emu::sony_renderer &r, uint32_t kind, std::vector<uint16_t> &out,
-                   uint32_t index = 3) {
-        std::vector<uint8_t> raw(r.frame_bytes());
-        vx_frame_desc_t desc{};
-        r.render(index, raw, desc);
-        tevix_frame_info_t info{};
-        EXPECT_TRUE(ops()->frame_get_info(drv_, &info, raw.data()));
-        out.assign(k_n, 0xEEEE);
-        return ops()->frame_decode(drv_, reinterpret_cast<uint8_t *>(out.data()), k_n * 2, kind,
-                                   raw.data(), static_cast<uint32_t>(raw.size()), &info);
+    // Frame 3 of the renderer through frame_get_info and frame_decode.
+    int32_t decode(tevix::emu::sony_renderer &r, uint32_t kind, std::vector<uint16_t> &out) {
+        const auto raw = tevix::test::render(r, 3);
+        return decode(raw, kind, out, info_of(raw));
     }
+    using drv_fixture::decode;
 };
 
 using tevix::test::accuracy;
-
-accuracy _accuracy(const tevix::emu::sony_renderer &r, const std::vector<uint16_t> &d,
-                   double limit_mm, double far_mm = 100) {
-    return tevix::test::scene_accuracy(r, d, limit_mm, far_mm);
-}
+using tevix::test::scene_accuracy;
 
 TEST_F(imx_fixture, InitReadsTheLensAndRegistersItsSettings) {
     log_capture log;
@@ -251,18 +241,15 @@ TEST_F(imx_fixture, EachFormatDecodesAndRefusesShortFrames) {
         ops()->on_update_mod_freq(drv_, 20000000, c.f1);
         r.set_freqs(20000000, c.f1 ? c.f1 : 20000000);
         r.set_format(c.format);
-        std::vector<uint8_t> raw(r.frame_bytes());
+        const auto raw = tevix::test::render(r, 1);
         ASSERT_EQ(raw.size(), tevix::imx::layout_of(c.format).min_n * k_n);
-        vx_frame_desc_t desc{};
-        r.render(1, raw, desc);
-        tevix_frame_info_t info{};
-        ASSERT_TRUE(ops()->frame_get_info(drv_, &info, raw.data()));
+        const tevix_frame_info_t info = info_of(raw);
         std::vector<uint16_t> out(k_n + 1);
         auto *o = reinterpret_cast<uint8_t *>(out.data());
         const uint32_t len = static_cast<uint32_t>(raw.size());
         ASSERT_EQ(ops()->frame_decode(drv_, o, k_n * 2, 0, raw.data(), len, &info), k_full)
             << c.format;
-        const accuracy a = _accuracy(r, out, 1e9);
+        const accuracy a = scene_accuracy(r, out, 1e9);
         EXPECT_GT(a.valid, a.checked * 99 / 100) << c.format;
         EXPECT_LE(a.p95, c.tol) << c.format;
         const int before = log.count("wrong data len");
@@ -325,7 +312,7 @@ TEST_F(imx_fixture, AccuracyPerMode) {
         ASSERT_EQ(decode(r, 0, d0), k_full);
         ASSERT_EQ(decode(r, 1, d), k_full);
         EXPECT_EQ(d0, d) << c.mode;
-        const accuracy a = _accuracy(r, d, c.limit_mm, c.far_mm);
+        const accuracy a = scene_accuracy(r, d, c.limit_mm, c.far_mm);
         std::cout << c.mode << ": " << a.valid << "/" << a.checked << " valid, mean " << a.mean
                   << " mm, p95 " << a.p95 << " mm, max " << a.max << " mm, invalid "
                   << 100.0 * (a.checked - a.valid) / a.checked << " %\n";
@@ -347,7 +334,7 @@ TEST_F(imx_fixture, AccuracyPerMode) {
     ops()->on_update_mod_freq(drv_, 100000000, 0);
     std::vector<uint16_t> d;
     ASSERT_EQ(decode(r, 1, d), k_full);
-    const accuracy wrapped = _accuracy(r, d, 6000);
+    const accuracy wrapped = scene_accuracy(r, d, 6000);
     EXPECT_GT(wrapped.checked, 100000u);
     EXPECT_GT(wrapped.far_off, wrapped.checked / 2);
 }
@@ -591,7 +578,7 @@ TEST_F(imx_calib, StationCalibrationRemovesTheUnitsErrors) {
     std::vector<uint16_t> raw, cal;
     ASSERT_EQ(decode(r, 0, raw), k_full);
     ASSERT_EQ(decode(r, 1, cal), k_full);
-    const accuracy before = _accuracy(r, raw, 6000), after = _accuracy(r, cal, 6000);
+    const accuracy before = scene_accuracy(r, raw, 6000), after = scene_accuracy(r, cal, 6000);
     std::cout << "dual, unit errors: uncalibrated mean " << before.mean << " p95 " << before.p95
               << " mm; calibrated mean " << after.mean << " p95 " << after.p95 << " mm\n";
     EXPECT_GT(before.mean, 5.0);
@@ -604,7 +591,7 @@ TEST_F(imx_calib, StationCalibrationRemovesTheUnitsErrors) {
     near.set_freqs(100000000, 100000000);
     ASSERT_EQ(decode(near, 0, raw), k_full);
     ASSERT_EQ(decode(near, 1, cal), k_full);
-    const accuracy b1 = _accuracy(near, raw, 1490), a1 = _accuracy(near, cal, 1490);
+    const accuracy b1 = scene_accuracy(near, raw, 1490), a1 = scene_accuracy(near, cal, 1490);
     std::cout << "100 MHz, unit errors: uncalibrated mean " << b1.mean << " mm; calibrated mean "
               << a1.mean << " p95 " << a1.p95 << " mm\n";
     EXPECT_GT(a1.checked, 100000u);
