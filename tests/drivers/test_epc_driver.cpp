@@ -120,8 +120,6 @@ TEST_F(epc_fixture, InitSetsTheChipUpPerProduct) {
     EXPECT_EQ(p()->minamp, 1);
     EXPECT_EQ(p()->minamp_th, 30);
     EXPECT_EQ(p()->temp_mon_val, 75);
-    EXPECT_EQ(p()->grey_div, 200);
-    EXPECT_EQ(p()->bfps, 0);
     EXPECT_EQ(cam().writes_of(TEVIX_PARAM_HOST_CLOCK).size(), 1u);
     EXPECT_EQ(ops()->lens_bin_get(drv_), nullptr);
     uint32_t list[4], count = 9;
@@ -524,13 +522,6 @@ TEST_F(epc_fixture, GreyFromConfidenceCacheAndFromPlanes) {
     }
 }
 
-// Sets every pixel of one sensor row of a 4-plane frame (the header samples stay).
-void _set_sensor_row(std::vector<uint8_t> &raw, uint32_t sr, const uint16_t *d) {
-    for (uint32_t p = 0; p < 4; ++p)
-        for (uint32_t x = (p == 0 && sr == 0) ? 10 : 0; x < k_w; ++x)
-            std::memcpy(raw.data() + 2 * (p * k_n + sr * k_w + x), &d[p], 2);
-}
-
 TEST_F(epc_fixture, HdrMergeOnlyForKindOne) {
     open_20mhz();
     cam().param_writes.clear();
@@ -544,7 +535,9 @@ TEST_F(epc_fixture, HdrMergeOnlyForKindOne) {
     // x = 0, y = -600 (amplitude 600, chosen).
     const uint16_t a[4] = {1948, 2048, 2148, 2048}, b[4] = {2048, 2348, 2048, 1748};
     auto raw = _frame(2, 4, a);
-    for (uint32_t sr = 0; sr < k_h; ++sr) _set_sensor_row(raw, sr, (sr % 4) >= 2 ? b : a);
+    for (uint32_t p = 0; p < 4; ++p)  // sensor rows 2 and 3 of every four
+        for (uint32_t i = 0; i < k_n; ++i)
+            if (i / k_w % 4 >= 2) std::memcpy(raw.data() + 2 * (p * k_n + i), &b[p], 2);
     tevix_frame_info_t info = info_of(raw);
     const uint16_t da = static_cast<uint16_t>((16384u * 7494u) >> 15);
     const uint16_t db = static_cast<uint16_t>((8192u * 7494u) >> 15);
@@ -797,7 +790,6 @@ TEST_F(epc_fixture, SceneUnitErrorsShowUncalibrated) {
     tevix::emu::scene_config cfg;
     cfg.unit_errors = true;
     cfg.unit_seed = 0x56583031;
-    EXPECT_LE(round_trip(tevix::emu::scene_config{}, 2, 0).mean, 1.0);
     EXPECT_GT(round_trip(cfg, 2, 0).mean, 5.0);  // centimetre-scale errors, as before a calibration
     tevix::emu::scene_renderer a(cfg, 2), b(cfg, 2);
     cfg.unit_seed ^= 1;
@@ -905,41 +897,35 @@ TEST_F(epc_calib_file, BlocksMountPerFrequency) {
 
 TEST_F(epc_calib_file, LoadDecidesFileAndFrequency) {
     write_container({{1, _block({20000000, 50})}});
-    {
-        // The device holds newer data: the local file is not trusted (and the device's copy
-        // cannot be fetched), so the device's frequency runs uncalibrated.
-        log_capture log;
-        set_dev_info(1, 200);
-        ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
-        EXPECT_EQ(log.count("local param (ts=100) is not up-to-date (dev ts=200)"), 1);
-        EXPECT_EQ(log.count("---- Load calibration data from device failed"), 1);
-        EXPECT_EQ(log.count("calib not valid: set freq to 20000000"), 1);
-        EXPECT_FALSE(tevix::epc::calib_valid(p()));
-    }
-    {
-        // A device at a frequency the file lacks is set to the file's.
-        log_capture log;
-        set_dev_info(0, 0);
-        cam().set_u32(TEVIX_PARAM_MOD_FREQ, 15000000);
-        ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
-        EXPECT_EQ(log.count("No valid calib data on dev, use local cache!"), 1);
-        EXPECT_EQ(log.count("set device freq to calibrated freq: [20000000, 0]"), 1);
-        EXPECT_EQ(param_u32(TEVIX_PARAM_MOD_FREQ), 20000000u);
-        EXPECT_EQ(p()->freq, 20000000u);
-        EXPECT_TRUE(tevix::epc::calib_valid(p()));
-    }
-    {
-        // No file and an unreadable frequency: 12 MHz on the device, defaults.
-        log_capture log;
-        std::filesystem::remove(path_);
-        cam().fail_param_get = true;
-        ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
-        cam().fail_param_get = false;
-        EXPECT_EQ(log.count("calib not valid: set freq to 12000000"), 1);
-        EXPECT_EQ(param_u32(TEVIX_PARAM_MOD_FREQ), 12000000u);
-        EXPECT_EQ(p()->range, tevix::epc::range_mm(12000000));
-        EXPECT_FALSE(tevix::epc::calib_valid(p()));
-    }
+    log_capture log;
+    // The device holds newer data: the local file is not trusted (and the device's copy
+    // cannot be fetched), so the device's frequency runs uncalibrated.
+    set_dev_info(1, 200);
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    EXPECT_EQ(log.count("local param (ts=100) is not up-to-date (dev ts=200)"), 1);
+    EXPECT_EQ(log.count("---- Load calibration data from device failed"), 1);
+    EXPECT_EQ(log.count("calib not valid: set freq to 20000000"), 1);
+    EXPECT_FALSE(tevix::epc::calib_valid(p()));
+
+    // A device at a frequency the file lacks is set to the file's.
+    set_dev_info(0, 0);
+    cam().set_u32(TEVIX_PARAM_MOD_FREQ, 15000000);
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    EXPECT_EQ(log.count("No valid calib data on dev, use local cache!"), 1);
+    EXPECT_EQ(log.count("set device freq to calibrated freq: [20000000, 0]"), 1);
+    EXPECT_EQ(param_u32(TEVIX_PARAM_MOD_FREQ), 20000000u);
+    EXPECT_EQ(p()->freq, 20000000u);
+    EXPECT_TRUE(tevix::epc::calib_valid(p()));
+
+    // No file and an unreadable frequency: 12 MHz on the device, defaults.
+    std::filesystem::remove(path_);
+    cam().fail_param_get = true;
+    ASSERT_EQ(ops()->calib_load(drv_, 0, 0, 2), 0);
+    cam().fail_param_get = false;
+    EXPECT_EQ(log.count("calib not valid: set freq to 12000000"), 1);
+    EXPECT_EQ(param_u32(TEVIX_PARAM_MOD_FREQ), 12000000u);
+    EXPECT_EQ(p()->range, tevix::epc::range_mm(12000000));
+    EXPECT_FALSE(tevix::epc::calib_valid(p()));
 }
 
 // A damaged block leaves the defaults, its fault logged: file blocks that do not hold together,

@@ -38,14 +38,13 @@ class imx_fixture : public tevix::test::drv_fixture {
         cam().set_u32(TEVIX_PARAM_FRM_FMT, 2);
         init(4);
     }
+    // The nine lens floats in the three parameters of 4, 4 and 1.
     void set_lens(const float *v) {
-        std::array<uint8_t, 18> a{}, b{}, c{};
-        std::memcpy(a.data(), v, 16);
-        std::memcpy(b.data(), v + 4, 16);
-        std::memcpy(c.data(), v + 8, 4);
-        cam().params[TEVIX_PARAM_LENS0] = a;
-        cam().params[TEVIX_PARAM_LENS1] = b;
-        cam().params[TEVIX_PARAM_LENS2] = c;
+        const uint8_t ids[3] = {TEVIX_PARAM_LENS0, TEVIX_PARAM_LENS1, TEVIX_PARAM_LENS2};
+        for (int k = 0; k < 3; ++k) {
+            cam().params[ids[k]] = {};
+            std::memcpy(cam().params[ids[k]].data(), v + 4 * k, k < 2 ? 16 : 4);
+        }
     }
     tevix::imx::imx_priv *p() { return tevix::imx::priv_of(drv_); }
 
