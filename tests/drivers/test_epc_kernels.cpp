@@ -226,9 +226,6 @@ TEST(EpcGrey, FromPlanesMatchesTheFormula) {
             static_cast<uint32_t>((d2 - d0) * (d2 - d0) + (d3 - d1) * (d3 - d1)) >> 2;
         ASSERT_EQ(g[i], ok ? fast_sqrt(v) : 0u) << i;
     }
-    raw = _planes(1, 1998, 2018, 4094, 2078);
-    grey_4dcs(raw.data(), 1, g.data());
-    EXPECT_EQ(g[0], 0u);
     uint16_t p0 = 1948, p1 = 2108;  // (100^2 + 60^2) >> 2
     grey_2dcs(&p0, &p1, 1, g.data());
     EXPECT_EQ(g[0], 58u);
@@ -288,11 +285,9 @@ TEST(EpcHdr, MergeRules) {
         int32_t d[4] = {10, 11, 20, 21};
         uint32_t c[4] = {t.ca, t.ca, t.cb, t.cb};
         hdr_merge(d, c, 1, 4);
-        const int32_t want0 = t.pick_b ? 20 : 10, want1 = t.pick_b ? 21 : 11;
-        EXPECT_EQ(d[0], want0) << t.ca << " " << t.cb;
-        EXPECT_EQ(d[2], want0);
-        EXPECT_EQ(d[1], want1);
-        EXPECT_EQ(d[3], want1);
+        SCOPED_TRACE(testing::Message() << t.ca << " " << t.cb);
+        const int32_t w = t.pick_b ? 20 : 10;
+        EXPECT_EQ(std::vector<int32_t>(d, d + 4), (std::vector<int32_t>{w, w + 1, w, w + 1}));
         EXPECT_EQ(c[0], t.pick_b ? t.cb : t.ca);
         EXPECT_EQ(c[2], c[0]);
     }
@@ -303,8 +298,7 @@ TEST(EpcRows, SensorOrderToImageOrder) {
     uint32_t src[h] = {0, 1, 2, 3, 4, 5};
     uint32_t dst[h];
     rows_reorder(src, dst, 1, h);
-    const uint32_t want[h] = {4, 2, 0, 1, 3, 5};
-    for (uint32_t i = 0; i < h; ++i) EXPECT_EQ(dst[i], want[i]) << i;
+    EXPECT_EQ(std::vector<uint32_t>(dst, dst + h), (std::vector<uint32_t>{4, 2, 0, 1, 3, 5}));
     int32_t s16[h] = {-5, 1, 70000, 3, 4, 5};
     uint16_t d16[h];
     rows_reorder_u16(s16, d16, 1, h);

@@ -105,7 +105,6 @@ TEST_F(imx_fixture, InitReadsTheLensAndRegistersItsSettings) {
     }
     EXPECT_EQ(p()->hyst_val, 10);
     EXPECT_EQ(p()->bpf_max, 256);
-    EXPECT_FLOAT_EQ(p()->gauss_sigma, 0.1f);
     EXPECT_FALSE(p()->en_bpf || p()->en_fly || p()->en_fill || p()->en_gauss || p()->en_hyst);
     const int32_t handle = p()->tele;
     ops()->uninit(drv_);
