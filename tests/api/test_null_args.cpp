@@ -35,13 +35,6 @@ struct call_case {
     long long expect;
     const char *log = nullptr;
 };
-// A call on a device record that no record and a record never opened both get refused alike.
-struct dev_case {
-    const char *what;
-    std::function<long long(tevix_dev_t *)> call;
-    long long expect;
-    const char *log = nullptr;
-};
 
 // Any result as a number; a pointer as whether it is set.
 long long _num(long long v) {
@@ -52,10 +45,13 @@ long long _num(const T *p) {
     return p != nullptr;
 }
 
-// A row named by its own call: CASE(expr, expect[, log]); DEV_CASE calls on the record d.
+// A row named by its own call: CASE(expr, expect[, log]). DEV_CASE: two rows, expr on the
+// record d being no record and then the record never opened, which both get refused alike.
 // clang-format off
 #define CASE(expr, ...) {#expr, [&]() -> long long { return _num(expr); }, __VA_ARGS__}
-#define DEV_CASE(expr, ...) {#expr, [&](tevix_dev_t *d) -> long long { return _num(expr); }, __VA_ARGS__}
+#define ON_DEV(dev, expr, ...) {#expr " on " #dev, \
+    [&, d = static_cast<tevix_dev_t *>(dev)]() -> long long { return _num(expr); }, __VA_ARGS__}
+#define DEV_CASE(expr, ...) ON_DEV(nullptr, expr, __VA_ARGS__), ON_DEV(&closed_, expr, __VA_ARGS__)
 // clang-format on
 // A call on the record d refused with the line a missing or closed record logs.
 #define NULL_DEV(fn, expect, ...) \
@@ -105,18 +101,6 @@ class null_args : public tevix::test::frame_test {
                 EXPECT_NE(added.find(c.log), std::string::npos) << c.what << "\nlogged:\n" << added;
         }
     }
-    // Runs each case on no record and on the record never opened.
-    void sweep_devs(const std::vector<dev_case> &cases) {
-        std::vector<call_case> both;
-        for (const dev_case &c : cases) {
-            both.push_back({std::string(c.what) + " of no record", [c] { return c.call(nullptr); },
-                            c.expect, c.log});
-            both.push_back({std::string(c.what) + " of a closed record",
-                            [this, c] { return c.call(&closed_); }, c.expect, c.log});
-        }
-        sweep(both);
-    }
-
     const tevix_ll_ops *fake_ = &tevix::test::fake_ll::ops();
     backend_slot usb_{tevix::ll::k_backend_usb, fake_}, file_{tevix::ll::k_backend_file, fake_};
     tevix_dev_t closed_{};  // never opened
@@ -219,8 +203,6 @@ TEST_F(null_args, session_calls) {
         CASE(tevix_oni_properties(nullptr, nullptr, nullptr), -1),
         CASE(tevix_oni_read_frame(nullptr, 1, 0, nullptr, 0, nullptr), -1),
         CASE(tevix_oni_decode_frame(nullptr, 1, 0, nullptr, 0), -1),
-    });
-    sweep_devs({
         DEV_CASE(tevix_dev_get_info(d, &info), 0),
         NULL_DEV(tevix_dev_reset, 0, 1),
         NULL_DEV(tevix_dev_get_driver, 0, nullptr),
@@ -240,7 +222,7 @@ TEST_F(null_args, capture_calls) {
     cfg.cache_frames_cnt = 10;
     tevix_frame_info_t info{};
     uint8_t buf[64] = {};
-    sweep_devs({
+    sweep({
         NULL_DEV(tevix_cap_set_callback_on_frame_ready, 0, _on_frame),
         NULL_DEV(tevix_cap_set_callback_on_error, 0, _on_error),
         NULL_DEV(tevix_cap_start, 0),
@@ -255,8 +237,6 @@ TEST_F(null_args, capture_calls) {
                  "[tevix_cap_snapshot]wrong parameters\n"),
         DEV_CASE(tevix_cap_save_frame(d, buf, 0, &info), -22),
         NULL_DEV(tevix_cap_seek_frame, -1, 0, 0),
-    });
-    sweep({
         CASE(tevix_cap_config_set(nullptr, &cfg), 0),
         CASE(tevix_cap_config_set(&closed_, &cfg), 1,
              "[tevix_cap_config_set]Cannot set capture config when device is closed \n"),
@@ -352,7 +332,7 @@ TEST_F(null_args, point_cloud_and_lens_calls) {
     auto xyzi = [&](tevix_dev_t *d, float *o, uint32_t olen, const float *ds, int balance) {
         return tevix_frame_get_pcl_xyzi(d, o, olen, ds, k_n, G, k_n, k_w, k_h, balance, nullptr);
     };
-    sweep_devs({
+    sweep({
         DEV_CASE(cloud(d, P, 3 * k_n, D, k_n), 0),
         DEV_CASE(xyzd(d, P, 4 * k_n, D, 0), 0),
         DEV_CASE(xyzi(d, P, 4 * k_n, D, 0), 0),
@@ -361,8 +341,6 @@ TEST_F(null_args, point_cloud_and_lens_calls) {
         DEV_CASE(tevix_lens_calib_apply(d, I, k_n, I, k_n, 1, 0, &info_, nullptr), 0, arg_error),
         DEV_CASE(tevix_lens_param_get(d, &lens), 0),
         DEV_CASE(tevix_lens_param_set(d, &lens), 0),
-    });
-    sweep({
         CASE(cloud(&dev_, nullptr, 3 * k_n, D, k_n), 0,
              "[tevix_frame_get_pcl]Pcl output buffer too small"),
         CASE(cloud(&dev_, P, 3 * k_n, nullptr, k_n), 0),
@@ -490,18 +468,16 @@ TEST_F(null_args, colour_calls) {
 TEST_F(null_args, parameter_calls) {
     uint32_t values[2] = {};
     tevix_param_item_t item{};
-    sweep_devs({
+    sweep({
         NULL_DEV(tevix_param_batch_set, 0, &item, 1),
         NULL_DEV(tevix_param_batch_get, 0, &item, 1),
         NULL_DEV(tevix_reg_batch_write, 0, 1, 0, values, 2),
         NULL_DEV(tevix_reg_batch_read, 0, 1, 0, values, 2),
-    });
-    // Filters refuse no record silently, a closed one through the device check.
-    sweep({
         CASE(tevix_param_batch_set(&dev_, nullptr, 2), 0),
         CASE(tevix_param_batch_get(&dev_, nullptr, 2), 0),
         CASE(tevix_reg_batch_read(&dev_, 1, 0, nullptr, 2), 0,
              "[tevix_reg_batch_read]target=1,reg_base=0,reg_cnt=2,val_buf=(nil)\n"),
+        // Filters refuse no record silently, a closed one through the device check.
         CASE(tevix_filter_enable(nullptr, TEVIX_FILTER_MIN_AMP, nullptr), -1, ""),
         CASE(tevix_filter_disable(nullptr, TEVIX_FILTER_MIN_AMP), -1, ""),
         CASE(tevix_filter_enable(&closed_, TEVIX_FILTER_MIN_AMP, nullptr), -1,
@@ -622,9 +598,9 @@ TEST_F(null_args, calibration_file_calls) {
     no_place.place = nullptr;
     one_distance.n_distances = 1;
     no_temps.n_temps = 2;
-    sweep_devs({DEV_CASE(station(d, cfg, out.c_str()), 0,
-                         "[tevix_calib_station] Device handler Is NULL!\r\n")});
     sweep({
+        DEV_CASE(station(d, cfg, out.c_str()), 0,
+                 "[tevix_calib_station] Device handler Is NULL!\r\n"),
         CASE(tevix_calib_station(&dev_, nullptr, out.c_str()), 0,
              "[tevix_calib_station]Wrong params\n"),
         CASE(station(&dev_, cfg, nullptr), 0, "[tevix_calib_station]Wrong params\n"),
