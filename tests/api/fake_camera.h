@@ -210,6 +210,16 @@ inline bool pinhole_lens(tevix_drv_t *, tevix_lens_param_t *lens, uint32_t w, ui
     return true;
 }
 
+// A parameter item of `id` holding `words`.
+inline tevix_param_item_t param_item(uint32_t id, std::initializer_list<uint32_t> words) {
+    tevix_param_item_t it{};
+    it.id = id;
+    it.len = static_cast<uint8_t>(4 * words.size());
+    int i = 0;
+    for (uint32_t w : words) std::memcpy(it.value.u8 + 4 * i++, &w, 4);
+    return it;
+}
+
 // Frames of this format fail to decode.
 constexpr uint16_t k_bad_format = 0xBAD;
 

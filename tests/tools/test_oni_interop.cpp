@@ -27,12 +27,6 @@ using tevix::test::temp_dir;
 using tevix::test::testdata;
 using tevix::test::write_depth_file;
 
-// OpenNI2 keeps allocations of its drivers, which it unloads at shutdown, so their leaks cannot
-// even be attributed; our code's leaks are checked by the other suites.
-extern "C" const char *__asan_default_options() {
-    return "detect_leaks=0";
-}
-
 namespace {
 
 struct played {
