@@ -109,9 +109,7 @@ TEST_F(api_param, accepted_sets_are_mirrored_into_session_and_driver) {
     EXPECT_EQ(s->dev_mode, 9u);
     EXPECT_EQ(s->cap_mode, 1u);
 
-    tevix_param_item_t roi{};
-    roi.id = TEVIX_PARAM_ROI;
-    roi.len = 13;
+    tevix_param_item_t roi{TEVIX_PARAM_ROI, 13, {}};
     tevix_roi_t r{0, 239, 4, 323, 4, {}};
     std::memcpy(roi.value.u8, &r, sizeof r);
     ASSERT_EQ(tevix_param_batch_set(&dev_, &roi, 1), 1);

@@ -304,9 +304,7 @@ TEST_F(OniInterop, ARecordingWhoseWriterIsKilledIsRepairedWithEveryConfirmedFram
     tevix_log_cfg(7, 7, 7);
     tevix_dev_t *dev = tevix_dev_open_by_uri(("file://" + fixed).c_str());
     ASSERT_TRUE(dev);
-    tevix_param_item_t sync{};
-    sync.id = TEVIX_PARAM_FPS;
-    sync.len = 4;
+    tevix_param_item_t sync{TEVIX_PARAM_FPS, 4, {}};  // frame rate 0: one frame per pull
     ASSERT_TRUE(tevix_param_batch_set(dev, &sync, 1));
     ASSERT_TRUE(tevix_cap_start(dev));
     std::vector<uint8_t> buf(8u << 20);
