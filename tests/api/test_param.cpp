@@ -1,4 +1,5 @@
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,30 +19,26 @@ using tevix::test::param_item;
 
 // A driver row whose operations record what the parameter calls tell it.
 std::vector<std::string> g_drv_calls;
-void _on_freq(tevix_drv_t *, uint32_t f0, uint32_t f1) {
-    g_drv_calls.push_back("freq " + std::to_string(f0) + " " + std::to_string(f1));
-}
-void _on_intg(tevix_drv_t *, uint32_t v, uint8_t idx) {
-    g_drv_calls.push_back("intg " + std::to_string(v) + " " + std::to_string(idx));
-}
-void _on_fps(tevix_drv_t *, uint32_t fps) {
-    g_drv_calls.push_back("fps " + std::to_string(fps));
-}
-void _on_roi(tevix_drv_t *, const tevix_roi_t *r) {
-    g_drv_calls.push_back("roi " + std::to_string(r->left) + " " + std::to_string(r->binning));
-}
-bool _filter_on(tevix_drv_t *, uint32_t id, const tevix_filter_arg_t *) {
-    g_drv_calls.push_back("filter_on " + std::to_string(id));
-    return id != 3;
+template <class... T>
+void _note(const char *what, T... values) {
+    std::ostringstream call;
+    call << what;
+    ((call << ' ' << +values), ...);  // + : small integers as numbers
+    g_drv_calls.push_back(call.str());
 }
 
 tevix_drv_ops g_fake_ops = [] {
     tevix_drv_ops ops{};
-    ops.on_update_mod_freq = _on_freq;
-    ops.on_update_intg_time = _on_intg;
-    ops.on_update_fps = _on_fps;
-    ops.on_update_roi = _on_roi;
-    ops.filter_enable = _filter_on;
+    ops.on_update_mod_freq = [](tevix_drv_t *, uint32_t f0, uint32_t f1) { _note("freq", f0, f1); };
+    ops.on_update_intg_time = [](tevix_drv_t *, uint32_t v, uint8_t i) { _note("intg", v, i); };
+    ops.on_update_fps = [](tevix_drv_t *, uint32_t fps) { _note("fps", fps); };
+    ops.on_update_roi = [](tevix_drv_t *, const tevix_roi_t *r) {
+        _note("roi", r->left, r->binning);
+    };
+    ops.filter_enable = [](tevix_drv_t *, uint32_t id, const tevix_filter_arg_t *) {
+        _note("filter_on", id);
+        return id != 3;
+    };
     return ops;
 }();
 tevix_drv_t g_fake_drv{"fake driver", "F1", &g_fake_ops, nullptr, nullptr};
