@@ -7,13 +7,11 @@
 
 #include <gtest/gtest.h>
 
-#include "api/session.h"
 #include "fake_camera.h"
 #include "ll/oni/oni.h"
 #include "platform/platform.h"
 #include "test_util.h"
 #include "tevix/tevix.h"
-#include "tevix/vx_log.h"
 #include "tevix/vx_stream.h"
 
 namespace {

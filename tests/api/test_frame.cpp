@@ -1,5 +1,3 @@
-#include <cmath>
-#include <cstring>
 #include <string>
 #include <vector>
 

@@ -11,7 +11,6 @@
 
 #include "test_util.h"
 #include "tevix/tevix.h"
-#include "tevix/vx_log.h"
 
 namespace {
 

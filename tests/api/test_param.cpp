@@ -10,7 +10,6 @@
 #include "fake_camera.h"
 #include "test_util.h"
 #include "tevix/tevix.h"
-#include "tevix/vx_log.h"
 
 namespace {
 
