@@ -45,7 +45,6 @@ bool _decode(tevix_dev_t *dev, const std::vector<uint8_t> &raw, const tevix_fram
            tevix_frame_get_pcl(dev, d.xyz.data(), 3 * n, d.metres.data(), n, w, h, nullptr) > 0;
 }
 
-// A recording replayed in sync mode: every frame, no pacing.
 tevix_dev_t *_open_replay(const char *path) {
     tevix_dev_t *dev = tevix_dev_open_by_uri((std::string("file://") + path).c_str());
     if (!dev) return nullptr;

@@ -22,6 +22,7 @@
 
 namespace oni = tevix::oni;
 using tevix::test::depth_frame;
+using tevix::test::get_at;
 using tevix::test::read_file;
 using tevix::test::temp_dir;
 using tevix::test::testdata;
@@ -244,14 +245,11 @@ std::vector<confirmed> _read_side(const std::string &path) {
     std::vector<confirmed> out;
     const std::string b = read_file(path);
     for (size_t at = 0; at + 8 <= b.size();) {
-        uint32_t n[2];
-        std::memcpy(n, b.data() + at, 8);
-        const size_t end = at + 8 + n[0] + size_t{n[1]} * 2;
+        const uint32_t raw = get_at<uint32_t>(b, at), px = get_at<uint32_t>(b, at + 4);
+        const size_t end = at + 8 + raw + size_t{px} * 2;
         if (end > b.size()) break;  // the frame the kill interrupted
-        confirmed c;
-        c.raw = b.substr(at + 8, n[0]);
-        c.dist.resize(n[1]);
-        std::memcpy(c.dist.data(), b.data() + at + 8 + n[0], size_t{n[1]} * 2);
+        confirmed c{b.substr(at + 8, raw), std::vector<uint16_t>(px)};
+        std::memcpy(c.dist.data(), b.data() + at + 8 + raw, size_t{px} * 2);
         out.push_back(std::move(c));
         at = end;
     }
