@@ -86,50 +86,41 @@ inline int param_set(tevix_ll_dev_t *, tevix_param_wire_t *items, uint32_t count
     g_cam.busy_seen = g_cam.watch ? g_cam.watch->busy : 0;
     return g_cam.accept;
 }
-// The identity of a camera and its frame rate; any other id gets 4 bytes, byte b = id + b.
+// The identity of a camera and its frame rate, as 16-bit words or text; any other id gets 4
+// bytes, byte b = id + b (18 of them written).
+inline void answer(tevix_param_wire_t &it) {
+    std::memset(it.value, 0, sizeof it.value);
+    auto words = [&](uint8_t len, std::initializer_list<uint16_t> w) {
+        it.len = len;
+        std::memcpy(it.value, w.begin(), 2 * w.size());
+    };
+    auto text = [&](const char *t) {
+        it.len = static_cast<uint8_t>(std::strlen(t));
+        std::memcpy(it.value, t, it.len);
+    };
+    switch (it.id) {
+        case TEVIX_PARAM_VENDOR:
+            return text("TEVIX");
+        case TEVIX_PARAM_PRODUCT:
+            return text(g_cam.product);
+        case TEVIX_PARAM_UID:
+            return words(12, {0x1111, 0x1111, 0x2222, 0x2222, 0x4444, 0x4444});
+        case TEVIX_PARAM_VERSION:
+            return words(8, {7, 2, 3});
+        case TEVIX_PARAM_SENSOR:
+            return words(6, {0x12, 0x34, 0x5678});
+        case TEVIX_PARAM_GEOMETRY:
+            return words(4, {320, 240});
+        case TEVIX_PARAM_FPS:
+            return words(4, {static_cast<uint16_t>(g_cam.fps)});
+    }
+    it.len = 4;
+    for (int b = 0; b < 18; ++b) it.value[b] = static_cast<uint8_t>(it.id + b);
+}
 inline int param_get(tevix_ll_dev_t *, tevix_param_wire_t *items, uint32_t count) {
     g_cam.gets.emplace_back(items, items + count);
     if (!g_cam.accept) return 0;
-    for (uint32_t i = 0; i < count; ++i) {
-        tevix_param_wire_t &it = items[i];
-        std::memset(it.value, 0, sizeof it.value);
-        auto put16 = [&](int idx, uint16_t v) { std::memcpy(it.value + 2 * idx, &v, 2); };
-        auto put32 = [&](int idx, uint32_t v) { std::memcpy(it.value + 4 * idx, &v, 4); };
-        it.len = 4;
-        switch (it.id) {
-            case TEVIX_PARAM_VENDOR:
-                it.len = 5;
-                std::memcpy(it.value, "TEVIX", 5);
-                break;
-            case TEVIX_PARAM_PRODUCT:
-                it.len = static_cast<uint8_t>(std::strlen(g_cam.product));
-                std::memcpy(it.value, g_cam.product, it.len);
-                break;
-            case TEVIX_PARAM_UID:
-                it.len = 12;
-                put32(0, 0x11111111);
-                put32(1, 0x22222222);
-                put32(2, 0x44444444);
-                break;
-            case TEVIX_PARAM_VERSION:
-                it.len = 8;
-                put16(0, 7), put16(1, 2), put16(2, 3);
-                break;
-            case TEVIX_PARAM_SENSOR:
-                it.len = 6;
-                put16(0, 0x12), put16(1, 0x34), put16(2, 0x5678);
-                break;
-            case TEVIX_PARAM_GEOMETRY:
-                put16(0, 320), put16(1, 240);
-                break;
-            case TEVIX_PARAM_FPS:
-                put32(0, g_cam.fps);
-                break;
-            default:
-                for (int b = 0; b < 18; ++b) it.value[b] = static_cast<uint8_t>(it.id + b);
-                break;
-        }
-    }
+    for (uint32_t i = 0; i < count; ++i) answer(items[i]);
     return 1;
 }
 inline int reg(uint8_t target, uint32_t addr, uint8_t *data, uint16_t count, const char *what) {
@@ -208,6 +199,16 @@ inline bool pinhole_lens(tevix_drv_t *, tevix_lens_param_t *lens, uint32_t w, ui
     lens->width = w;
     lens->height = h;
     return true;
+}
+
+// A parameter item of `id` holding `words`.
+inline tevix_param_item_t param_item(uint32_t id, std::initializer_list<uint32_t> words) {
+    tevix_param_item_t it{};
+    it.id = id;
+    it.len = static_cast<uint8_t>(4 * words.size());
+    int i = 0;
+    for (uint32_t w : words) std::memcpy(it.value.u8 + 4 * i++, &w, 4);
+    return it;
 }
 
 // Frames of this format fail to decode.

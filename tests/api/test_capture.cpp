@@ -7,13 +7,11 @@
 
 #include <gtest/gtest.h>
 
-#include "api/session.h"
 #include "fake_camera.h"
 #include "ll/oni/oni.h"
 #include "platform/platform.h"
 #include "test_util.h"
 #include "tevix/tevix.h"
-#include "tevix/vx_log.h"
 #include "tevix/vx_stream.h"
 
 namespace {
@@ -72,6 +70,10 @@ class api_capture : public ::testing::Test {
         ASSERT_EQ(tevix_dev_open(&dev_), &dev_);
     }
     void TearDown() override { tevix_dev_close(&dev_); }
+    // Pulls n frames of dev (the test's record by default) into buf_, room for ten.
+    int pull(int n, tevix_frame_info_t *info = nullptr, tevix_dev_t *dev = nullptr) {
+        return tevix_cap_get_frames(dev ? dev : &dev_, n, buf_.data(), 10 * k_frame, info);
+    }
     // Capture configuration with the ready list of `slots` frames; recording into `file` (by
     // hand when `manual`) unless it is null.
     void config(tevix_cap_frdy_cb frdy, tevix_cap_err_cb err, uint32_t slots = 10,
@@ -90,6 +92,7 @@ class api_capture : public ::testing::Test {
     tevix::test::log_capture log_;
     tevix::test::backend_slot usb_{tevix::ll::k_backend_usb, &tevix::test::fake_ll::ops()};
     tevix_dev_t dev_{};
+    std::vector<uint8_t> buf_ = std::vector<uint8_t>(10 * k_frame, 0xEE);
 };
 
 }  // namespace
@@ -98,27 +101,25 @@ TEST_F(api_capture, pull_delivers_frames_back_to_back_with_the_first_info) {
     ASSERT_EQ(tevix_cap_start(&dev_), 1);
     EXPECT_EQ(tevix_cap_is_ongoing(&dev_), 1);
     _event(0, _stream_of(5, 3));
-    std::vector<uint8_t> buf(10 * k_frame, 0xEE);
     tevix_frame_info_t info{};
-    ASSERT_EQ(tevix_cap_get_frames(&dev_, 3, buf.data(), static_cast<uint32_t>(buf.size()), &info),
-              3);
+    ASSERT_EQ(pull(3, &info), 3);
     EXPECT_EQ(info.index, 5);
     EXPECT_EQ(info.size, k_frame);
-    EXPECT_EQ(buf[0], 5);
-    EXPECT_EQ(buf[k_frame], 6);
-    EXPECT_EQ(buf[2 * k_frame + k_frame - 1], 7);
-    EXPECT_EQ(buf[3 * k_frame], 0xEE);
+    EXPECT_EQ(buf_[0], 5);
+    EXPECT_EQ(buf_[k_frame], 6);
+    EXPECT_EQ(buf_[2 * k_frame + k_frame - 1], 7);
+    EXPECT_EQ(buf_[3 * k_frame], 0xEE);
 
     // Nothing ready: one frame without waiting gives 0 at once.
-    EXPECT_EQ(tevix_cap_get_frame(&dev_, buf.data(), static_cast<uint32_t>(buf.size()), &info), 0);
+    EXPECT_EQ(tevix_cap_get_frame(&dev_, buf_.data(), 10 * k_frame, &info), 0);
     // A buffer too small for one frame leaves the frame for a later pull.
     _event(0, _stream_of(8, 1));
-    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf.data(), k_frame - 1, nullptr), 0);
-    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf.data(), k_frame, nullptr), 1);
-    EXPECT_EQ(buf[0], 8);
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf_.data(), k_frame - 1, nullptr), 0);
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf_.data(), k_frame, nullptr), 1);
+    EXPECT_EQ(buf_[0], 8);
 
     ASSERT_EQ(tevix_cap_stop(&dev_), 1);
-    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf.data(), k_frame, nullptr),
+    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf_.data(), k_frame, nullptr),
               TEVIX_ERR_CAP_WRONG_STATE);
     EXPECT_TRUE(log_.has("Buffer size 63 too small to keep frame (size=64)"));
     // 5 frames at 20 fps wait 5 x 100 + 50 x 5 + 2000 ms at most; here 3 frames: 2450 ms.
@@ -161,8 +162,7 @@ TEST_F(api_capture, timeouts_and_stalls_beyond_their_limit_stop_the_capture) {
             _event(r.event);
             EXPECT_EQ(g_cam.aborts, 1);
             EXPECT_EQ(tevix_cap_is_ongoing(&dev_), 0);
-            uint8_t buf[k_frame];
-            EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), r.error);
+            EXPECT_EQ(pull(1), r.error);
             EXPECT_TRUE(log_.has(r.log));
         }
     }
@@ -173,8 +173,7 @@ TEST_F(api_capture, other_errors_stop_at_once_and_reach_the_error_callback) {
     ASSERT_EQ(tevix_cap_start(&dev_), 1);
     _event(TEVIX_LL_EVT_ERROR);
     EXPECT_EQ(g_cam.aborts, 1);
-    uint8_t buf[k_frame];
-    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), 0);
+    EXPECT_EQ(pull(1), 0);
     ASSERT_EQ(g_errors.size(), 1u);
     EXPECT_EQ(g_errors[0], (std::pair<int, uint32_t>{TEVIX_ERR_CAP_UNKNOWN, 0}));
     EXPECT_TRUE(log_.has("[_cap_handle_rdy_data]error cb invoke: TEVIX_ERR_CAP_UNKNOWN\n"));
@@ -186,27 +185,23 @@ TEST_F(api_capture, error_callback_returning_false_silences_pulls_until_the_next
     // A frame cut short by the next frame's bound is discarded: reported as 3 with the total.
     g_error_answer = 0;
     _event(0, _stream_of(0, 2, true));
-    uint8_t buf[4 * k_frame];
-    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), 0);
+    EXPECT_EQ(pull(1), 0);
     ASSERT_EQ(g_errors.size(), 1u);
     EXPECT_EQ(g_errors[0], (std::pair<int, uint32_t>{TEVIX_ERR_CAP_FRAME_DISCARD, 1}));
     _event(0, _stream_of(2, 2));
-    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), 0);
-    EXPECT_EQ(tevix_cap_get_frame(&dev_, buf, sizeof buf, nullptr), 0);
+    EXPECT_EQ(pull(1), 0);
+    EXPECT_EQ(tevix_cap_get_frame(&dev_, buf_.data(), k_frame, nullptr), 0);
 
     ASSERT_EQ(tevix_cap_start(&dev_), 1);
     _event(0, _stream_of(4, 1));
-    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), 1);
-    EXPECT_EQ(buf[0], 4);
+    EXPECT_EQ(pull(1), 1);
+    EXPECT_EQ(buf_[0], 4);
 }
 
 TEST_F(api_capture, close_while_a_pull_waits) {
     ASSERT_EQ(tevix_cap_start(&dev_), 1);
     std::atomic<int> result{1234};
-    std::thread puller([&] {
-        uint8_t buf[k_frame];
-        result = tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr);
-    });
+    std::thread puller([&] { result = pull(1); });
     tevix::plat::sleep_ms(100);
     tevix_dev_close(&dev_);
     puller.join();
@@ -246,15 +241,11 @@ TEST_F(api_capture, configuration_and_odd_calls) {
     EXPECT_EQ(tevix_cap_seek_frame(&dev_, 0, 0), -1);  // not a recording
 
     // A nonzero capture mode waits a year.
-    tevix_param_item_t mode{};
-    mode.id = TEVIX_PARAM_DEV_CAP_MOD;
-    mode.len = 8;
-    mode.value.u32[0] = 1;
+    tevix_param_item_t mode = tevix::test::param_item(TEVIX_PARAM_DEV_CAP_MOD, {1, 0});
     ASSERT_EQ(tevix_param_batch_set(&dev_, &mode, 1), 1);
     ASSERT_EQ(tevix_cap_start(&dev_), 1);
     _event(0, _stream_of(0, 1));
-    uint8_t buf[k_frame];
-    EXPECT_EQ(tevix_cap_get_frames(&dev_, 1, buf, sizeof buf, nullptr), 1);
+    EXPECT_EQ(pull(1), 1);
     EXPECT_TRUE(log_.has("timeout_msec=31536000"));
 }
 
@@ -294,14 +285,9 @@ TEST_F(api_capture, recording_writes_the_device_and_the_raw_frames_and_replays_t
     config(nullptr, nullptr, 10, file.c_str());
     ASSERT_EQ(tevix_cap_start(&dev_), 1);
     _event(0, _stream_of(20, 4));
-    std::vector<uint8_t> buf(4 * k_frame);
-    ASSERT_EQ(
-        tevix_cap_get_frames(&dev_, 4, buf.data(), static_cast<uint32_t>(buf.size()), nullptr), 4);
+    ASSERT_EQ(pull(4), 4);
     // A parameter change while recording becomes a property of the recording.
-    tevix_param_item_t fps{};
-    fps.id = TEVIX_PARAM_FPS;
-    fps.len = 4;
-    fps.value.u32[0] = 25;
+    tevix_param_item_t fps = tevix::test::param_item(TEVIX_PARAM_FPS, {25});
     ASSERT_EQ(tevix_param_batch_set(&dev_, &fps, 1), 1);
     ASSERT_EQ(tevix_cap_stop(&dev_), 1);
 
@@ -345,12 +331,10 @@ TEST_F(api_capture, recording_writes_the_device_and_the_raw_frames_and_replays_t
     ASSERT_EQ(tevix_cap_start(replay), 1);
     for (int i = 0; i < 4; ++i) {
         tevix_frame_info_t info{};
-        ASSERT_EQ(
-            tevix_cap_get_frames(replay, 1, buf.data(), static_cast<uint32_t>(buf.size()), &info),
-            1);
+        ASSERT_EQ(pull(1, &info, replay), 1);
         EXPECT_EQ(info.size, k_frame);
-        EXPECT_EQ(buf[0], 20 + i);
-        EXPECT_EQ(buf[k_frame - 1], 20 + i);
+        EXPECT_EQ(buf_[0], 20 + i);
+        EXPECT_EQ(buf_[k_frame - 1], 20 + i);
     }
     tevix_cap_stop(replay);
     tevix_dev_close(replay);
@@ -361,13 +345,11 @@ TEST_F(api_capture, manual_recording_saves_only_what_the_host_hands_in) {
     config(nullptr, nullptr, 10, file.c_str(), true);
     ASSERT_EQ(tevix_cap_start(&dev_), 1);
     _event(0, _stream_of(0, 3));
-    std::vector<uint8_t> buf(3 * k_frame);
     tevix_frame_info_t info{};
-    ASSERT_EQ(tevix_cap_get_frames(&dev_, 3, buf.data(), static_cast<uint32_t>(buf.size()), &info),
-              3);
-    EXPECT_EQ(tevix_cap_save_frame(&dev_, buf.data() + k_frame, k_frame, &info), 0);
+    ASSERT_EQ(pull(3, &info), 3);
+    EXPECT_EQ(tevix_cap_save_frame(&dev_, buf_.data() + k_frame, k_frame, &info), 0);
     ASSERT_EQ(tevix_cap_stop(&dev_), 1);
-    EXPECT_EQ(tevix_cap_save_frame(&dev_, buf.data(), k_frame, &info), -9);  // closed with stop
+    EXPECT_EQ(tevix_cap_save_frame(&dev_, buf_.data(), k_frame, &info), -9);  // closed with stop
 
     auto rd = tevix::oni::reader::open(file.c_str(), nullptr, nullptr);
     ASSERT_NE(rd, nullptr);

@@ -1,5 +1,3 @@
-#include <cmath>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -14,20 +12,17 @@ using api_frame = tevix::test::frame_test;
 TEST_F(api_frame, getters_check_sizes_and_convert_units) {
     const uint32_t n = k_n;
     std::vector<uint16_t> u16(n);
-    EXPECT_EQ(tevix_frame_get_dist_u16(&dev_, u16.data(), n, raw_.data(),
-                                       static_cast<uint32_t>(raw_.size()), &info_),
+    EXPECT_EQ(tevix_frame_get_dist_u16(&dev_, u16.data(), n, raw_.data(), info_.size, &info_),
               static_cast<int>(n));
     EXPECT_EQ(u16[5], 1005);
 
     // The float getters fill exactly dst_len floats from a buffer of that many floats.
     std::vector<float> f(n + 1, -1.0f);
-    EXPECT_EQ(tevix_frame_get_dist_f32(&dev_, f.data(), n, raw_.data(),
-                                       static_cast<uint32_t>(raw_.size()), &info_),
+    EXPECT_EQ(tevix_frame_get_dist_f32(&dev_, f.data(), n, raw_.data(), info_.size, &info_),
               static_cast<int>(n));
     for (uint32_t i = 0; i < n; ++i) EXPECT_FLOAT_EQ(f[i], (1000 + i) * 0.001f) << i;
     EXPECT_EQ(f[n], -1.0f);
-    EXPECT_EQ(tevix_frame_get_gray(&dev_, f.data(), n, raw_.data(),
-                                   static_cast<uint32_t>(raw_.size()), &info_),
+    EXPECT_EQ(tevix_frame_get_gray(&dev_, f.data(), n, raw_.data(), info_.size, &info_),
               static_cast<int>(n));
     for (uint32_t i = 0; i < n; ++i) EXPECT_EQ(f[i], static_cast<float>(i));
 }

@@ -1,4 +1,5 @@
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -9,50 +10,37 @@
 #include "fake_camera.h"
 #include "test_util.h"
 #include "tevix/tevix.h"
-#include "tevix/vx_log.h"
 
 namespace {
 
 using tevix::test::g_cam;
+using tevix::test::param_item;
 
 // A driver row whose operations record what the parameter calls tell it.
 std::vector<std::string> g_drv_calls;
-void _on_freq(tevix_drv_t *, uint32_t f0, uint32_t f1) {
-    g_drv_calls.push_back("freq " + std::to_string(f0) + " " + std::to_string(f1));
-}
-void _on_intg(tevix_drv_t *, uint32_t v, uint8_t idx) {
-    g_drv_calls.push_back("intg " + std::to_string(v) + " " + std::to_string(idx));
-}
-void _on_fps(tevix_drv_t *, uint32_t fps) {
-    g_drv_calls.push_back("fps " + std::to_string(fps));
-}
-void _on_roi(tevix_drv_t *, const tevix_roi_t *r) {
-    g_drv_calls.push_back("roi " + std::to_string(r->left) + " " + std::to_string(r->binning));
-}
-bool _filter_on(tevix_drv_t *, uint32_t id, const tevix_filter_arg_t *) {
-    g_drv_calls.push_back("filter_on " + std::to_string(id));
-    return id != 3;
+template <class... T>
+void _note(const char *what, T... values) {
+    std::ostringstream call;
+    call << what;
+    ((call << ' ' << +values), ...);  // + : small integers as numbers
+    g_drv_calls.push_back(call.str());
 }
 
 tevix_drv_ops g_fake_ops = [] {
     tevix_drv_ops ops{};
-    ops.on_update_mod_freq = _on_freq;
-    ops.on_update_intg_time = _on_intg;
-    ops.on_update_fps = _on_fps;
-    ops.on_update_roi = _on_roi;
-    ops.filter_enable = _filter_on;
+    ops.on_update_mod_freq = [](tevix_drv_t *, uint32_t f0, uint32_t f1) { _note("freq", f0, f1); };
+    ops.on_update_intg_time = [](tevix_drv_t *, uint32_t v, uint8_t i) { _note("intg", v, i); };
+    ops.on_update_fps = [](tevix_drv_t *, uint32_t fps) { _note("fps", fps); };
+    ops.on_update_roi = [](tevix_drv_t *, const tevix_roi_t *r) {
+        _note("roi", r->left, r->binning);
+    };
+    ops.filter_enable = [](tevix_drv_t *, uint32_t id, const tevix_filter_arg_t *) {
+        _note("filter_on", id);
+        return id != 3;
+    };
     return ops;
 }();
 tevix_drv_t g_fake_drv{"fake driver", "F1", &g_fake_ops, nullptr, nullptr};
-
-tevix_param_item_t _item(uint32_t id, std::initializer_list<uint32_t> words) {
-    tevix_param_item_t it{};
-    it.id = id;
-    it.len = static_cast<uint8_t>(4 * words.size());
-    int i = 0;
-    for (uint32_t w : words) std::memcpy(it.value.u8 + 4 * i++, &w, 4);
-    return it;
-}
 
 class api_param : public ::testing::Test {
   protected:
@@ -73,7 +61,7 @@ class api_param : public ::testing::Test {
 }  // namespace
 
 TEST_F(api_param, set_sends_wire_items_and_maps_171_to_18_one_way) {
-    tevix_param_item_t items[2] = {_item(171, {7}), _item(18, {9})};
+    tevix_param_item_t items[2] = {param_item(171, {7}), param_item(18, {9})};
     std::memset(items[0].value.u8 + 4, 0xEE, 15);  // the 19th value byte never travels
     ASSERT_EQ(tevix_param_batch_set(&dev_, items, 2), 1);
     ASSERT_EQ(g_cam.sets.size(), 1u);
@@ -85,7 +73,7 @@ TEST_F(api_param, set_sends_wire_items_and_maps_171_to_18_one_way) {
     EXPECT_EQ(g_cam.busy_seen, 1);  // the busy count is held around the transfer
     EXPECT_EQ(dev_.busy, 0);
 
-    tevix_param_item_t get = _item(171, {});
+    tevix_param_item_t get = param_item(171, {});
     ASSERT_NE(tevix_param_batch_get(&dev_, &get, 1), 0);
     EXPECT_EQ(g_cam.gets[0][0].id, 171);  // reads keep the id
     EXPECT_EQ(get.len, 4);
@@ -96,19 +84,20 @@ TEST_F(api_param, set_sends_wire_items_and_maps_171_to_18_one_way) {
 
 TEST_F(api_param, accepted_sets_are_mirrored_into_session_and_driver) {
     tevix_session *s = dev_.session;
-    tevix_param_item_t f = _item(TEVIX_PARAM_MOD_FREQ, {12000000});
+    tevix_param_item_t f = param_item(TEVIX_PARAM_MOD_FREQ, {12000000});
     ASSERT_EQ(tevix_param_batch_set(&dev_, &f, 1), 1);
     EXPECT_EQ(s->mod_freq[0], 12000000u);
     EXPECT_EQ(s->mod_freq[1], 12000000u);
 
-    tevix_param_item_t dual = _item(TEVIX_PARAM_DUAL_FREQ, {20000000, 40000000});
+    tevix_param_item_t dual = param_item(TEVIX_PARAM_DUAL_FREQ, {20000000, 40000000});
     ASSERT_EQ(tevix_param_batch_set(&dev_, &dual, 1), 1);
     EXPECT_EQ(s->mod_freq[0], 20000000u);
     EXPECT_EQ(s->mod_freq[1], 40000000u);
 
-    tevix_param_item_t batch[5] = {_item(TEVIX_PARAM_FPS, {30}), _item(TEVIX_PARAM_INTG1, {800}),
-                                   _item(TEVIX_PARAM_INTG2, {0}), _item(TEVIX_PARAM_DEV_MOD, {9}),
-                                   _item(TEVIX_PARAM_DEV_CAP_MOD, {1, 2})};
+    tevix_param_item_t batch[5] = {
+        param_item(TEVIX_PARAM_FPS, {30}), param_item(TEVIX_PARAM_INTG1, {800}),
+        param_item(TEVIX_PARAM_INTG2, {0}), param_item(TEVIX_PARAM_DEV_MOD, {9}),
+        param_item(TEVIX_PARAM_DEV_CAP_MOD, {1, 2})};
     ASSERT_EQ(tevix_param_batch_set(&dev_, batch, 5), 1);
     EXPECT_EQ(s->fps, 30u);
     EXPECT_EQ(s->intg[0], 800u);
@@ -116,9 +105,7 @@ TEST_F(api_param, accepted_sets_are_mirrored_into_session_and_driver) {
     EXPECT_EQ(s->dev_mode, 9u);
     EXPECT_EQ(s->cap_mode, 1u);
 
-    tevix_param_item_t roi{};
-    roi.id = TEVIX_PARAM_ROI;
-    roi.len = 13;
+    tevix_param_item_t roi{TEVIX_PARAM_ROI, 13, {}};
     tevix_roi_t r{0, 239, 4, 323, 4, {}};
     std::memcpy(roi.value.u8, &r, sizeof r);
     ASSERT_EQ(tevix_param_batch_set(&dev_, &roi, 1), 1);
@@ -129,15 +116,15 @@ TEST_F(api_param, accepted_sets_are_mirrored_into_session_and_driver) {
 }
 
 TEST_F(api_param, rejected_set_changes_nothing) {
-    tevix_param_item_t intg = _item(TEVIX_PARAM_INTG1, {500});
+    tevix_param_item_t intg = param_item(TEVIX_PARAM_INTG1, {500});
     ASSERT_EQ(tevix_param_batch_set(&dev_, &intg, 1), 1);
     g_cam.accept = 0;
-    intg = _item(TEVIX_PARAM_INTG1, {900});
+    intg = param_item(TEVIX_PARAM_INTG1, {900});
     EXPECT_EQ(tevix_param_batch_set(&dev_, &intg, 1), 0);
     EXPECT_EQ(dev_.session->intg[0], 500u);
     EXPECT_EQ(g_drv_calls, (std::vector<std::string>{"intg 500 0"}));
 
-    tevix_param_item_t get = _item(TEVIX_PARAM_FPS, {});
+    tevix_param_item_t get = param_item(TEVIX_PARAM_FPS, {});
     EXPECT_EQ(tevix_param_batch_get(&dev_, &get, 1), 0);
     EXPECT_EQ(get.len, 0);
     EXPECT_EQ(dev_.busy, 0);
@@ -152,10 +139,10 @@ TEST_F(api_param, calls_without_a_driver) {
     tevix::test::log_capture log;
     dev_.session->drv = nullptr;
     // A dual frequency is stored through the driver only.
-    tevix_param_item_t dual = _item(TEVIX_PARAM_DUAL_FREQ, {20000000, 40000000});
+    tevix_param_item_t dual = param_item(TEVIX_PARAM_DUAL_FREQ, {20000000, 40000000});
     ASSERT_EQ(tevix_param_batch_set(&dev_, &dual, 1), 1);
     EXPECT_EQ(dev_.session->mod_freq[0], 0u);
-    tevix_param_item_t fps = _item(TEVIX_PARAM_FPS, {25});
+    tevix_param_item_t fps = param_item(TEVIX_PARAM_FPS, {25});
     ASSERT_EQ(tevix_param_batch_set(&dev_, &fps, 1), 1);
     EXPECT_EQ(dev_.session->fps, 25u);  // other ids only skip the driver call
 

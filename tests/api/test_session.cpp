@@ -1,9 +1,5 @@
-#include <unistd.h>
-
 #include <atomic>
-#include <cstring>
 #include <filesystem>
-#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -13,7 +9,6 @@
 #include "platform/platform.h"
 #include "test_util.h"
 #include "tevix/tevix.h"
-#include "tevix/vx_log.h"
 
 namespace {
 

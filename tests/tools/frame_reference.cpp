@@ -45,13 +45,10 @@ bool _decode(tevix_dev_t *dev, const std::vector<uint8_t> &raw, const tevix_fram
            tevix_frame_get_pcl(dev, d.xyz.data(), 3 * n, d.metres.data(), n, w, h, nullptr) > 0;
 }
 
-// A recording replayed in sync mode: every frame, no pacing.
 tevix_dev_t *_open_replay(const char *path) {
     tevix_dev_t *dev = tevix_dev_open_by_uri((std::string("file://") + path).c_str());
     if (!dev) return nullptr;
-    tevix_param_item_t sync{};
-    sync.id = TEVIX_PARAM_FPS;
-    sync.len = 4;  // frame rate 0: one frame per pull
+    tevix_param_item_t sync{TEVIX_PARAM_FPS, 4, {}};  // frame rate 0: one frame per pull
     tevix_param_batch_set(dev, &sync, 1);
     return dev;
 }

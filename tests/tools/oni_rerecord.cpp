@@ -8,11 +8,6 @@
 
 #include "openni_play.h"
 
-// OpenNI2 keeps allocations of its drivers past shutdown.
-extern "C" const char *__asan_default_options() {
-    return "detect_leaks=0";
-}
-
 int main(int argc, char **argv) {
     if (argc != 5) {
         std::fprintf(stderr, "usage: %s IN OUT depth|ir SETTLE_MS\n", argv[0]);

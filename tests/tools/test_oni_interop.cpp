@@ -22,16 +22,11 @@
 
 namespace oni = tevix::oni;
 using tevix::test::depth_frame;
+using tevix::test::get_at;
 using tevix::test::read_file;
 using tevix::test::temp_dir;
 using tevix::test::testdata;
 using tevix::test::write_depth_file;
-
-// OpenNI2 keeps allocations of its drivers, which it unloads at shutdown, so their leaks cannot
-// even be attributed; our code's leaks are checked by the other suites.
-extern "C" const char *__asan_default_options() {
-    return "detect_leaks=0";
-}
 
 namespace {
 
@@ -250,14 +245,11 @@ std::vector<confirmed> _read_side(const std::string &path) {
     std::vector<confirmed> out;
     const std::string b = read_file(path);
     for (size_t at = 0; at + 8 <= b.size();) {
-        uint32_t n[2];
-        std::memcpy(n, b.data() + at, 8);
-        const size_t end = at + 8 + n[0] + size_t{n[1]} * 2;
+        const uint32_t raw = get_at<uint32_t>(b, at), px = get_at<uint32_t>(b, at + 4);
+        const size_t end = at + 8 + raw + size_t{px} * 2;
         if (end > b.size()) break;  // the frame the kill interrupted
-        confirmed c;
-        c.raw = b.substr(at + 8, n[0]);
-        c.dist.resize(n[1]);
-        std::memcpy(c.dist.data(), b.data() + at + 8 + n[0], size_t{n[1]} * 2);
+        confirmed c{b.substr(at + 8, raw), std::vector<uint16_t>(px)};
+        std::memcpy(c.dist.data(), b.data() + at + 8 + raw, size_t{px} * 2);
         out.push_back(std::move(c));
         at = end;
     }
@@ -310,9 +302,7 @@ TEST_F(OniInterop, ARecordingWhoseWriterIsKilledIsRepairedWithEveryConfirmedFram
     tevix_log_cfg(7, 7, 7);
     tevix_dev_t *dev = tevix_dev_open_by_uri(("file://" + fixed).c_str());
     ASSERT_TRUE(dev);
-    tevix_param_item_t sync{};
-    sync.id = TEVIX_PARAM_FPS;
-    sync.len = 4;
+    tevix_param_item_t sync{TEVIX_PARAM_FPS, 4, {}};  // frame rate 0: one frame per pull
     ASSERT_TRUE(tevix_param_batch_set(dev, &sync, 1));
     ASSERT_TRUE(tevix_cap_start(dev));
     std::vector<uint8_t> buf(8u << 20);
