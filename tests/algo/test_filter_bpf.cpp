@@ -1,6 +1,5 @@
 // Recursive bilateral filter: init rules, range table, call checks, exact behaviour on flat,
 // stepped and weight-0 images, a plain reference of the recurrences, and SIMD/scalar identity.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>

@@ -1,6 +1,5 @@
 // Lens undistortion maps against OpenCV's initUndistortRectifyMap on the default EPC and SONY
 // lenses, binned sizes, map rebuilding, and resampling of u16 and float images.
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdint>

@@ -43,12 +43,6 @@ bool _scene(tevix_dev_t *dev, uint32_t target_mm, int16_t tcb, int16_t tib, bool
     return tevix_param_batch_set(dev, &it, 1) == 1;
 }
 
-// The station's mover: the virtual camera's target and temperatures, with shot noise as a real
-// sensor has it.
-int _place(tevix_dev_t *dev, const tevix_station_step_t *step, void *) {
-    return _scene(dev, step->distance_mm, step->tcb, step->tib, true) ? 0 : 1;
-}
-
 struct stats {
     double mean = 0, p95 = 0;
 };
@@ -144,7 +138,10 @@ TEST(calib_station, calibrate_download_fetch_and_measure) {
     cfg.n_temps = 5;
     cfg.frames = 30;
     cfg.ts = 4242;
-    cfg.place = _place;
+    // The virtual camera's target and temperatures, with shot noise as a real sensor has it.
+    cfg.place = [](tevix_dev_t *dev, const tevix_station_step_t *step, void *) {
+        return _scene(dev, step->distance_mm, step->tcb, step->tib, true) ? 0 : 1;
+    };
     uint32_t reports = 0;
     cfg.report = [](const tevix_station_step_t *step, uint32_t valid, float centre, int16_t tcb,
                     int16_t, void *user) {
