@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -61,11 +59,12 @@ TEST_F(CmapCtx, InitDefaultsComputedTableAndRanges) {
     EXPECT_EQ(vx_cmap_get_palette(&ctx), 0u);
     ASSERT_NE(ctx.table, nullptr);
     // Mid blue, blue-cyan, cyan-green mix, orange, and the darkened red of the last entry.
-    EXPECT_EQ(ctx.table[0], 0x7F0000u);
-    EXPECT_EQ(ctx.table[256], 0xFF7F00u);
-    EXPECT_EQ(ctx.table[512], 0x7FFF7Fu);
-    EXPECT_EQ(ctx.table[768], 0x00AAFFu);
-    EXPECT_EQ(ctx.table[1023], 0x0000BFu);
+    for (auto [i, c] : {std::pair{0, 0x7F0000u},
+                        {256, 0xFF7F00u},
+                        {512, 0x7FFF7Fu},
+                        {768, 0x00AAFFu},
+                        {1023, 0x0000BFu}})
+        EXPECT_EQ(ctx.table[i], c) << i;
     // Reversed bounds are swapped.
     vx_cmap_set_range(&ctx, 3000.0f, 1000.0f);
     EXPECT_EQ(ctx.range_min, 1000.0f);
@@ -137,9 +136,7 @@ TEST_F(CmapCtx, SingleValuesMarkersTableAndPalettes) {
     vx_cmap_set_range(&ctx, 0.0f, 4000.0f);
     vx_cmap_set_palette(&ctx, 0);
     // Outside (min, max] is black.
-    EXPECT_EQ(vx_cmap_get_color(&ctx, 0), 0u);
-    EXPECT_EQ(vx_cmap_get_color(&ctx, -3), 0u);
-    EXPECT_EQ(vx_cmap_get_color(&ctx, 4001), 0u);
+    for (int v : {0, -3, 4001}) EXPECT_EQ(vx_cmap_get_color(&ctx, v), 0u) << v;
     // Palette 0 reads the table backwards: the top of the range takes entry 0.
     EXPECT_EQ(vx_cmap_get_color(&ctx, 4000), ctx.table[0]);
     EXPECT_EQ(vx_cmap_get_color(&ctx, 2000), ctx.table[512]);
@@ -195,19 +192,14 @@ TEST_F(CmapCtx, U16RenderEdges) {
     vx_cmap_set_palette(&ctx, 1);
     const std::vector<uint16_t> px = {0, 100, 101, 354, 355, 356, 65535, 228};
     const auto c = render<uint16_t>(&ctx, px, 100, 355);
-    EXPECT_EQ(c[0], 0u);
-    EXPECT_EQ(c[1], 0u);  // min is black
-    EXPECT_EQ(c[2], row_colour(1, 1));
-    EXPECT_EQ(c[3], row_colour(1, 254));
-    EXPECT_EQ(c[4], row_colour(1, 255));  // max takes the last row, never past it
-    EXPECT_EQ(c[5], c[4]);                // above max renders as max
-    EXPECT_EQ(c[6], c[4]);
-    EXPECT_EQ(c[7], row_colour(1, 128));
+    // min is black; max takes the last row, never past it, and above max renders as max.
+    const uint32_t top = row_colour(1, 255);
+    EXPECT_EQ(c, (std::vector<uint32_t>{0u, 0u, row_colour(1, 1), row_colour(1, 254), top, top, top,
+                                        row_colour(1, 128)}));
     // The equalisation flag changes nothing for 16-bit images.
     EXPECT_EQ(render<uint16_t>(&ctx, px, 100, 355, 1), c);
     // An empty range: every pixel above min takes the last row.
-    const auto flat = render<uint16_t>(&ctx, {5, 6, 9000}, 5, 5);
-    EXPECT_EQ(flat, (std::vector<uint32_t>{0u, row_colour(1, 255), row_colour(1, 255)}));
+    EXPECT_EQ(render<uint16_t>(&ctx, {5, 6, 9000}, 5, 5), (std::vector<uint32_t>{0u, top, top}));
 }
 
 // Rows 254 and 255 blend at most with row 255, for every palette (ASan checks the reads).
@@ -234,12 +226,10 @@ TEST_F(CmapCtx, U16LargeAndSmallImagesAgree) {
 TEST_F(CmapCtx, F32RenderEdges) {
     vx_cmap_set_palette(&ctx, 3);
     const auto c = render<float>(&ctx, {0.5f, 0.4f, qnan, 1.5f, 2.0f, 1e9f, 1.0f}, 0.5f, 1.5f);
-    EXPECT_EQ(c[0], 0u);
-    EXPECT_EQ(c[1], 0u);
-    EXPECT_EQ(c[2], 0u);  // NaN is black
-    EXPECT_EQ(c[3], row_colour(3, 255));
-    EXPECT_EQ(c[4], c[3]);
-    EXPECT_EQ(c[5], c[3]);
+    // min, below it and NaN are black; max and above take the last row.
+    const uint32_t top = row_colour(3, 255);
+    EXPECT_EQ(std::vector(c.begin(), c.begin() + 6),
+              (std::vector<uint32_t>{0, 0, 0, top, top, top}));
     // Half way blends rows 127 and 128 evenly.
     for (int ch = 0; ch < 3; ++ch) {
         const int got = (c[6] >> (8 * ch)) & 0xFF;
@@ -275,13 +265,8 @@ TEST(CmapHisteq, U16InPlaceTruncates) {
     std::vector<uint16_t> px = {1000, 1000, 3000, 0, 5000, 4999};
     // Bins of 1000 over [0, 5000): bins 1, 1, 3, outlier, outlier, 4.
     ASSERT_EQ(vx_cmap_histeq_u16(px.data(), px.data(), 6, 0, 5000, 5, 0), 0);
-    const float norm = 4.001f;
-    EXPECT_EQ(px[0], static_cast<uint16_t>(2 * 5000.0f / norm));
-    EXPECT_EQ(px[1], px[0]);
-    EXPECT_EQ(px[2], static_cast<uint16_t>(3 * 5000.0f / norm));
-    EXPECT_EQ(px[3], 0);
-    EXPECT_EQ(px[4], 0);
-    EXPECT_EQ(px[5], static_cast<uint16_t>(4 * 5000.0f / norm));
+    const auto level = [](int k) { return static_cast<uint16_t>(k * 5000.0f / 4.001f); };
+    EXPECT_EQ(px, (std::vector<uint16_t>{level(2), level(2), level(3), 0, 0, level(4)}));
     EXPECT_EQ(vx_cmap_histeq_u16(px.data(), nullptr, 6, 0, 5000, 5, 0), -22);
 }
 

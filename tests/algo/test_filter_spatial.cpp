@@ -1,6 +1,5 @@
 // Spatial filters on u16 distance images against plain per-pixel references, on exact small
 // cases, and SIMD against scalar on random images of odd sizes.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
@@ -61,50 +60,47 @@ uint16_t lower_median(std::vector<uint16_t> v) {
     return v[(v.size() - 1) / 2];
 }
 
-image ref_median(const image &in, uint32_t w, uint32_t h, int k) {
+// Each pixel replaced by f(x, y, its value).
+template <class F>
+image per_pixel(const image &in, uint32_t w, uint32_t h, F f) {
     image out = in;
     for (uint32_t y = 0; y < h; ++y)
-        for (uint32_t x = 0; x < w; ++x)
-            if (valid(in[size_t(y) * w + x]))
-                out[size_t(y) * w + x] = lower_median(window(in, w, h, x, y, k, true));
+        for (uint32_t x = 0; x < w; ++x) out[size_t(y) * w + x] = f(x, y, in[size_t(y) * w + x]);
     return out;
 }
 
+image ref_median(const image &in, uint32_t w, uint32_t h, int k) {
+    return per_pixel(in, w, h, [&](uint32_t x, uint32_t y, uint16_t v) {
+        return valid(v) ? lower_median(window(in, w, h, x, y, k, true)) : v;
+    });
+}
+
 image ref_flypix(const image &in, uint32_t w, uint32_t h, int k, uint32_t threshold) {
-    image out = in;
     const int level = 32 - int(std::min(threshold, 31u));
     auto at = [&](int x, int y) -> int {
         if (x < 0 || y < 0 || x >= int(w) || y >= int(h)) return 0;
         return in[size_t(y) * w + x];
     };
-    for (int y = 0; y < int(h); ++y)
-        for (int x = 0; x < int(w); ++x) {
-            const int c = at(x, y);
-            if (!valid(uint16_t(c))) continue;
-            const int margin = (c * level) >> 8;
-            bool flying = false;
-            for (int r = 1; r <= k / 2; ++r)
-                for (auto [dx, dy] : {std::pair{1, 0}, {0, 1}, {1, 1}, {-1, 1}}) {
-                    const int a = at(x - r * dx, y - r * dy), b = at(x + r * dx, y + r * dy);
-                    if (!valid(uint16_t(a)) || !valid(uint16_t(b))) continue;
-                    const int lo = std::min(a, b), hi = std::max(a, b);
-                    if (c - lo > margin && hi - c > margin) flying = true;
-                }
-            if (flying) out[size_t(y) * w + x] = 0;
-        }
-    return out;
+    return per_pixel(in, w, h, [&](uint32_t ux, uint32_t uy, uint16_t c) -> uint16_t {
+        if (!valid(c)) return c;
+        const int x = int(ux), y = int(uy), margin = (c * level) >> 8;
+        for (int r = 1; r <= k / 2; ++r)
+            for (auto [dx, dy] : {std::pair{1, 0}, {0, 1}, {1, 1}, {-1, 1}}) {
+                const int a = at(x - r * dx, y - r * dy), b = at(x + r * dx, y + r * dy);
+                if (!valid(uint16_t(a)) || !valid(uint16_t(b))) continue;
+                if (c - std::min(a, b) > margin && std::max(a, b) - c > margin) return 0;
+            }
+        return c;
+    });
 }
 
 image ref_fhole(const image &in, uint32_t w, uint32_t h, uint32_t param) {
-    image out = in;
     const size_t m = param == 0 ? 7 : std::min(param, 8u);
-    for (uint32_t y = 0; y < h; ++y)
-        for (uint32_t x = 0; x < w; ++x) {
-            if (in[size_t(y) * w + x] != 0) continue;
-            const auto nb = window(in, w, h, x, y, 3, false);
-            if (nb.size() >= m) out[size_t(y) * w + x] = lower_median(nb);
-        }
-    return out;
+    return per_pixel(in, w, h, [&](uint32_t x, uint32_t y, uint16_t v) {
+        if (v != 0) return v;
+        const auto nb = window(in, w, h, x, y, 3, false);
+        return nb.size() >= m ? lower_median(nb) : v;
+    });
 }
 
 // Runs fn(img, w, h, param) on a copy of img at every level; the levels must agree.
@@ -177,15 +173,12 @@ TEST(FilterSpatial, FholeMatchesReference) {
 
 // Rounded mean of the valid pixels of each valid pixel's window.
 image ref_box(const image &in, uint32_t w, uint32_t h, int k) {
-    image out = in;
-    for (uint32_t y = 0; y < h; ++y)
-        for (uint32_t x = 0; x < w; ++x)
-            if (valid(in[size_t(y) * w + x])) {
-                const auto v = window(in, w, h, x, y, k, true);
-                const uint64_t sum = std::accumulate(v.begin(), v.end(), uint64_t{0});
-                out[size_t(y) * w + x] = uint16_t((sum + v.size() / 2) / v.size());
-            }
-    return out;
+    return per_pixel(in, w, h, [&](uint32_t x, uint32_t y, uint16_t v) {
+        if (!valid(v)) return v;
+        const auto win = window(in, w, h, x, y, k, true);
+        const uint64_t sum = std::accumulate(win.begin(), win.end(), uint64_t{0});
+        return uint16_t((sum + win.size() / 2) / win.size());
+    });
 }
 
 // Values over the whole 16-bit range, so that 31 x 31 windows need every bit of the sums.
@@ -213,25 +206,22 @@ TEST(FilterSpatial, BoxMatchesReference) {
 
 // Normalised Gaussian convolution by brute force, in double.
 image ref_gauss(const image &in, uint32_t w, uint32_t h, double sx, double sy) {
-    image out = in;
     const int rx = int(std::ceil(4 * sx)), ry = int(std::ceil(4 * sy));
-    for (uint32_t y = 0; y < h; ++y)
-        for (uint32_t x = 0; x < w; ++x) {
-            if (!valid(in[size_t(y) * w + x])) continue;
-            double num = 0, den = 0;
-            for (int dy = -ry; dy <= ry; ++dy)
-                for (int dx = -rx; dx <= rx; ++dx) {
-                    const int xx = int(x) + dx, yy = int(y) + dy;
-                    if (xx < 0 || yy < 0 || xx >= int(w) || yy >= int(h)) continue;
-                    const uint16_t q = in[size_t(yy) * w + xx];
-                    if (!valid(q)) continue;
-                    const double g = std::exp(-0.5 * (dx * dx / (sx * sx) + dy * dy / (sy * sy)));
-                    num += g * q;
-                    den += g;
-                }
-            out[size_t(y) * w + x] = uint16_t(std::lround(num / den));
-        }
-    return out;
+    return per_pixel(in, w, h, [&](uint32_t x, uint32_t y, uint16_t v) {
+        if (!valid(v)) return v;
+        double num = 0, den = 0;
+        for (int dy = -ry; dy <= ry; ++dy)
+            for (int dx = -rx; dx <= rx; ++dx) {
+                const int xx = int(x) + dx, yy = int(y) + dy;
+                if (xx < 0 || yy < 0 || xx >= int(w) || yy >= int(h)) continue;
+                const uint16_t q = in[size_t(yy) * w + xx];
+                if (!valid(q)) continue;
+                const double g = std::exp(-0.5 * (dx * dx / (sx * sx) + dy * dy / (sy * sy)));
+                num += g * q;
+                den += g;
+            }
+        return uint16_t(std::lround(num / den));
+    });
 }
 
 TEST(FilterSpatial, GaussMatchesConvolution) {

@@ -1,9 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <bit>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <limits>
 #include <random>
 #include <type_traits>
@@ -72,9 +69,7 @@ TEST(Pcl, SixtyMetresAndNaNGiveOrigin) {
     const uint32_t fourth[4] = {0x7FC01234u, 7u, 8u, 9u};
     const auto out = run(im, 4, false, nullptr, fourth);
     for (int p : {0, 2, 3}) {
-        EXPECT_EQ(out[p * 4], 0.0f);
-        EXPECT_EQ(out[p * 4 + 1], 0.0f);
-        EXPECT_EQ(out[p * 4 + 2], 0.0f);
+        for (int c = 0; c < 3; ++c) EXPECT_EQ(out[p * 4 + c], 0.0f) << p;
         EXPECT_EQ(std::bit_cast<uint32_t>(out[p * 4 + 3]), fourth[p]);
     }
     EXPECT_GT(out[6], 59.0f);
@@ -127,22 +122,14 @@ TEST(Pcl, DepthOnlyWithoutMapEqualsMaskedInput) {
 TEST(Pcl, TrailingPartialGroupUntouched) {
     const uint32_t fourth[322 * 3] = {};
     const image im = flat(322, 3, 1.0f, 160, 1, 300, 300);
-    for (int comps : {1, 3, 4}) {
+    for (int comps : {1, 3, 4})
         for (bool dz : {false, true}) {
             const auto out = run(im, comps, dz, nullptr, comps == 4 ? fourth : nullptr);
-            for (int v = 0; v < 3; ++v) {
-                for (int u = 0; u < 322; ++u) {
-                    const float *p = &out[static_cast<size_t>(v * 322 + u) * comps];
-                    for (int c = 0; c < comps; ++c) {
-                        if (u >= 320)
-                            ASSERT_EQ(p[c], sentinel) << u << "," << v << " c" << c;
-                        else
-                            ASSERT_NE(p[c], sentinel) << u << "," << v << " c" << c;
-                    }
-                }
+            for (size_t i = 0; i < out.size(); ++i) {
+                const size_t u = i / size_t(comps) % 322;
+                ASSERT_EQ(out[i] == sentinel, u >= 320) << "pixel " << i / size_t(comps);
             }
         }
-    }
 }
 
 TEST(Pcl, MillimetreInputInMetres) {
@@ -150,11 +137,8 @@ TEST(Pcl, MillimetreInputInMetres) {
     const float intr[4] = {0, 0, 1000, 1000};
     const auto out = run(mm, 8, 1, intr, 1, true);
     EXPECT_EQ(out[0], 1500.0f * 0.001f);
-    EXPECT_EQ(out[1], 0.0f);
     EXPECT_GT(out[2], 59.99f);
-    EXPECT_EQ(out[3], 0.0f);
-    EXPECT_EQ(out[4], 0.0f);
-    EXPECT_EQ(out[5], 0.0f);
+    for (int i : {1, 3, 4, 5}) EXPECT_EQ(out[i], 0.0f) << i;
     const auto xyz = run(mm, 8, 1, intr, 3, false);
     EXPECT_FLOAT_EQ(xyz[6 * 3], 0.006f);  // (6 - 0) / 1000 * 1 m
     EXPECT_EQ(xyz[4 * 3 + 2], 0.0f);

@@ -1,7 +1,6 @@
 // Dual-frequency unwrapping against known distances: the whole combined range without noise,
 // noise that never produces a wrong wrap, disagreeing phases marked invalid, and every
 // instruction-set level giving the same bits.
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <random>

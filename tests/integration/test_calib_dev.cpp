@@ -1,29 +1,13 @@
-// Calibration through the camera: a container packed (zipped or not) and downloaded into the
-// virtual camera's flash, the local cache deleted (or older than the camera's), the camera opened
-// again: the driver fetches the calibration in upload mode, caches it, mounts it, and the
-// distances come out calibrated. Also the upload rules under lost and stray frames, damaged
-// uploads, and the packing edge cases.
-#include <unistd.h>
-
+// Calibration through the camera: a container downloaded into the virtual camera's flash is
+// fetched in upload mode at the next open, cached and mounted, and the distances come out
+// calibrated. Also the upload rules under lost and stray frames, damaged uploads, and packing.
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "calib/calib_dev_xfer.h"
 #include "calib/calib_writer.h"
 #include "drivers/drv_calib.h"
-#include "scene/scene.h"
-#include "test_util.h"
-#include "tevix/tevix.h"
-#include "tevix/tevix_param.h"
-#include "vcam.h"
 #include "vcam_env.h"
 
 namespace {
@@ -53,19 +37,10 @@ class calib_dev : public ::testing::Test {
   protected:
     void SetUp() override {
         calib_env::cam()->reset();
-        old_cwd_ = fs::current_path();
-        fs::current_path(work_.path());
-        prefix_ = cache_.path().string() + "/";
-        tevix_path_set(prefix_.c_str());
         tevix::calib::param_container c;
         c.ts = 1234;
         c.blocks = {{1, _block(150)}};
-        source_ = work_.file("factory.bin");
         ASSERT_TRUE(tevix::calib::param_container_write(source_, c));
-    }
-    void TearDown() override {
-        tevix_path_set("");
-        fs::current_path(old_cwd_);
     }
     template <class F>
     auto fw(F &&f) {
@@ -79,14 +54,11 @@ class calib_dev : public ::testing::Test {
         if (!dev) return -1;
         EXPECT_EQ(tevix_cap_start(dev), 1);
         std::vector<uint8_t> raw(8u << 20);
-        std::vector<uint16_t> mm(320 * 240);
         tevix_frame_info_t info{};
         int got = 0;
         for (int i = 0; i < 50 && got != 1; ++i) got = tevix::test::pull(dev, raw, &info);
         EXPECT_EQ(got, 1);
-        EXPECT_GT(tevix_frame_get_dist_u16(dev, mm.data(), uint32_t(mm.size()), raw.data(),
-                                           info.size, &info),
-                  0);
+        const auto mm = tevix::test::decode(tevix_frame_get_dist_u16, dev, raw, info, 320 * 240);
         tevix_cap_stop(dev);
         tevix_dev_close(dev);
         // The mean of a central patch: the scene's noise averages out.
@@ -99,15 +71,15 @@ class calib_dev : public ::testing::Test {
     }
     std::string cached() {
         tevix_dev_t *dev = tevix_dev_open(nullptr);
-        char name[512];
-        std::string p = dev ? tevix_get_param_absolute_name(dev, name, sizeof name) : "";
+        std::string p = dev ? tevix::test::param_path(dev) : "";
         if (dev) tevix_dev_close(dev);
         return p;
     }
 
-    tevix::test::temp_dir work_, cache_;
-    fs::path old_cwd_;
-    std::string prefix_, source_;
+    tevix::test::calib_dirs dirs_;
+    const std::string &prefix_ = dirs_.prefix;
+    const tevix::test::temp_dir &work_ = dirs_.work;
+    const std::string source_ = work_.file("factory.bin");
 };
 
 // The zipped download takes the same fetch, cache and mount path in the station test; here the
@@ -172,8 +144,7 @@ TEST_F(calib_dev, damaged_uploads_leave_no_container_and_the_defaults) {
     };
     tevix_dev_t dev{};
     dev.path_prefix = prefix_.c_str();
-    char name[512];
-    const std::string container = tevix_get_param_absolute_name(&dev, name, sizeof name);
+    const std::string container = tevix::test::param_path(&dev);
     const std::string bin = prefix_ + "calibration.bin";
     for (const auto &c : cases) {
         ASSERT_TRUE(tevix::test::write_text(bin, c.bytes)) << c.what;
@@ -205,8 +176,7 @@ TEST_F(calib_dev, lost_and_stray_upload_frames) {
     tevix_dev_t *dev = tevix_dev_open(nullptr);
     ASSERT_NE(dev, nullptr);
     ASSERT_TRUE(tevix_calib_bin_data_pk_and_download_ex(dev, false, true, big_path.c_str()));
-    char name[512];
-    const std::string cache = tevix_get_param_absolute_name(dev, name, sizeof name);
+    const std::string cache = tevix::test::param_path(dev);
     struct run {
         const char *what;
         void (*fault)(firmware &);

@@ -1,26 +1,15 @@
-// The calibration station end to end over libusb against a virtual camera with its unit's own
-// systematic errors: the station drives the flat target and the temperatures through the
-// camera's scene control, fits and writes the container, which is packed and downloaded into the
-// camera; with the local cache deleted, the next open fetches it in upload mode, caches and mounts
-// it, and the room scene comes out calibrated. The errors against the scene's truth, before and
-// after, per frequency, without and with noise, and over a temperature sweep.
+// The calibration station end to end against a virtual camera with its unit's own systematic
+// errors: the station drives target and temperatures through the camera's scene control, writes
+// the container, which is downloaded, fetched back at the next open and mounted. The errors
+// against the scene's truth before and after, per frequency, with and without noise, and over a
+// temperature sweep.
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "scene/scene.h"
-#include "test_util.h"
-#include "tevix/tevix.h"
-#include "tevix/tevix_param.h"
-#include "vcam.h"
 #include "vcam_env.h"
 
 namespace {
@@ -52,12 +41,6 @@ bool _scene(tevix_dev_t *dev, uint32_t target_mm, int16_t tcb, int16_t tib, bool
     std::memcpy(it.value.u8 + 6, &tib, 2);
     it.value.u8[8] = noise ? tevix::emu::k_scene_noise : 0;
     return tevix_param_batch_set(dev, &it, 1) == 1;
-}
-
-// The station's mover: the virtual camera's target and temperatures, with shot noise as a real
-// sensor has it.
-int _place(tevix_dev_t *dev, const tevix_station_step_t *step, void *) {
-    return _scene(dev, step->distance_mm, step->tcb, step->tib, true) ? 0 : 1;
 }
 
 struct stats {
@@ -134,12 +117,8 @@ tevix_dev_t *_open() {
 }
 
 TEST(calib_station, calibrate_download_fetch_and_measure) {
-    tevix::test::temp_dir work, cache;
-    const fs::path old_cwd = fs::current_path();
-    fs::current_path(work.path());
-    const std::string prefix = cache.path().string() + "/";
-    tevix_path_set(prefix.c_str());
-    const std::string out = work.file("station.bin");
+    const tevix::test::calib_dirs dirs;
+    const std::string out = dirs.work.file("station.bin");
 
     tevix_dev_t *dev = _open();
     ASSERT_NE(dev, nullptr);
@@ -159,7 +138,10 @@ TEST(calib_station, calibrate_download_fetch_and_measure) {
     cfg.n_temps = 5;
     cfg.frames = 30;
     cfg.ts = 4242;
-    cfg.place = _place;
+    // The virtual camera's target and temperatures, with shot noise as a real sensor has it.
+    cfg.place = [](tevix_dev_t *dev, const tevix_station_step_t *step, void *) {
+        return _scene(dev, step->distance_mm, step->tcb, step->tib, true) ? 0 : 1;
+    };
     uint32_t reports = 0;
     cfg.report = [](const tevix_station_step_t *step, uint32_t valid, float centre, int16_t tcb,
                     int16_t, void *user) {
@@ -185,8 +167,7 @@ TEST(calib_station, calibrate_download_fetch_and_measure) {
     tevix_dev_close(dev);
     dev = _open();
     ASSERT_NE(dev, nullptr);
-    char name[512];
-    const std::string cached = tevix_get_param_absolute_name(dev, name, sizeof name);
+    const std::string cached = tevix::test::param_path(dev);
     tevix_dev_close(dev);
     fs::remove(cached);
     dev = _open();
@@ -199,8 +180,8 @@ TEST(calib_station, calibrate_download_fetch_and_measure) {
     // Pixel calibration (filter 1) brings in each pixel's offset.
     tevix_filter_arg_t on{};
     ASSERT_EQ(tevix_filter_enable(dev, 1, &on), 0);
-    EXPECT_FALSE(fs::exists(work.file("tmp.zip")));
-    EXPECT_FALSE(fs::exists(prefix + "calibration.bin"));
+    EXPECT_FALSE(fs::exists(dirs.work.file("tmp.zip")));
+    EXPECT_FALSE(fs::exists(dirs.prefix + "calibration.bin"));
 
     // The room at each frequency, without and with noise (the accuracy over the mean of 50
     // frames, and one frame alone).
@@ -242,8 +223,6 @@ TEST(calib_station, calibrate_download_fetch_and_measure) {
     EXPECT_GT(worst_raw, 40.0);  // the drift itself: centimetres over 10 C
     ASSERT_TRUE(_scene(dev, 0, k_cal_cb, k_cal_ib, false));
     tevix_dev_close(dev);
-    tevix_path_set("");
-    fs::current_path(old_cwd);
 }
 
 }  // namespace

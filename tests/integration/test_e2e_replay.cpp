@@ -6,17 +6,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ll/oni/oni.h"
-#include "scene/scene.h"
-#include "test_util.h"
-#include "tevix/tevix.h"
-#include "vcam.h"
 #include "vcam_env.h"
 
 namespace {
@@ -68,10 +59,7 @@ class e2e_replay : public ::testing::Test {
             ASSERT_EQ(n, 1) << "frame " << k << ": " << tevix_error_name(n);
             ASSERT_GT(c.info.size, 0u);
             c.raw.assign(buf.begin(), buf.begin() + c.info.size);
-            c.dist.resize(k_n);
-            ASSERT_EQ(tevix_frame_get_dist_u16(dev, c.dist.data(), k_n, c.raw.data(), c.info.size,
-                                               &c.info),
-                      static_cast<int>(k_n));
+            c.dist = tevix::test::decode(tevix_frame_get_dist_u16, dev, buf, c.info, k_n);
             live_.push_back(std::move(c));
         }
         ASSERT_EQ(tevix_cap_stop(dev), 1);
@@ -110,10 +98,8 @@ class e2e_replay : public ::testing::Test {
         const uint64_t ts = rec_ts_[k];
         EXPECT_EQ(info.ts_sec % 86400, ts / 1000000 % 86400);
         EXPECT_EQ(info.ts_usec, ts % 1000000 / 64 * 64);
-        std::vector<uint16_t> dist(k_n);
-        ASSERT_EQ(tevix_frame_get_dist_u16(dev, dist.data(), k_n, buf.data(), info.size, &info),
-                  static_cast<int>(k_n));
-        EXPECT_TRUE(dist == want.dist) << "distance image differs";
+        EXPECT_TRUE(tevix::test::decode(tevix_frame_get_dist_u16, dev, buf, info, k_n) == want.dist)
+            << "distance image differs";
     }
 
     static inline std::unique_ptr<tevix::test::temp_dir> dir_;

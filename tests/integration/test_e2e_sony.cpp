@@ -1,26 +1,15 @@
-// End to end over the real libusb with virtual SONY units: the camera interface opens them, the
-// SONY driver decodes what they stream, and distance, grey and point clouds come back through the
-// usual calls, checked against the scene's truth. Unit 1 (usb://1:2) is ideal; unit 2 (usb://1:3)
+// End to end over the real libusb with virtual SONY units: the SONY driver decodes what they
+// stream, checked against the scene's truth. Unit 1 (usb://1:2) is ideal; unit 2 (usb://1:3)
 // carries its systematic errors, for calibration; unit 3 (usb://2:2) sees the room with a weak
 // signal and shot noise.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
 #include <iostream>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "calib/calib_writer.h"
 #include "drivers/drv_calib.h"
 #include "scene/sony_scene.h"
 #include "scene_accuracy.h"
-#include "test_util.h"
-#include "tevix/tevix.h"
-#include "vcam.h"
 #include "vcam_env.h"
 
 namespace {
@@ -71,17 +60,19 @@ uint32_t _fw_u32(int unit, uint8_t id) {
 
 using tevix::test::accuracy;
 
-accuracy _accuracy(int unit, const std::vector<uint16_t> &mm, double limit_mm,
+// The errors of unit's distances mm, printed under the name what.
+accuracy _accuracy(const char *what, int unit, const std::vector<uint16_t> &mm, double limit_mm,
                    double far_mm = 100) {
-    return tevix::test::scene_accuracy(_scene(unit), mm, limit_mm, far_mm);
+    const accuracy a = tevix::test::scene_accuracy(_scene(unit), mm, limit_mm, far_mm);
+    std::cout << what << " over USB: " << a.valid << "/" << a.checked << " valid, mean " << a.mean
+              << " mm, p95 " << a.p95 << " mm, max " << a.max << " mm\n";
+    return a;
 }
 
 class sony_e2e : public ::testing::Test {
   protected:
     void SetUp() override {
         for (size_t unit = 0; unit < 3; ++unit) vcam_env::cam(unit)->reset();
-        prefix_ = dir_.path().string() + "/";
-        tevix_path_set(prefix_.c_str());
     }
     void TearDown() override {
         if (dev_) tevix_dev_close(dev_);
@@ -111,14 +102,10 @@ class sony_e2e : public ::testing::Test {
         ASSERT_EQ(good, 2) << "last pull " << tevix_error_name(last) << ", format " << info_.format;
     }
     std::vector<uint16_t> distance() {
-        std::vector<uint16_t> mm(k_n);
-        EXPECT_EQ(tevix_frame_get_dist_u16(dev_, mm.data(), k_n, raw_.data(), info_.size, &info_),
-                  int(k_n));
-        return mm;
+        return tevix::test::decode(tevix_frame_get_dist_u16, dev_, raw_, info_, k_n);
     }
 
-    tevix::test::temp_dir dir_;
-    std::string prefix_;
+    const tevix::test::calib_dirs dirs_;  // an empty parameter directory
     tevix_dev_t *dev_ = nullptr;
     std::vector<uint8_t> raw_ = std::vector<uint8_t>(8u << 20);
     tevix_frame_info_t info_{};
@@ -141,22 +128,16 @@ TEST_F(sony_e2e, single_frequency_distance_grey_and_points) {
     ASSERT_TRUE(set(TEVIX_PARAM_MOD_FREQ, 20000000));
     ASSERT_NO_FATAL_FAILURE(capture(2));
     EXPECT_EQ(info_.width, k_w);
-    const std::vector<uint16_t> mm = distance();
-    const accuracy a = _accuracy(0, mm, 1e9);
-    std::cout << "20 MHz over USB: " << a.valid << "/" << a.checked << " valid, mean " << a.mean
-              << " mm, p95 " << a.p95 << " mm, max " << a.max << " mm\n";
+    const accuracy a = _accuracy("20 MHz", 0, distance(), 1e9);
     EXPECT_EQ(a.valid, a.checked);
     EXPECT_LE(a.max, 2.0);
 
-    std::vector<uint16_t> grey(k_n);
-    ASSERT_EQ(tevix_frame_get_gray_u16(dev_, grey.data(), k_n, raw_.data(), info_.size, &info_),
-              int(k_n));
+    const auto grey = tevix::test::decode(tevix_frame_get_gray_u16, dev_, raw_, info_, k_n);
     const uint32_t c = (k_h / 2) * k_w + k_w / 2;
     EXPECT_NEAR(grey[c], _scene(0).amplitude()[c], _scene(0).amplitude()[c] * 0.06);
 
-    std::vector<float> m(k_n), pcl(3 * k_n);
-    ASSERT_EQ(tevix_frame_get_dist_f32(dev_, m.data(), k_n, raw_.data(), info_.size, &info_),
-              int(k_n));
+    const auto m = tevix::test::decode(tevix_frame_get_dist_f32, dev_, raw_, info_, k_n);
+    std::vector<float> pcl(3 * k_n);
     ASSERT_EQ(tevix_frame_get_pcl(dev_, pcl.data(), 3 * k_n, m.data(), k_n, k_w, k_h, nullptr),
               int(k_n));
     for (uint32_t i : {c, c + 200, 100 * k_w + 50}) {
@@ -172,9 +153,7 @@ TEST_F(sony_e2e, dual_frequency_unwraps_the_deep_room) {
     ASSERT_NE(open(0), nullptr);
     ASSERT_TRUE(dual());
     ASSERT_NO_FATAL_FAILURE(capture(17));
-    const accuracy a = _accuracy(0, distance(), 6000);
-    std::cout << "100 + 80 MHz over USB: " << a.valid << "/" << a.checked << " valid, mean "
-              << a.mean << " mm, p95 " << a.p95 << " mm, max " << a.max << " mm\n";
+    const accuracy a = _accuracy("100 + 80 MHz", 0, distance(), 6000);
     EXPECT_GT(a.checked, k_n / 2);
     EXPECT_EQ(a.valid, a.checked);
     EXPECT_LE(a.max, 2.0);
@@ -186,9 +165,7 @@ TEST_F(sony_e2e, dual_frequency_marks_pixels_whose_phases_disagree) {
     ASSERT_NE(open(2), nullptr);
     ASSERT_TRUE(dual());
     ASSERT_NO_FATAL_FAILURE(capture(17));
-    const accuracy a = _accuracy(2, distance(), 7000, 250);
-    std::cout << "weak signal over USB, 100 + 80 MHz: " << a.checked - a.valid << " of "
-              << a.checked << " marked, mean " << a.mean << " mm, p95 " << a.p95 << " mm\n";
+    const accuracy a = _accuracy("weak signal, 100 + 80 MHz", 2, distance(), 7000, 250);
     EXPECT_LT(a.valid, a.checked);
     EXPECT_GT(a.valid, a.checked * 80 / 100);
     EXPECT_EQ(a.far_off, 0u);
@@ -204,7 +181,7 @@ TEST_F(sony_e2e, second_integration_time_streams_hdr_frames) {
     ASSERT_TRUE(set(TEVIX_PARAM_INTG2, 250, 0, 2));
     EXPECT_EQ(_fw_u32(0, TEVIX_PARAM_FRM_FMT), 15u);
     ASSERT_NO_FATAL_FAILURE(capture(15));
-    const accuracy a = _accuracy(0, distance(), 1e9);
+    const accuracy a = _accuracy("HDR", 0, distance(), 1e9);
     EXPECT_GT(a.valid, a.checked * 99 / 100);
     EXPECT_LT(a.p95, 30.0);  // eight-bit samples
     ASSERT_TRUE(set(TEVIX_PARAM_INTG2, 0, 0, 2));
@@ -216,8 +193,7 @@ TEST_F(sony_e2e, second_integration_time_streams_hdr_frames) {
 // mount, and the calibrated distance is clearly closer to the truth than the raw one.
 TEST_F(sony_e2e, calibration_container_removes_the_units_errors) {
     ASSERT_NE(open(1), nullptr);
-    char name[512];
-    const std::string path = tevix_get_param_absolute_name(dev_, name, sizeof name);
+    const std::string path = tevix::test::param_path(dev_);
     tevix_dev_close(dev_);
     const tevix::emu::sony_renderer &r = _scene(1);
     tevix::calib::param_container c;
@@ -231,13 +207,9 @@ TEST_F(sony_e2e, calibration_container_removes_the_units_errors) {
     ASSERT_EQ(tevix_filter_enable(dev_, TEVIX_FILTER_PIX_CALIB, nullptr), 0);
     ASSERT_TRUE(dual());
     ASSERT_NO_FATAL_FAILURE(capture(17));
-    std::vector<uint16_t> raw(k_n);
-    ASSERT_EQ(tevix_frame_get_dist_raw(dev_, raw.data(), k_n, raw_.data(), info_.size, &info_),
-              int(k_n));
-    const accuracy before = _accuracy(1, raw, 6000), after = _accuracy(1, distance(), 6000);
-    std::cout << "unit errors over USB, 100 + 80 MHz: uncalibrated mean " << before.mean
-              << " mm, p95 " << before.p95 << " mm; calibrated mean " << after.mean << " mm, p95 "
-              << after.p95 << " mm\n";
+    const auto raw = tevix::test::decode(tevix_frame_get_dist_raw, dev_, raw_, info_, k_n);
+    const accuracy before = _accuracy("unit errors, uncalibrated", 1, raw, 6000);
+    const accuracy after = _accuracy("unit errors, calibrated", 1, distance(), 6000);
     EXPECT_GT(before.mean, 5.0);
     EXPECT_LT(after.mean, before.mean / 3);
     EXPECT_LT(after.p95, before.p95 / 2);

@@ -5,22 +5,16 @@
 #include <atomic>
 #include <cmath>
 #include <cstring>
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "api/session.h"
 #include "platform/platform.h"
-#include "scene/scene.h"
-#include "tevix/tevix.h"
-#include "vcam.h"
 #include "vcam_env.h"
 
 namespace {
 
 using tevix::test::cap_errors;
+using tevix::test::decode;
 using tevix::test::pull;
 using tevix::test::set_u32;
 using tevix::test::vcam_env;
@@ -107,14 +101,9 @@ TEST_F(e2e, capture_decodes_the_scene_full_and_binned) {
         ASSERT_EQ(info.height, h);
         EXPECT_EQ(info.format, 2);
 
-        std::vector<uint16_t> mm(n), gray(n);
-        std::vector<float> m(n);
-        ASSERT_EQ(tevix_frame_get_dist_u16(dev, mm.data(), n, raw_.data(), info.size, &info),
-                  int(n));
-        ASSERT_EQ(tevix_frame_get_dist_f32(dev, m.data(), n, raw_.data(), info.size, &info),
-                  int(n));
-        ASSERT_EQ(tevix_frame_get_gray_u16(dev, gray.data(), n, raw_.data(), info.size, &info),
-                  int(n));
+        const auto mm = decode(tevix_frame_get_dist_u16, dev, raw_, info, n);
+        const auto m = decode(tevix_frame_get_dist_f32, dev, raw_, info, n);
+        const auto gray = decode(tevix_frame_get_gray_u16, dev, raw_, info, n);
         tevix::emu::scene_config sc;
         sc.freq_hz = k_freq;
         sc.width = static_cast<uint16_t>(w);

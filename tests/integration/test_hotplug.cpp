@@ -6,23 +6,12 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <memory>
-#include <mutex>
-#include <string>
+#include <set>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ll/usb/usb_ll.h"
 #include "platform/platform.h"
-#include "test_util.h"
-#include "tevix/tevix.h"
-#include "vcam.h"
 #include "vcam_env.h"
 
 namespace {
@@ -84,14 +73,24 @@ struct event_log {
     }
 };
 
-// What each open descriptor points at.
-std::vector<std::string> _fd_targets() {
-    std::vector<std::string> out;
+// What the open descriptors point at, for a leak's failure message.
+std::string _fd_targets() {
+    std::set<std::string> targets;
     std::error_code ec;
     for (const auto &e : std::filesystem::directory_iterator("/proc/self/fd", ec))
-        out.push_back(std::filesystem::read_symlink(e.path(), ec).string());
-    std::sort(out.begin(), out.end());
+        targets.insert(std::filesystem::read_symlink(e.path(), ec).string());
+    std::string out;
+    for (const auto &t : targets) out += " " + t;
     return out;
+}
+
+// Event i of log: its kind, and the camera's address and serial.
+void _expect_event(event_log<> &log, size_t i, int kind, const char *uri,
+                   const tevix::emu::camera_config &cfg) {
+    const tevix_hotplug_event_t ev = log.at(i);
+    EXPECT_EQ(ev.event, kind) << i;
+    EXPECT_STREQ(ev.uri, uri) << i;
+    EXPECT_EQ(std::string(ev.serial), _serial(cfg)) << i;
 }
 
 // The library's own threads (named "tevix-..."); the emulator's GLib workers come and go.
@@ -118,15 +117,12 @@ TEST(hotplug, arrival_removal_during_capture_and_reopen_at_a_new_address) {
     tevix::emu::camera *cam = vcam_env::tb().add(first);
     ASSERT_NE(cam, nullptr);
     ASSERT_TRUE(log.wait(1));
-    tevix_hotplug_event_t ev = log.at(0);
-    EXPECT_EQ(ev.event, TEVIX_HOTPLUG_ARRIVED);
-    EXPECT_STREQ(ev.uri, "usb://001:002:002");
-    EXPECT_EQ(std::string(ev.serial), _serial(first));
-    EXPECT_STREQ(ev.product, "VXCAM-E1-R1");
+    _expect_event(log, 0, TEVIX_HOTPLUG_ARRIVED, "usb://001:002:002", first);
+    EXPECT_STREQ(log.at(0).product, "VXCAM-E1-R1");
     EXPECT_NE(log.caller, std::this_thread::get_id());
 
     // Unplugged while capturing: one removal, and the pull ends with the transfer error soon.
-    tevix_dev_t *dev = tevix_dev_open_by_uri(ev.uri);
+    tevix_dev_t *dev = tevix_dev_open_by_uri(log.at(0).uri);
     ASSERT_NE(dev, nullptr);
     EXPECT_EQ(std::string(dev->serial), _serial(first));
     ASSERT_EQ(tevix_cap_start(dev), 1);
@@ -151,10 +147,7 @@ TEST(hotplug, arrival_removal_during_capture_and_reopen_at_a_new_address) {
     std::printf("pull ended %lld ms after the unplug\n", static_cast<long long>(took));
     EXPECT_LT(took, 1000);
     ASSERT_TRUE(log.wait(2));
-    ev = log.at(1);
-    EXPECT_EQ(ev.event, TEVIX_HOTPLUG_LEFT);
-    EXPECT_STREQ(ev.uri, "usb://001:002:002");
-    EXPECT_EQ(std::string(ev.serial), _serial(first));
+    _expect_event(log, 1, TEVIX_HOTPLUG_LEFT, "usb://001:002:002", first);
     tevix_dev_close(dev);
 
     // The same camera back at another address: found by its serial, opened and captured again.
@@ -162,11 +155,8 @@ TEST(hotplug, arrival_removal_during_capture_and_reopen_at_a_new_address) {
     again.port = again.addr = 3;
     ASSERT_NE(vcam_env::tb().add(again), nullptr);
     ASSERT_TRUE(log.wait(3));
-    ev = log.at(2);
-    EXPECT_EQ(ev.event, TEVIX_HOTPLUG_ARRIVED);
-    EXPECT_STREQ(ev.uri, "usb://001:003:003");
-    EXPECT_EQ(std::string(ev.serial), _serial(first));
-    dev = tevix_dev_open_by_uri(ev.uri);
+    _expect_event(log, 2, TEVIX_HOTPLUG_ARRIVED, "usb://001:003:003", first);
+    dev = tevix_dev_open_by_uri(log.at(2).uri);
     ASSERT_NE(dev, nullptr);
     ASSERT_EQ(tevix_cap_start(dev), 1);
     for (int i = 0; i < 5; ++i) ASSERT_EQ(pull(dev, raw), 1) << i;
@@ -209,7 +199,7 @@ TEST(hotplug, fifty_plug_cycles_leave_no_threads_descriptors_or_memory) {
     ASSERT_TRUE(cycle(2));  // warm-up: the allocator's first use of every path
     const size_t threads = _library_threads();
     const int fds = tevix::test::open_fd_count();
-    const std::vector<std::string> fd_before = _fd_targets();
+    const std::string fd_before = _fd_targets();
     const size_t heap = mallinfo2().uordblks;
     ASSERT_TRUE(cycle(50));
     // Threads and descriptors that finished their work may still be on their way out on a loaded
@@ -218,13 +208,8 @@ TEST(hotplug, fifty_plug_cycles_leave_no_threads_descriptors_or_memory) {
          ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_LE(_library_threads(), threads);
-    EXPECT_LE(tevix::test::open_fd_count(), fds) << [&] {
-        std::string d = "before:";
-        for (const auto &t : fd_before) d += " " + t;
-        d += "\nafter:";
-        for (const auto &t : _fd_targets()) d += " " + t;
-        return d;
-    }();
+    EXPECT_LE(tevix::test::open_fd_count(), fds)
+        << "before:" << fd_before << "\nafter:" << _fd_targets();
     const auto grown = static_cast<long long>(mallinfo2().uordblks) - static_cast<long long>(heap);
     std::printf("heap after 50 plug cycles: %+lld bytes\n", grown);
     EXPECT_LT(grown, 64 * 1024);
@@ -280,11 +265,12 @@ TEST(multicam, four_cameras_at_once_lose_no_frame) {
         ASSERT_NE(devs.back(), nullptr) << u;
     }
     std::vector<std::thread> pullers;
-    for (int i = 0; i < 4; ++i)
+    for (size_t i = 0; i < 4; ++i)
         pullers.emplace_back([&, i] {
-            tevix_dev_t *dev = devs[size_t(i)];
+            tevix_dev_t *dev = devs[i];
+            result &r = results[i];
             // Frames the stream dropped are reported to the error callback, on this thread.
-            t_discarded = &results[size_t(i)].discarded;
+            t_discarded = &r.discarded;
             tevix::test::cap_configure(dev, [](tevix_cap_cfg_t &c) {
                 c.on_cap_err = [](tevix_dev_t *, int code, uint32_t extra) {
                     if (code == TEVIX_ERR_CAP_FRAME_DISCARD) *t_discarded = extra;
@@ -298,26 +284,24 @@ TEST(multicam, four_cameras_at_once_lose_no_frame) {
             while (clock_::now() < until) {
                 tevix_frame_info_t info{};
                 const int n = pull(dev, raw, &info);
-                if (n < 0) ++results[size_t(i)].errors;
+                if (n < 0) ++r.errors;
                 if (n != 1) continue;
-                if (last >= 0)
-                    results[size_t(i)].gaps += static_cast<uint16_t>(info.index - last - 1);
+                if (last >= 0) r.gaps += static_cast<uint16_t>(info.index - last - 1);
                 last = info.index;
-                ++results[size_t(i)].frames;
+                ++r.frames;
             }
             tevix_cap_stop(dev);
         });
     for (auto &t : pullers) t.join();
-    for (int i = 0; i < 4; ++i) {
-        SCOPED_TRACE(uris[size_t(i)]);
-        std::printf("%s: %u frames in %.0f s\n", uris[size_t(i)].c_str(), results[size_t(i)].frames,
-                    seconds);
+    for (size_t i = 0; i < 4; ++i) {
+        const result &r = results[i];
+        std::printf("%s: %u frames in %.0f s\n", uris[i].c_str(), r.frames, seconds);
         // Every frame the camera sent arrived: no index skipped, none discarded, no error.
-        EXPECT_GT(results[size_t(i)].frames, 0u);
-        EXPECT_EQ(results[size_t(i)].gaps, 0u);
-        EXPECT_EQ(results[size_t(i)].discarded, 0u);
-        EXPECT_EQ(results[size_t(i)].errors, 0u);
-        tevix_dev_close(devs[size_t(i)]);
+        EXPECT_GT(r.frames, 0u) << uris[i];
+        EXPECT_EQ(r.gaps, 0u) << uris[i];
+        EXPECT_EQ(r.discarded, 0u) << uris[i];
+        EXPECT_EQ(r.errors, 0u) << uris[i];
+        tevix_dev_close(devs[i]);
     }
 }
 

@@ -15,16 +15,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <cstdlib>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/platform.h"
-#include "scene/scene.h"
 #include "stream/stream_internal.h"
-#include "tevix/tevix.h"
-#include "vcam.h"
 #include "vcam_env.h"
 
 namespace {

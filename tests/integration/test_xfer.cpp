@@ -1,23 +1,10 @@
 // Data transfer and firmware upgrade over the real libusb against the virtual camera's flash:
 // the version and size rules, erase only, download then upload byte for byte, the retry and
 // error-counter rules under the camera's faults, and uploads that leave no partial file.
-#include <unistd.h>
-
-#include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <memory>
 #include <random>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ll/usb/xfer_proto.h"
-#include "test_util.h"
-#include "tevix/tevix.h"
-#include "tevix/vx_log.h"
-#include "vcam.h"
 #include "vcam_env.h"
 
 namespace {
@@ -73,7 +60,6 @@ class xfer : public ::testing::Test {
         });
     }
     bool logged(const std::string &text) { return log_.has(text); }
-
     tevix::test::temp_dir dir_;
     tevix::test::log_capture log_;
     tevix_dev_t *dev_ = nullptr;

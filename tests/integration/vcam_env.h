@@ -1,19 +1,23 @@
 // Virtual cameras for a whole test program, and the small helpers of the tests that drive them
 // through the public calls. The testbed must exist before the library starts libusb, and go after
-// the last close.
+// the last close. Brings in GoogleTest, the public API, the emulator and the scene renderer.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "scene/scene.h"
+#include "test_util.h"
 #include "tevix/tevix.h"
+#include "tevix/tevix_param.h"
 #include "vcam.h"
 
 namespace tevix::test {
@@ -101,6 +105,38 @@ bool cap_configure(tevix_dev_t *dev, F &&edit) {
 inline int pull(tevix_dev_t *dev, std::vector<uint8_t> &buf, tevix_frame_info_t *info = nullptr) {
     return tevix_cap_get_frames(dev, 1, buf.data(), static_cast<uint32_t>(buf.size()), info);
 }
+
+// Every value of a pulled frame through get (a tevix_frame_get_* call): n of them expected.
+template <class T>
+std::vector<T> decode(int (*get)(tevix_dev_t *, T *, uint32_t, const uint8_t *, uint32_t,
+                                 const tevix_frame_info_t *),
+                      tevix_dev_t *dev, const std::vector<uint8_t> &raw,
+                      const tevix_frame_info_t &info, uint32_t n) {
+    std::vector<T> out(n);
+    EXPECT_EQ(get(dev, out.data(), n, raw.data(), info.size, &info), int(n));
+    return out;
+}
+
+// The path of the calibration container the library keeps for dev.
+inline std::string param_path(const tevix_dev_t *dev) {
+    char name[512];
+    return tevix_get_param_absolute_name(dev, name, sizeof name);
+}
+
+// A scratch working directory and an empty calibration cache for one test, undone after it.
+struct calib_dirs {
+    calib_dirs() {
+        std::filesystem::current_path(work.path());
+        tevix_path_set(prefix.c_str());
+    }
+    ~calib_dirs() {
+        tevix_path_set("");
+        std::filesystem::current_path(old_cwd);
+    }
+    tevix::test::temp_dir work, cache;
+    std::string prefix = cache.path().string() + "/";
+    std::filesystem::path old_cwd = std::filesystem::current_path();
+};
 
 // What the capture error callback (note) was told, in order; it answers true.
 struct cap_errors {
