@@ -21,7 +21,8 @@ using tevix::test::pull;
 using tevix::test::vcam_env;
 
 // No camera at start: the cases add their own.
-::testing::Environment *const g_env = ::testing::AddGlobalTestEnvironment(new vcam_env({}));
+::testing::Environment *const g_env =
+    ::testing::AddGlobalTestEnvironment(new vcam_env({}, "E2E_LOG"));
 
 tevix::emu::camera_config _unit(uint8_t bus, uint8_t port, uint32_t serial_word, const char *chip,
                                 uint32_t fps = 30) {
@@ -277,7 +278,10 @@ TEST(multicam, four_cameras_at_once_lose_no_frame) {
                     return 1;
                 };
             });
-            if (tevix_cap_start(dev) != 1) return;
+            if (tevix_cap_start(dev) != 1) {
+                ADD_FAILURE() << "capture did not start on " << uris[i];
+                return;
+            }
             std::vector<uint8_t> raw(8u << 20);
             int32_t last = -1;
             const auto until = clock_::now() + std::chrono::duration<double>(seconds);
